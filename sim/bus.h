@@ -1,0 +1,88 @@
+#ifndef SIM_BUS_H
+#define SIM_BUS_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sim/bus_file.h"
+#include "sim/device.h"
+#include "sim/event_queue.h"
+#include "sim/trace.h"
+#include "talm/talm_api.h"
+
+namespace sim {
+
+// One connection to a simulated bus: its devices, its clock and the callbacks. Any thread may call.
+// Callbacks are made on the event queue's threads without the bus's lock held, so that they may
+// block and may call the bus.
+class Bus {
+public:
+    // Opens the bus that the file describes. Throws BusFileError.
+    explicit Bus(const std::string& path);
+    ~Bus();
+
+    // The result of opening the connection: 0, or what the bus file has instead.
+    int openResult() const;
+
+    // Ends all traffic. No callback is running any more when it returns. What devices were
+    // installing they have then installed: hardware goes on when nobody is connected.
+    void stop();
+
+    // Each as the bus call of that name; for the results see namespace `result`.
+    bool isLinkActive();
+    int getMembers(vanid_t* members, int capacity);
+    int readType(const vanid_t& id, std::uint8_t& type);
+    bool isMaster(const vanid_t& id);
+    int readVersions(const vanid_t& id, Versions& versions, std::string& name);
+    int writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t contentSize,
+                     std::uint16_t checksum);
+    int sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes);
+    int checkImage(const vanid_t& id, std::uint32_t target, std::uint16_t& announced,
+                   std::uint16_t& computed);
+    int startUpdate(const vanid_t& id, std::uint32_t target);
+    void setTransferCallback(const CallbackSlot& slot);
+    void setBusChangeCallback(const CallbackSlot& slot);
+
+    // Makes the device ask, at once and on this thread, for everything from `packet` on.
+    void requestGoBack(const vanid_t& id, std::uint32_t packet);
+
+    Trace& trace() { return trace_; }
+    Microseconds now() const;
+
+private:
+    using Lock = std::lock_guard<std::mutex>;
+
+    bool isLinkUp() const;
+    Device* findOnBus(const vanid_t& id);
+    int request(const vanid_t& id, const std::function<int(Device&)>& carryOut);
+    void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes);
+    void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
+    void reportBusChange(const vanid_t& member, std::uint32_t event);
+    void finishInstallation(Device& device);
+    void comeBack(Device& device);
+    void storeInstalled(const Device& device);
+    void after(Microseconds delay, Event event);
+
+    std::mutex mutex_;  // guards all that follows, but for the trace, which has its own lock
+    BusFile file_;
+    const BusDescription& description_;
+    Trace trace_;
+    std::vector<Device> devices_;  // in the bus file's order; never resized
+    std::minstd_rand random_;
+    FaultCounter getMembersCalls_;
+    FaultCounter dataCalls_;
+    CallbackSlot transferSlot_{nullptr, nullptr};
+    CallbackSlot busChangeSlot_{nullptr, nullptr};
+    bool stopped_ = false;
+    const std::unique_ptr<EventQueue> queue_;
+    const Microseconds openedAt_;
+};
+
+}  // namespace sim
+
+#endif

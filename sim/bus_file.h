@@ -1,0 +1,38 @@
+#ifndef SIM_BUS_FILE_H
+#define SIM_BUS_FILE_H
+
+#include <string>
+
+#include "sim/bus_description.h"
+#include "sim/field_reader.h"
+
+namespace sim {
+
+// The JSON file that is the simulated hardware. Not for several threads at once.
+class BusFile {
+public:
+    // Throws BusFileError, naming the place, when the file cannot be read or is broken.
+    explicit BusFile(std::string path);
+
+    // Paths in it are as seen from here: relative ones in the file start at the file's directory.
+    const BusDescription& description() const { return description_; }
+
+    // Makes the versions those of the member (counted from 0) in the file, which a reader always
+    // finds whole. A failure is reported on standard error.
+    void storeVersions(std::size_t member, const Versions& versions);
+
+private:
+    const std::string path_;
+    Json json_;
+    BusDescription description_;
+};
+
+// The description that a bus file's text holds. Throws BusFileError.
+BusDescription describeBus(const Json& json);
+
+// The parsed text. Throws BusFileError with line and column.
+Json parseBusFile(const std::string& text);
+
+}  // namespace sim
+
+#endif

@@ -1,0 +1,114 @@
+#ifndef SIM_DEVICE_H
+#define SIM_DEVICE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/bus_description.h"
+
+namespace sim {
+
+// Results of bus calls beside 0 and a bus file's own.
+namespace result {
+constexpr int kNoSession = -1;  // the handle is not that of an open connection
+constexpr int kBroadcast = -2;  // the request went to all devices
+constexpr int kNoAnswer = -3;   // no such device on the bus, or the link is down
+constexpr int kRefused = -5;    // the device does not do that now
+}  // namespace result
+
+constexpr std::size_t kPacketBytes = 64;
+
+constexpr std::uint32_t kArmTarget = 0x200;
+constexpr std::uint32_t kDspTarget = 0x201;
+constexpr std::uint32_t kBoosterArmTarget = 0x202;
+
+// Transfer results that are no faults.
+constexpr std::int32_t kReceivedResult = 0;
+constexpr std::int32_t kGoBackResult = 17;
+
+// What a device answers to a packet, through the transfer callback.
+struct PacketAnswer {
+    std::int32_t result = 0;
+    std::uint32_t packet = 0;
+    int times = 1;
+};
+
+// One bus member, and where it is an Orvin its firmware: what it was told, received and installed.
+// It knows no time and no threads; the bus brings both, and holds its lock around every call.
+class Device {
+public:
+    explicit Device(const MemberDescription& description);
+
+    const MemberDescription& description() const { return description_; }
+    bool isOrvin() const { return description_.type == kOrvinType; }
+    bool isOnBus() const { return state_ != State::Restarting; }
+
+    // ---- requests. What they return is the bus call's result.
+    // --------------------------------------
+
+    int readType(std::uint8_t& type);
+    int readVersions(Versions& versions);
+    int writeRequest(std::uint32_t target, std::uint32_t contentSize, std::uint16_t checksum);
+    int checkImage(std::uint32_t target, std::uint16_t& announced, std::uint16_t& computed);
+    int startUpdate(std::uint32_t target);
+
+    // A data packet of kPacketBytes. None: the device says nothing.
+    std::optional<PacketAnswer> receive(std::uint32_t number, const std::uint8_t* bytes);
+
+    // Forgets the packets from `packet` on, as a device does that asks for them again.
+    void discardFrom(std::uint32_t packet);
+
+    // ---- an update that was started, one step after the other
+    // --------------------------------------
+
+    bool isInstalling() const { return state_ == State::Installing; }
+
+    // Ends the installation: the firmware is in, if it is fit for the device, and a device that
+    // restarts has left the bus. True when there is new content to keep.
+    bool finishInstallation();
+
+    // The device is back on the bus. False when it never comes.
+    bool comeBack();
+
+    const Versions& versions() const { return versions_; }
+    std::uint32_t target() const { return transfer_.target; }
+    const std::vector<std::uint8_t>& content() const { return transfer_.content; }
+
+private:
+    enum class State { Ready, Installing, Restarting };
+
+    // An image on its way to the device. What arrived is kept per packet.
+    struct Transfer {
+        bool open = false;
+        bool checked = false;
+        std::uint32_t target = 0;
+        std::uint32_t contentSize = 0;
+        std::uint16_t checksum = 0;
+        std::vector<std::uint8_t> content;
+        std::vector<bool> received;  // by packet number
+
+        bool isComplete() const;
+        std::uint16_t computeChecksum() const;
+    };
+
+    void keepPacket(std::uint32_t number, const std::uint8_t* bytes);
+    std::optional<PacketAnswer> faultyAnswer(std::uint32_t number);
+    bool takesNewFirmware();
+    std::uint32_t* versionOf(std::uint32_t target);
+
+    const MemberDescription description_;
+    Versions versions_;
+    State state_ = State::Ready;
+    Transfer transfer_;
+    std::vector<std::optional<std::uint32_t>> goBackTimes_;  // left, for each of the faults
+    std::uint32_t packetsSeen_ = 0;
+    std::uint32_t installations_ = 0;
+    FaultCounter typeQueries_, versionQueries_, writeRequests_, checks_, starts_;
+};
+
+}  // namespace sim
+
+#endif

@@ -1,0 +1,55 @@
+#ifndef SIM_FIELD_READER_H
+#define SIM_FIELD_READER_H
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+namespace sim {
+
+using Json = nlohmann::ordered_json;
+
+// Says where in the bus file what is wrong, in one line.
+class BusFileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads the fields of one JSON object. Every error names the place; a field that nobody asked for
+// is an error, too, since a fault with a misspelt name would be a healthy device.
+class FieldReader {
+public:
+    // `json` must outlive the reader. Throws BusFileError unless it is an object.
+    FieldReader(const Json& json, std::string place);
+
+    // Null when the field is absent.
+    const Json* find(const char* name);
+    const Json& require(const char* name);
+
+    // The value, or `fallback` when the field is absent. A number may be written as a text in
+    // hexadecimal, with 0x in front.
+    std::int64_t number(const char* name, std::int64_t fallback, std::int64_t min,
+                        std::int64_t max);
+    bool flag(const char* name);
+    std::string text(const char* name);
+
+    // The place of a field, as a JSON pointer.
+    std::string placeOf(const std::string& name) const;
+
+    // Throws when the object has a field that was not asked for.
+    void finish() const;
+
+private:
+    const Json& json_;
+    const std::string place_;
+    std::set<std::string> known_;
+};
+
+std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t min,
+                        std::int64_t max);
+
+}  // namespace sim
+
+#endif

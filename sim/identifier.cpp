@@ -1,0 +1,53 @@
+#include "sim/identifier.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <iterator>
+
+namespace sim {
+
+bool sameIdentifier(const vanid_t& a, const vanid_t& b) {
+    return std::memcmp(a.bytes, b.bytes, sizeof a.bytes) == 0;
+}
+
+bool isBroadcast(const vanid_t& id) {
+    return std::all_of(std::begin(id.bytes), std::end(id.bytes),
+                       [](std::uint8_t byte) { return byte == 0xff; });
+}
+
+std::optional<vanid_t> parseIdentifier(const std::string& text) {
+    vanid_t id{};
+    constexpr std::size_t kFieldWidth = 3;
+    if (text.size() != sizeof id.bytes * kFieldWidth - 1) {
+        return std::nullopt;
+    }
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool separator = i % kFieldWidth == kFieldWidth - 1;
+        if (separator ? text[i] != ':' : std::isxdigit(static_cast<unsigned char>(text[i])) == 0) {
+            return std::nullopt;
+        }
+    }
+    for (std::size_t k = 0; k < sizeof id.bytes; ++k) {
+        id.bytes[k] =
+            static_cast<std::uint8_t>(std::stoul(text.substr(k * kFieldWidth, 2), nullptr, 16));
+    }
+    return id;
+}
+
+std::string identifierText(const vanid_t& id) {
+    return hexText(id.bytes, sizeof id.bytes, ":");
+}
+
+std::string hexText(const std::uint8_t* bytes, std::size_t length, const char* separator) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < length; ++i) {
+        text += i == 0 ? "" : separator;
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0xf];
+    }
+    return text;
+}
+
+}  // namespace sim

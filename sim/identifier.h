@@ -1,0 +1,23 @@
+#ifndef SIM_IDENTIFIER_H
+#define SIM_IDENTIFIER_H
+
+#include <optional>
+#include <string>
+
+#include "talm/vanid.h"
+
+namespace sim {
+
+bool sameIdentifier(const vanid_t& a, const vanid_t& b);
+bool isBroadcast(const vanid_t& id);
+
+// 17 fields of two hexadecimal digits, joined by ':'; nothing else is taken for an identifier.
+std::optional<vanid_t> parseIdentifier(const std::string& text);
+std::string identifierText(const vanid_t& id);
+
+// Bytes as lower-case hexadecimal digits, `separator` between them.
+std::string hexText(const std::uint8_t* bytes, std::size_t length, const char* separator);
+
+}  // namespace sim
+
+#endif

@@ -1,0 +1,91 @@
+// Events on the real clock, run by a few threads of the queue's own.
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sim/event_queue.h"
+
+namespace sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Enough for several devices to report at the same moment.
+constexpr int kThreads = 4;
+
+class RealTimeQueue : public EventQueue {
+public:
+    RealTimeQueue() {
+        for (int i = 0; i < kThreads; ++i) {
+            threads_.emplace_back([this] { runEvents(); });
+        }
+    }
+
+    ~RealTimeQueue() override { RealTimeQueue::stop(); }
+
+    void stop() override {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            stopped_ = true;
+        }
+        changed_.notify_all();
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+        threads_.clear();
+    }
+
+    Microseconds now() const override {
+        return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start_).count();
+    }
+
+    void schedule(Microseconds when, Event event) override {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            events_.emplace(when, std::move(event));
+        }
+        changed_.notify_one();
+    }
+
+private:
+    void runEvents() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopped_) {
+            if (events_.empty()) {
+                changed_.wait(lock);
+                continue;
+            }
+            const auto first = events_.begin();
+            if (first->first > now()) {
+                changed_.wait_until(lock, start_ + std::chrono::microseconds(first->first));
+                continue;
+            }
+            const Event event = std::move(first->second);
+            events_.erase(first);
+            lock.unlock();
+            event();
+            lock.lock();
+        }
+    }
+
+    const Clock::time_point start_ = Clock::now();
+    std::mutex mutex_;  // guards events_ and stopped_
+    std::condition_variable changed_;
+    std::multimap<Microseconds, Event> events_;
+    bool stopped_ = false;
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
+std::unique_ptr<EventQueue> makeEventQueue() {
+    return std::make_unique<RealTimeQueue>();
+}
+
+}  // namespace sim

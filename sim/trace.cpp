@@ -1,0 +1,31 @@
+#include "sim/trace.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace sim {
+
+Trace::Trace(const std::string& path) {
+    if (path.empty()) {
+        return;
+    }
+    file_.reset(std::fopen(path.c_str(), "ae"));
+    if (!file_) {
+        std::fprintf(stderr, "trace '%s': cannot be opened: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return;
+    }
+    std::setvbuf(file_.get(), nullptr, _IOLBF, BUFSIZ);
+}
+
+void Trace::write(Microseconds time, const std::string& line) {
+    if (!isOn()) {
+        return;
+    }
+    constexpr Microseconds kSecond = 1'000'000;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::fprintf(file_.get(), "%6lld.%06lld %s\n", static_cast<long long>(time / kSecond),
+                 static_cast<long long>(time % kSecond), line.c_str());
+}
+
+}  // namespace sim
