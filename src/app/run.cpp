@@ -1,0 +1,125 @@
+#include "app/run.h"
+
+#include <libintl.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <list>
+#include <stdexcept>
+#include <string>
+
+#include "app/command_line.h"
+#include "app/session.h"
+#include "app/update_modes.h"
+#include "bus/link_state.h"
+#include "bus/listing.h"
+#include "core/bus_session.h"
+#include "core/exit_status.h"
+#include "core/run_config.h"
+#include "status/message_writer.h"
+
+namespace {
+
+constexpr char kVersion[] = "0.20.5";
+const std::string defaultConnection = "tcp://localhost:8442";
+
+constexpr int kLinkPolls = 20;
+constexpr useconds_t kLinkPollMicroseconds = 5'000'000;
+constexpr useconds_t kSettleMicroseconds =
+    1'000'000;  // between the link's return and the first call
+
+// A session lives until the process ends: the bus library's threads may still hold what belongs to
+// it. Kept in reach, so that leak checkers do not take it for lost.
+BusSession& newSession(ErrorInfo& error) {
+    static auto& sessions = *new std::list<BusSession>;
+    sessions.push_back(BusSession{false, nullptr, &error});
+    return sessions.back();
+}
+
+void useDefaultConnection(RunConfig& config) {
+    config.connection = defaultConnection;
+    if (config.debug) {
+        std::cout << "No connnection specified, defaulting to " << config.connection << std::endl;
+    }
+}
+
+bool createMessageWriter(const std::string& messageFile) {
+    try {
+        MessageWriter::init(messageFile);
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
+
+bool waitForActiveLink(const BusSession& session) {
+    for (int poll = 0; poll < kLinkPolls; ++poll) {
+        if (isLinkActive(session)) {
+            return true;
+        }
+        usleep(kLinkPollMicroseconds);
+    }
+    return false;
+}
+
+int runMode(RunConfig& config) {
+    if (config.listDevices) {
+        return listMode(config);
+    }
+    if (config.queryVersion) {
+        return versionMode(config);
+    }
+    return config.broadcast ? broadcastUpdate(config) : targetedUpdate(config);
+}
+
+int reportSessionFailure(const RunConfig& config, const ErrorInfo& error) {
+    std::cout << "Failed to initialize lumnet lib on " << config.connection << std::endl;
+    std::cout << "Error: " << error.message << std::endl;
+    return exit_status::kBusSessionFailed;
+}
+
+// From the open session to the mode's result. The writer stays when the link never comes.
+int runOnBus(RunConfig& config) {
+    std::cout << "Waiting for bus to become ACTIVE..." << std::endl;
+    MessageWriter::instance()->write(gettext("Waiting for Lumnet bus to become active..."));
+    if (!waitForActiveLink(*config.session)) {
+        std::cout << "Bus not ACTIVE, exiting." << std::endl;
+        MessageWriter::instance()->write(gettext("Lumnet bus not active, please try again later!"));
+        closeSession(*config.session);
+        return exit_status::kLinkInactive;
+    }
+    std::cout << "Bus ACTIVE, proceeding." << std::endl;
+    usleep(kSettleMicroseconds);
+
+    const int result = runMode(config);
+    closeSession(*config.session);
+    delete MessageWriter::instance();
+    return result;
+}
+
+}  // namespace
+
+int run(RunConfig& config, int argc, char** argv) {
+    config.programPath = argc > 0 ? argv[0] : "";
+    std::cout << ">> Orvin Firmware upgrade v" << kVersion << std::endl;
+    config.listDevices = config.queryVersion = config.broadcast = config.force = false;
+    if (!parseCommandLine(config, argc, argv)) {
+        printUsage(config);
+        return exit_status::kBadCommandLine;
+    }
+    if (config.connection.empty()) {
+        useDefaultConnection(config);
+    }
+    ErrorInfo error;
+    BusSession& session = newSession(error);
+    config.session = &session;
+    if (!startSession(session, config.connection)) {
+        return reportSessionFailure(config, error);
+    }
+    if (!createMessageWriter(config.messageFile)) {
+        std::cout << "Coult not initialize message writer!" << std::endl;
+        closeSession(session);
+        return exit_status::kNoMessageWriter;
+    }
+    return runOnBus(config);
+}

@@ -1,0 +1,9 @@
+#ifndef BUS_LINK_STATE_H
+#define BUS_LINK_STATE_H
+
+struct BusSession;
+
+// Whether the bus link is active now. A session that is not open is not asked.
+bool isLinkActive(const BusSession& session);
+
+#endif

@@ -1,0 +1,100 @@
+// What the bus library reports to the group, on threads of its own, and the removal of the devices
+// of which it reports nothing.
+
+#include <cstdio>
+
+#include "core/bus_session.h"
+#include "group/list_lock.h"
+#include "group/orvin_group.h"
+
+namespace {
+
+constexpr std::int32_t kPacketReceived = 0;
+constexpr std::int32_t kGoBack = 17;
+constexpr std::uint32_t kMemberJoined = 0;
+
+// Selects the results of image packets; the meaning of the numbers is the library's.
+int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
+    return TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
+}
+
+void transferCallback(std::int32_t result, void* userArgument, vanid_t source, vanid_t /*other*/,
+                      std::uint32_t packetNumber, std::uint32_t /*lastWord*/) {
+    static_cast<OrvinGroup*>(userArgument)->onTransferResult(result, source, packetNumber);
+}
+
+void busChangeCallback(void* userArgument, const vanid_t* member, std::uint32_t event) {
+    if (event != kMemberJoined) {
+        return;
+    }
+    static_cast<OrvinGroup*>(userArgument)->markRejoined(*member);
+}
+
+}  // namespace
+
+void OrvinGroup::registerTransferCallback() {
+    const TransferCallback callback = transferCallback;
+    setTransferCallback(*session, {reinterpret_cast<void (*)()>(callback), this});
+}
+
+void OrvinGroup::clearTransferCallback() {
+    setTransferCallback(*session, {nullptr, nullptr});
+}
+
+void OrvinGroup::registerBusChangeCallback() {
+    const BusChangeCallback callback = busChangeCallback;
+    const CallbackSlot slot{reinterpret_cast<void (*)()>(callback), this};
+    TalmApiSetBusChangeCallback(session->handle, &slot, 0);
+}
+
+void OrvinGroup::clearBusChangeCallback() {
+    const CallbackSlot slot{nullptr, nullptr};
+    TalmApiSetBusChangeCallback(session->handle, &slot, 0);
+}
+
+void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
+                                  std::uint32_t packet) {
+    ListLock lock(*this);
+    // To the end of the list: the same device may have been added twice.
+    for (auto member = orvins.begin(); member != orvins.end();) {
+        const bool reports = vanid_equal(&(*member)->vanid, &source) != 0;
+        member = reports ? applyTransferResult(member, result, packet) : std::next(member);
+    }
+}
+
+// Returns the member's successor. A result carries no number that tells which packet it
+// acknowledges: a late one counts for the packet in flight. A device that missed a packet that way
+// fails its check.
+OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::iterator member,
+                                                                std::int32_t result,
+                                                                std::uint32_t packet) {
+    Orvin& orvin = **member;
+    if (result == kPacketReceived) {
+        orvin.acknowledged = true;
+        return std::next(member);
+    }
+    if (result == kGoBack) {
+        if (packetNumber > packet) {
+            printf("Go back in fw: cur: %d new: %d\n", static_cast<int>(packetNumber),
+                   static_cast<int>(packet));
+            packetNumber = packet;
+        }
+        orvin.acknowledged = true;
+        return std::next(member);
+    }
+    printf("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)\n", orvin.vanidText.c_str(),
+           result, static_cast<unsigned>(result));
+    return dropMember(member);
+}
+
+void OrvinGroup::removeUnacknowledged() {
+    ListLock lock(*this);
+    for (auto member = orvins.begin(); member != orvins.end();) {
+        if ((*member)->acknowledged) {
+            ++member;
+            continue;
+        }
+        printf("\nRemoving Orvin %s due to timeout\n", (*member)->vanidText.c_str());
+        member = dropMember(member);
+    }
+}

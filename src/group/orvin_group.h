@@ -1,0 +1,160 @@
+#ifndef GROUP_ORVIN_GROUP_H
+#define GROUP_ORVIN_GROUP_H
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <string>
+
+#include "core/mutex.h"
+#include "talm/talm_api.h"
+
+class FirmwareImage;
+struct BusSession;
+struct PacketTransfer;
+
+// The Orvins that take part in an upgrade, and the only state shared between the main thread and
+// the bus library's callback threads.
+//
+// Each device has one record that two lists hold: the device list `orvins` loses every device that
+// fails, is up to date or is of another type; the full list `allOrvins` keeps them all, so that the
+// device list can be restored for the next image. Records are not unique: adding an identifier
+// twice gives two.
+//
+// Locks: `listMutex` first, then `fullListMutex`; never the other way round. All operations are the
+// main thread's, but for onTransferResult and markRejoined, which come on the library's threads.
+//
+// The group outlives its callbacks: the rejoin wait comes between the clearing of either callback
+// and the end of the group, and takes seconds, while a callback still running then takes a moment.
+class OrvinGroup {
+public:
+    // The flags are guarded by the group's listMutex; the rest never changes.
+    struct Orvin {
+        vanid_t vanid{};              // all zero when the text is no identifier
+        std::string vanidText;        // as given; names the device in every message
+        bool acknowledged = false;    // has the packet in flight
+        bool rejoined = false;        // was reported back on the bus after its restart
+        bool restartPending = false;  // was started on an update after which it restarts
+    };
+
+    // `session` is not owned and must be open while the group makes bus calls. `useMessageFile`:
+    // somebody follows the status message file, so leave certain messages there for a while.
+    OrvinGroup(BusSession* session, bool useMessageFile);
+    ~OrvinGroup();
+    OrvinGroup(const OrvinGroup&) = delete;
+    OrvinGroup& operator=(const OrvinGroup&) = delete;
+
+    // ---- members (orvin_group.cpp)
+    // ----------------------------------------------------------------
+
+    void lockList() ACQUIRE(listMutex);
+    void unlockList() RELEASE(listMutex);
+    void lockFullList() ACQUIRE(fullListMutex);
+    void unlockFullList() RELEASE(fullListMutex);
+
+    void addOrvin(const std::string& vanidText);
+    int count();
+    void getVanidTexts(std::list<std::string>& out);  // appends
+    void restoreFromFullList();                       // leaves the records' flags alone
+    void setRestartPending(const std::string& vanidText, bool value);
+    void resetRejoinState();
+    void clearAcknowledged();
+    bool allAcknowledged();
+    bool allRejoined();
+
+    // Counts a device as reported back, each report anew. Callback threads.
+    void markRejoined(const vanid_t& id);
+
+    // Whether every device answers the version query with a DSP version other than 0. Holds
+    // listMutex for the whole scan, with a pause of 0.5 s after each answer.
+    bool allOnline();
+
+    // ---- transfer results, bus changes and silent devices (bus_callbacks.cpp)
+    // ---------------------
+
+    void registerTransferCallback();
+    void clearTransferCallback();
+    void registerBusChangeCallback();
+    void clearBusChangeCallback();
+
+    // What the device `source` made of a packet. Callback threads.
+    void onTransferResult(std::int32_t result, const vanid_t& source, std::uint32_t packet);
+
+    void removeUnacknowledged();
+
+    // ---- selection (version_check.cpp)
+    // ------------------------------------------------------------
+
+    // Asks every device for its versions and leaves in the device list those that need the image,
+    // and unless `removeUnreachable` those that did not answer. Appends the devices that have the
+    // image's version to `upToDate`. `verbose`: names those it removes as up to date or of another
+    // type. Holds listMutex for the whole scan.
+    void checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
+                       bool removeUnreachable, bool verbose);
+
+    // ---- one transfer, step by step (src/transfer)
+    // ------------------------------------------------
+
+    // Announces the image to every device and registers the transfer callback. Returns count().
+    int initializeTransfers(const FirmwareImage& image);
+
+    // Sends the content to all devices at once, packet by packet, and clears the transfer callback.
+    // Returns 0, or 128 no device left, 131 read error, 135 packet refused.
+    int transferData(FirmwareImage& image);
+
+    // Has every device check what it received. Returns count().
+    int verifyAll(std::uint32_t device);
+
+    // Registers the bus change callback and has every device install the image. Returns count().
+    int startUpdates(std::uint32_t device);
+
+    // Waits until the devices are back, within a budget that grows with their number, and clears
+    // the bus change callback. False when the budget ran out.
+    bool waitForRejoin();
+
+private:
+    using OrvinList = std::list<boost::shared_ptr<Orvin>>;
+
+    // Unlinks the device and returns its successor.
+    OrvinList::iterator eraseMember(OrvinList::iterator member) REQUIRES(listMutex);
+
+    // As eraseMember, for a device that may have been started on an update.
+    OrvinList::iterator dropMember(OrvinList::iterator member) REQUIRES(listMutex);
+
+    void setRestartPendingLocked(const std::string& vanidText, bool value) REQUIRES(listMutex);
+
+    OrvinList::iterator applyTransferResult(OrvinList::iterator member, std::int32_t result,
+                                            std::uint32_t packet) REQUIRES(listMutex);
+
+    void runStep(const char* lineStart, const char* name, const std::function<bool(Orvin&)>& step);
+
+    // The packet loop of transferData.
+    int sendContent(PacketTransfer& transfer);
+    bool takePacket(PacketTransfer& transfer);
+    void settlePacket(PacketTransfer& transfer);
+    int sendUntilAcknowledged(PacketTransfer& transfer);
+    int sendPacket(const PacketTransfer& transfer);
+
+    // The phases of waitForRejoin. `budget`: the seconds left to wait.
+    void waitForLink();
+    void waitForReports(std::int64_t& budget);
+    void waitForMembership(std::int64_t& budget);
+    bool waitForAnswers(std::int64_t& budget);
+
+    // Number of the next packet to send. The main thread takes numbers in order; a go-back request
+    // lowers it, on a callback thread.
+    std::uint32_t packetNumber GUARDED_BY(listMutex) = 0;
+    Mutex listMutex ACQUIRED_BEFORE(fullListMutex);  // recursive
+    Mutex fullListMutex;
+    std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
+    OrvinList orvins GUARDED_BY(listMutex);
+    OrvinList allOrvins GUARDED_BY(fullListMutex);
+    BusSession* const session;
+    const bool useMessageFile;
+
+    friend class ListLock;
+};
+
+#endif

@@ -1,0 +1,76 @@
+// Which devices need an image.
+
+#include <cstdio>
+#include <optional>
+
+#include "bus/device_versions.h"
+#include "core/bus_session.h"
+#include "group/list_lock.h"
+#include "group/orvin_group.h"
+#include "image/firmware_image.h"
+#include "image/firmware_target.h"
+
+namespace {
+
+enum class Need { Image, UpToDate, AnotherType };
+
+// The version of the processor that an image for `device` is for; none for an unknown code.
+std::optional<std::uint32_t> versionOfTarget(const DeviceVersions& versions, std::uint32_t device) {
+    switch (static_cast<FirmwareTarget>(device)) {
+    case FirmwareTarget::Arm:
+        return versions.arm;
+    case FirmwareTarget::Dsp:
+        return versions.dsp;
+    case FirmwareTarget::BoosterArm:
+        return versions.boosterArm;
+    }
+    return std::nullopt;
+}
+
+// Any difference needs the image: an older one is installed over a newer version as well.
+Need needOf(const DeviceVersions& versions, const FirmwareImageHeader& header) {
+    const std::optional<std::uint32_t> current = versionOfTarget(versions, header.device);
+    if (!current) {
+        return Need::AnotherType;
+    }
+    return *current == header.version ? Need::UpToDate : Need::Image;
+}
+
+}  // namespace
+
+void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
+                               bool removeUnreachable, bool verbose) {
+    ListLock lock(*this);
+    for (auto member = orvins.begin(); member != orvins.end();) {
+        const Orvin& orvin = **member;
+        const char* const text = orvin.vanidText.c_str();
+        DeviceVersions versions;
+        if (!getVersion(*session, orvin.vanid, versions)) {
+            printf("orvin '%s' getVersion() failed\n", text);
+            if (!removeUnreachable) {
+                ++member;
+                continue;
+            }
+            printf("Removing Orvin %s because getVersion failed\n", text);
+            member = dropMember(member);
+            continue;
+        }
+        switch (needOf(versions, image.getHeader())) {
+        case Need::Image:
+            ++member;
+            continue;
+        case Need::UpToDate:
+            upToDate.push_back(orvin.vanidText);
+            if (verbose) {
+                printf("Orvin %s is already up to date.\n", text);
+            }
+            break;
+        case Need::AnotherType:
+            if (verbose) {
+                printf("Orvin %s is another type.\n", text);
+            }
+            break;
+        }
+        member = dropMember(member);
+    }
+}

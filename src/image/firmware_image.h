@@ -1,0 +1,72 @@
+#ifndef IMAGE_FIRMWARE_IMAGE_H
+#define IMAGE_FIRMWARE_IMAGE_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct ErrorInfo;
+
+// The header fields of a firmware image, as read from the file.
+struct FirmwareImageHeader {
+    std::uint32_t headerSize = 0;  // offset of the first content byte
+    std::uint32_t manufacturer = 0;
+    std::uint32_t device = 0;  // a FirmwareTarget, or a code unknown to this tool
+    std::uint32_t contentType = 0;
+    std::uint32_t contentSize = 0;  // bytes
+    std::uint16_t contentChecksum = 0;
+    std::uint32_t version = 0;
+};
+
+// Reads one firmware image file: a little-endian header of 36 bytes, whatever fills it up to
+// `headerSize`, then the content up to the end of the file.
+//
+//     0 "tevu"   4 headerSize   8 manufacturer   12 device   16 contentType   20 contentSize
+//     24 contentChecksum (2 bytes)   26 reserved (2 and 4 bytes)   32 version
+//
+// Prints and throws nothing. The reason of the last failure stands in the caller's error record,
+// which must outlive the reader; construction and `close` set it to "File not open", so that there
+// always is a text. One thread only.
+class FirmwareImage {
+public:
+    explicit FirmwareImage(ErrorInfo* error);
+    ~FirmwareImage();
+    FirmwareImage(const FirmwareImage&) = delete;
+    FirmwareImage& operator=(const FirmwareImage&) = delete;
+
+    // Opens the file, checks its header and stands at the first content byte. A file too short for
+    // a header is refused without a change to the error record.
+    bool open(const std::string& path);
+
+    // One read of at most `length` bytes from where the reader stands. Returns their number, 0 at
+    // the end of the file, -1 on failure.
+    ssize_t read(void* buffer, std::size_t length);
+
+    // Stands at `contentOffset` bytes from the first content byte. False when that cannot be done.
+    bool seek(std::int32_t contentOffset);
+
+    void close();
+
+    // Whether the last `open` found a whole header, be it of a file that it then refused.
+    bool hasHeader() const { return headerComplete; }
+
+    // The fields of the last whole header read.
+    const FirmwareImageHeader& getHeader() const { return header; }
+
+    // "Pellix ARM" and the like; empty for a code that is no FirmwareTarget.
+    static std::string getTargetName(std::uint32_t device);
+
+private:
+    bool readAndCheckHeader();
+
+    bool isOpen = false;
+    int descriptor = -1;
+    FirmwareImageHeader header;
+    bool headerComplete = false;
+    std::uint32_t fileSize = 0;
+    ErrorInfo* error;
+};
+
+#endif

@@ -1,0 +1,20 @@
+#ifndef IMAGE_FIRMWARE_TARGET_H
+#define IMAGE_FIRMWARE_TARGET_H
+
+#include <cstdint>
+
+// The processors of an Orvin that take firmware: the values of an image header's `device` field.
+enum class FirmwareTarget : std::uint32_t {
+    Arm = 0x200,
+    Dsp = 0x201,
+    BoosterArm = 0x202,
+};
+
+// Whether the firmware is for a processor beside the main one. It runs after the main processor's
+// images, and the device stays on the bus while it installs it; any other makes the device restart.
+constexpr bool isAuxiliaryTarget(std::uint32_t device) {
+    return device == static_cast<std::uint32_t>(FirmwareTarget::Dsp) ||
+           device == static_cast<std::uint32_t>(FirmwareTarget::BoosterArm);
+}
+
+#endif

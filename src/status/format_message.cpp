@@ -1,0 +1,21 @@
+#include "status/format_message.h"
+
+#include <libintl.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+std::string formatMessage(const char* format, ...) {
+    char* buffer = nullptr;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vasprintf(&buffer, format, arguments);
+    va_end(arguments);
+    if (length < 0) {
+        return gettext("autosprintf/vasprintf error");
+    }
+    std::string message(buffer);
+    std::free(buffer);
+    return message;
+}

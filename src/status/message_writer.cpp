@@ -1,0 +1,91 @@
+#include "status/message_writer.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+MessageWriter* MessageWriter::theInstance = nullptr;
+
+namespace {
+
+// The message file is replaced from here, so it must be on the same file system as /tmp.
+constexpr char kTemporaryFileTemplate[] = "/tmp/talmfwXXXXXX";
+
+// Writes the message with one call and closes the file in any case. False, with the reason printed,
+// when it did not take the whole message.
+bool writeAndClose(int file, const std::string& message) {
+    const ssize_t written = write(file, message.data(), message.size());
+    close(file);
+    if (written < 0) {
+        printf("Error at write message: %s\n", strerror(errno));
+        return false;
+    }
+    if (static_cast<size_t>(written) < message.size()) {
+        printf("Incomplete write for message: %s\n", message.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+MessageWriter* MessageWriter::init(const std::string& messageFile) {
+    if (theInstance == nullptr) {
+        theInstance = new MessageWriter(messageFile);
+    }
+    return theInstance;
+}
+
+MessageWriter* MessageWriter::instance() {
+    if (theInstance == nullptr) {
+        throw std::runtime_error("MessageWriter class not initialized");
+    }
+    return theInstance;
+}
+
+MessageWriter::MessageWriter(const std::string& path) : messageFile(path) {
+    if (mutex.init(Mutex::Kind::Default) != 0) {
+        throw std::runtime_error("could not initialize message mutex!");
+    }
+}
+
+MessageWriter::~MessageWriter() {
+    mutex.destroy();
+    theInstance = nullptr;
+}
+
+void MessageWriter::write(const std::string& message) {
+    if (messageFile.empty()) {
+        return;
+    }
+    const int lockResult = mutex.lock();
+    if (lockResult != 0) {
+        printf("Could not lock message mutex for message \"%s\": %s\n", message.c_str(),
+               strerror(lockResult));
+        return;
+    }
+    replaceMessageFile(message);
+    mutex.unlock();
+}
+
+void MessageWriter::replaceMessageFile(const std::string& message) {
+    char temporaryFile[sizeof kTemporaryFileTemplate];
+    memcpy(temporaryFile, kTemporaryFileTemplate, sizeof kTemporaryFileTemplate);
+    const int file = mkstemp(temporaryFile);
+    if (file < 0) {
+        printf("Could not create temporary file %s: %s\n", temporaryFile, strerror(errno));
+        return;
+    }
+    // After a failed write the temporary file stays behind, for whoever looks into the failure.
+    if (!writeAndClose(file, message)) {
+        return;
+    }
+    if (rename(temporaryFile, messageFile.c_str()) != 0) {
+        printf("Could not apply message to file %s: %s\n", messageFile.c_str(), strerror(errno));
+        unlink(temporaryFile);
+    }
+}

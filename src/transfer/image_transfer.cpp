@@ -1,0 +1,188 @@
+// The packet loop: one packet in flight, sent to all devices at once, until every one of them has
+// it or was given up on.
+
+#include <libintl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "core/exit_status.h"
+#include "group/list_lock.h"
+#include "group/orvin_group.h"
+#include "image/firmware_image.h"
+#include "status/format_message.h"
+#include "status/message_writer.h"
+#include "transfer/transfer_primitives.h"
+
+namespace {
+
+constexpr useconds_t kPollMicroseconds = 1'000;
+constexpr int kResendPolls = 5'000;
+constexpr int kRemovalPolls = 2 * kResendPolls;  // the resend gets as long as the first sending
+
+constexpr int kPercentStep = 5;
+constexpr std::uint32_t kPacketsPerDot = 20;
+
+// How long the last progress message stays for those who follow the status message file.
+constexpr useconds_t kFollowersPauseMicroseconds = 5'000'000;
+
+}  // namespace
+
+// What one call of transferData knows. Main thread only.
+struct PacketTransfer {
+    explicit PacketTransfer(FirmwareImage& openImage)
+        : image(openImage),
+          contentSize(openImage.getHeader().contentSize),
+          targetName(FirmwareImage::getTargetName(openImage.getHeader().device)) {}
+
+    // Writes the progress to the status message file, in steps of 5 %, while there is content left.
+    void reportProgress();
+
+    // Fills the buffer with the content of the packet. False when the image does not yield it.
+    bool readPacket();
+
+    void printReport() const;
+
+    FirmwareImage& image;
+    const std::uint32_t contentSize;
+    const std::string targetName;
+    std::uint8_t content[ImageChunkSize] = {};
+    std::uint32_t packet = 0;            // the packet in flight; at the end, the number of packets
+    std::uint32_t packetAtReader = 0;    // the packet that the next read of the image yields
+    std::uint32_t bytesTransferred = 0;  // content that every device has, up to the next packet
+    std::int32_t retransmissions = 0;
+    std::int32_t lastReportedPercent = -1;
+};
+
+void PacketTransfer::reportProgress() {
+    if (bytesTransferred >= contentSize) {
+        return;
+    }
+    // Rounds up, so a large image reaches 100 one packet early.
+    const std::uint32_t left = contentSize - bytesTransferred;
+    const auto percent = static_cast<std::int32_t>(100 - 100 * left / contentSize);
+    if (percent % kPercentStep != 0 || percent == lastReportedPercent) {
+        return;
+    }
+    MessageWriter::instance()->write(formatMessage(
+        gettext("Orvin firmware upgrade in progress. Uploading %s firmware, %d%% completed..."),
+        targetName.c_str(), percent));
+    lastReportedPercent = percent;
+}
+
+bool PacketTransfer::readPacket() {
+    const std::uint32_t offset = packet * static_cast<std::uint32_t>(ImageChunkSize);
+    if (packet != packetAtReader && !image.seek(static_cast<std::int32_t>(offset))) {
+        return false;
+    }
+    packetAtReader = packet + 1;
+    const ssize_t count = image.read(content, ImageChunkSize);
+    // Less than the packet's share of the content: the file has shrunk since it was opened, and
+    // what stands in the buffer is not this packet.
+    return count >=
+           static_cast<ssize_t>(std::min<std::size_t>(ImageChunkSize, contentSize - offset));
+}
+
+void PacketTransfer::printReport() const {
+    printf("\n>> Transferred %d bytes in %d packet%s\n", static_cast<int>(bytesTransferred),
+           static_cast<int>(packet), packet > 1 ? "s" : "");
+    printf(">> Amount of retransmitted packets: %d\n", retransmissions);
+}
+
+int OrvinGroup::transferData(FirmwareImage& image) {
+    {
+        ListLock lock(*this);
+        packetNumber = 0;
+    }
+    PacketTransfer transfer(image);
+    image.seek(0);
+    const int result = sendContent(transfer);
+    if (result == exit_status::kSuccess) {
+        transfer.printReport();
+    }
+    clearTransferCallback();
+    if (result == exit_status::kSuccess && useMessageFile) {
+        usleep(kFollowersPauseMicroseconds);
+    }
+    return result;
+}
+
+int OrvinGroup::sendContent(PacketTransfer& transfer) {
+    transfer.reportProgress();
+    while (takePacket(transfer)) {
+        if (!transfer.readPacket()) {
+            puts("\nError reading firmware file");
+            return exit_status::kImageReadFailed;
+        }
+        clearAcknowledged();
+        const int sent = sendUntilAcknowledged(transfer);
+        if (sent != kSentToAll) {
+            printf("\nError in sendChunk(): %d\n", sent);
+            return exit_status::kSendFailed;
+        }
+        if (count() == 0) {
+            puts("\nNo Orvins left; aborting");
+            return exit_status::kNoOrvinsLeft;
+        }
+        settlePacket(transfer);
+        transfer.reportProgress();
+    }
+    return exit_status::kSuccess;
+}
+
+// Takes the number of the next packet; false when all were sent. A device may ask to go back at any
+// moment, so the number is looked at, taken and advanced in one go: a request that comes before is
+// followed, one that comes after is found once this packet is settled.
+bool OrvinGroup::takePacket(PacketTransfer& transfer) {
+    ListLock lock(*this);
+    transfer.packet = packetNumber;
+    if (std::uint64_t{packetNumber} * ImageChunkSize >= transfer.contentSize) {
+        return false;
+    }
+    ++packetNumber;
+    return true;
+}
+
+// Takes stock once every device left has the packet. The count of bytes follows the next packet's
+// number, so that it goes back with it and the transfer ends only when every byte was acknowledged.
+void OrvinGroup::settlePacket(PacketTransfer& transfer) {
+    std::uint32_t next = 0;
+    {
+        ListLock lock(*this);
+        next = packetNumber;
+    }
+    const std::uint64_t bytes = std::uint64_t{next} * ImageChunkSize;
+    transfer.bytesTransferred =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes, transfer.contentSize));
+    const bool wentBack = next <= transfer.packet;
+    if (!wentBack && next % kPacketsPerDot == 0) {
+        printf(".");
+        fflush(stdout);
+    }
+}
+
+// Sends the packet in flight, a second time if need be, and drops the devices that acknowledge
+// neither. Returns kSentToAll, or what the library answered instead.
+int OrvinGroup::sendUntilAcknowledged(PacketTransfer& transfer) {
+    int sent = sendPacket(transfer);
+    for (int poll = 0; sent == kSentToAll && !allAcknowledged();) {
+        usleep(kPollMicroseconds);
+        ++poll;
+        if (poll == kResendPolls) {
+            printf("#");
+            ++transfer.retransmissions;
+            sent = sendPacket(transfer);
+        }
+        if (poll == kRemovalPolls) {
+            removeUnacknowledged();
+            break;
+        }
+    }
+    return sent;
+}
+
+int OrvinGroup::sendPacket(const PacketTransfer& transfer) {
+    return sendChunk(*session, broadcastVanid, transfer.content, transfer.packet);
+}

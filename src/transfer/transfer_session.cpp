@@ -1,0 +1,74 @@
+#include "transfer/transfer_session.h"
+
+#include <libintl.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include "core/bus_session.h"
+#include "core/exit_status.h"
+#include "group/list_lock.h"
+#include "group/orvin_group.h"
+#include "image/firmware_image.h"
+#include "image/firmware_target.h"
+#include "status/message_writer.h"
+#include "transfer/transfer_primitives.h"
+
+bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
+    const std::uint32_t device = image.getHeader().device;
+    group.initializeTransfers(image);
+    if (group.transferData(image) != exit_status::kSuccess) {
+        std::cout << "Failed to transfer data to the Orvins" << std::endl;
+        MessageWriter::instance()->write(gettext("Failed to transfer firmware!"));
+        return false;
+    }
+    group.verifyAll(device);
+    group.startUpdates(device);
+    return true;
+}
+
+// Carries out one step of the transfer for every device; one that fails it leaves the device list.
+void OrvinGroup::runStep(const char* lineStart, const char* name,
+                         const std::function<bool(Orvin&)>& step) {
+    ListLock lock(*this);
+    for (auto member = orvins.begin(); member != orvins.end();) {
+        if (step(**member)) {
+            ++member;
+            continue;
+        }
+        printf("%sRemoving orvin '%s' after %s() failed\n", lineStart, (*member)->vanidText.c_str(),
+               name);
+        member = eraseMember(member);
+    }
+}
+
+int OrvinGroup::initializeTransfers(const FirmwareImage& image) {
+    runStep("\n", "initializeTransfer", [&](Orvin& orvin) {
+        return initializeTransfer(*session, orvin.vanid, image.getHeader());
+    });
+    registerTransferCallback();
+    return count();
+}
+
+int OrvinGroup::verifyAll(std::uint32_t device) {
+    MessageWriter::instance()->write(gettext("Verifying uploaded firmware image..."));
+    runStep("\n", "verifyData",
+            [&](Orvin& orvin) { return verifyData(*session, orvin.vanid, device); });
+    return count();
+}
+
+int OrvinGroup::startUpdates(std::uint32_t device) {
+    registerBusChangeCallback();  // before the first device can leave and come back
+    runStep("", "startUpdate", [&](Orvin& orvin) {
+        if (!startUpdate(*session, orvin.vanid, device)) {
+            return false;
+        }
+        if (!isAuxiliaryTarget(device)) {
+            orvin.rejoined = false;
+            orvin.restartPending = true;
+        }
+        return true;
+    });
+    rejoinedCount = 0;
+    return count();
+}
