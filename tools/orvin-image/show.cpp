@@ -1,0 +1,148 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "core/error_info.h"
+#include "firmware/checksum.h"
+#include "image/firmware_image.h"
+#include "orvin-image/commands.h"
+
+namespace orvin_image {
+
+namespace {
+
+// What there is to say of an image file.
+struct Inspection {
+    std::string path;
+    std::optional<std::uintmax_t> fileSize;
+    std::optional<FirmwareImageHeader> header;  // none when the file has no whole header
+    std::string refusal;                        // the upgrade tool's words; empty: accepted
+    std::optional<std::uint16_t> checksum;      // of the content of an accepted image
+
+    bool sizesAddUp() const {
+        return header && fileSize &&
+               std::uint64_t{header->headerSize} + header->contentSize == *fileSize;
+    }
+};
+
+std::uint16_t sumContent(FirmwareImage& image) {
+    firmware::Checksum checksum;
+    std::array<std::uint8_t, 65536> buffer{};
+    for (;;) {
+        const ssize_t count = image.read(buffer.data(), buffer.size());
+        if (count <= 0) {
+            return checksum.value();
+        }
+        checksum.add(buffer.data(), static_cast<std::size_t>(count));
+    }
+}
+
+Inspection inspect(const std::string& path) {
+    Inspection found;
+    found.path = path;
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    if (!error) {
+        found.fileSize = size;
+    }
+    ErrorInfo reason;
+    FirmwareImage image(&reason);
+    const bool accepted = image.open(path);
+    if (image.hasHeader()) {
+        found.header = image.getHeader();
+    }
+    if (!accepted) {
+        found.refusal = reason.message;
+        return found;
+    }
+    found.checksum = sumContent(image);
+    image.close();
+    return found;
+}
+
+std::string targetText(std::uint32_t device) {
+    const std::string name = FirmwareImage::getTargetName(device);
+    return name.empty() ? "unknown: the upgrade tool skips the image" : name;
+}
+
+void printHeader(const Inspection& found) {
+    const FirmwareImageHeader& header = *found.header;
+    printf("headerSize       %u\n", header.headerSize);
+    printf("manufacturer     0x%x\n", header.manufacturer);
+    printf("device           0x%x (%s)\n", header.device, targetText(header.device).c_str());
+    printf("contentType      0x%x\n", header.contentType);
+    printf("contentSize      %u\n", header.contentSize);
+    printf("contentChecksum  0x%04x", unsigned{header.contentChecksum});
+    if (found.checksum) {
+        printf(*found.checksum == header.contentChecksum ? " (right)"
+                                                         : " (the content sums up to 0x%04x)",
+               unsigned{*found.checksum});
+    }
+    printf("\nversion          0x%08x\n", header.version);
+    printf("sizes            %u + %u = %llu bytes, the file has %llu: %s\n", header.headerSize,
+           header.contentSize,
+           static_cast<unsigned long long>(header.headerSize) + header.contentSize,
+           static_cast<unsigned long long>(found.fileSize.value_or(0)),
+           found.sizesAddUp() ? "they add up" : "they do not add up");
+}
+
+void printText(const Inspection& found) {
+    printf("file             %s\n", found.path.c_str());
+    if (found.header) {
+        printHeader(found);
+    }
+    if (!found.refusal.empty()) {
+        printf("Error in '%s': %s\n", found.path.c_str(), found.refusal.c_str());
+    }
+}
+
+template <typename Value>
+nlohmann::ordered_json orNull(const std::optional<Value>& value) {
+    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+}
+
+nlohmann::ordered_json headerAsJson(const FirmwareImageHeader& header) {
+    return {{"headerSize", header.headerSize},   {"manufacturer", header.manufacturer},
+            {"device", header.device},           {"contentType", header.contentType},
+            {"contentSize", header.contentSize}, {"contentChecksum", header.contentChecksum},
+            {"version", header.version}};
+}
+
+void printJson(const Inspection& found) {
+    nlohmann::ordered_json json;
+    json["file"] = found.path;
+    json["fileSize"] = orNull(found.fileSize);
+    json["accepted"] = found.refusal.empty();
+    json["refusal"] = nullptr;
+    if (!found.refusal.empty()) {
+        json["refusal"] = found.refusal;
+    }
+    json["header"] = nullptr;
+    if (found.header) {
+        json["header"] = headerAsJson(*found.header);
+        json["targetName"] = FirmwareImage::getTargetName(found.header->device);
+        json["sizesAddUp"] = found.sizesAddUp();
+        json["computedChecksum"] = orNull(found.checksum);
+    }
+    // A path need not be valid UTF-8.
+    std::cout << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+              << std::endl;
+}
+
+}  // namespace
+
+int show(const std::string& path, bool asJson) {
+    const Inspection found = inspect(path);
+    if (asJson) {
+        printJson(found);
+    } else {
+        printText(found);
+    }
+    return found.refusal.empty() ? 0 : 1;
+}
+
+}  // namespace orvin_image
