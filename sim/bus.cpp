@@ -163,8 +163,8 @@ void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t*
     if (timing.acknowledgeJitter > 0) {
         delay += static_cast<Microseconds>(random_()) % (timing.acknowledgeJitter + 1);
     }
-    for (int i = 0; i < answer->times; ++i) {
-        after(delay,
+    for (int i = 1; i <= answer->times; ++i) {
+        after(i * delay,
               [this, &device, answer] { reportTransferResult(device.description().id, *answer); });
     }
 }

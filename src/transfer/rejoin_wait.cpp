@@ -27,7 +27,7 @@ constexpr int kFollowersPauseSeconds = 5;   // for those who follow the status m
 // Seconds, growing with the square of the number of devices, and more steeply for large groups.
 std::int64_t rejoinBudget(int devices) {
     constexpr int kLargeGroup = 40;
-    const std::int64_t base = (devices + 10) * (devices > kLargeGroup ? 2 : 1);
+    const std::int64_t base = std::int64_t{devices + 10} * (devices > kLargeGroup ? 2 : 1);
     return base * base / 2;
 }
 

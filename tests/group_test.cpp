@@ -1,0 +1,91 @@
+#include "group/orvin_group.h"
+
+#include "bus/vanid_text.h"
+#include "support/tool_run.h"
+
+namespace {
+
+vanid_t vanid(int number) {
+    vanid_t id{};
+    parseVanid(id, orvinId(number));
+    return id;
+}
+
+class Group : public testing::Test {
+protected:
+    std::list<std::string> texts() {
+        std::list<std::string> out;
+        group.getVanidTexts(out);
+        return out;
+    }
+
+    OrvinGroup group{nullptr, false};
+};
+
+TEST_F(Group, RestoresEveryDeviceInTheOrderOfAdding) {
+    EXPECT_TRUE(group.allAcknowledged() && group.allRejoined() && group.allOnline());
+    for (const int number : {3, 1, 2, 1}) {
+        group.addOrvin(orvinId(number));
+    }
+    const auto all = texts();
+    EXPECT_EQ(group.count(), 4);
+
+    group.onTransferResult(0, vanid(3), 0);
+    EXPECT_EQ(captureOutput([&] { group.removeUnacknowledged(); }),
+              "\nRemoving Orvin " + orvinId(1) + " due to timeout\n\nRemoving Orvin " + orvinId(2) +
+                  " due to timeout\n\nRemoving Orvin " + orvinId(1) + " due to timeout\n");
+    EXPECT_EQ(texts(), (std::list<std::string>{orvinId(3)}));
+    EXPECT_TRUE(group.allAcknowledged());
+
+    group.restoreFromFullList();
+    EXPECT_EQ(texts(), all);
+    EXPECT_FALSE(group.allAcknowledged());
+    EXPECT_EQ(captureOutput([&] { group.onTransferResult(0, vanid(1), 0); }), "");
+    group.onTransferResult(0, vanid(2), 0);
+    EXPECT_TRUE(group.allAcknowledged());  // both records of device 1, and 3 with the flag it had
+    group.clearAcknowledged();
+    EXPECT_FALSE(group.allAcknowledged());
+}
+
+TEST_F(Group, DropsADeviceForItsOwnFaultsOnly) {
+    group.addOrvin(orvinId(1));
+    group.addOrvin(orvinId(2));
+    EXPECT_EQ(captureOutput([&] { group.onTransferResult(5, vanid(3), 0); }), "");
+    EXPECT_EQ(captureOutput([&] { group.onTransferResult(5, vanid(1), 0); }),
+              "\nRemoving Orvin " + orvinId(1) + " due to faulty callback (5 / 0x5)\n");
+    EXPECT_EQ(texts(), (std::list<std::string>{orvinId(2)}));
+    EXPECT_EQ(captureOutput([&] { group.onTransferResult(-1, vanid(2), 0); }),
+              "\nRemoving Orvin " + orvinId(2) + " due to faulty callback (-1 / 0xffffffff)\n");
+    EXPECT_EQ(group.count(), 0);
+}
+
+TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {
+    group.addOrvin(orvinId(1));
+    group.addOrvin(orvinId(2));
+    EXPECT_TRUE(group.allRejoined());
+    group.setRestartPending(orvinId(1).substr(0, 49), true);  // nobody's identifier
+    EXPECT_TRUE(group.allRejoined());
+    group.setRestartPending(orvinId(1), true);
+    group.markRejoined(vanid(2));
+    EXPECT_FALSE(group.allRejoined());
+    group.markRejoined(vanid(1));
+    EXPECT_TRUE(group.allRejoined());
+
+    group.setRestartPending(orvinId(2), true);
+    group.resetRejoinState();
+    EXPECT_TRUE(group.allRejoined());
+    group.setRestartPending(orvinId(1), true);
+    EXPECT_FALSE(group.allRejoined());
+    captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
+    group.restoreFromFullList();
+    EXPECT_TRUE(group.allRejoined()) << "a dropped device is not waited for";
+}
+
+TEST_F(Group, KeepsADeviceWhoseTextIsNoIdentifier) {
+    group.addOrvin("pump room");
+    EXPECT_EQ(texts(), (std::list<std::string>{"pump room"}));
+    group.onTransferResult(0, vanid_t{}, 0);
+    EXPECT_TRUE(group.allAcknowledged());
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "status/format_message.h"
+#include "status/message_writer.h"
+#include "support/system_hooks.h"
+#include "support/tool_run.h"
+
+namespace {
+
+int temporaryFiles() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+        count += entry.path().filename().string().rfind("talmfw", 0) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+class StatusMessage : public testing::Test {
+protected:
+    ~StatusMessage() override {
+        SystemHooks::instance() = SystemHooks();
+        EXPECT_EQ(temporaryFiles(), filesBefore_);
+    }
+
+    TemporaryDirectory directory;
+
+private:
+    const int filesBefore_ = temporaryFiles();
+};
+
+TEST_F(StatusMessage, ReplacesTheWholeFileForItsOwnerOnly) {
+    const std::string path = directory / "status";
+    MessageWriter writer(path);
+    for (const char* message : {"a long first message", "short", ""}) {
+        writer.write(message);
+        EXPECT_EQ(readText(path), message);
+    }
+    EXPECT_EQ(std::filesystem::status(path).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(StatusMessage, IsAlreadyWholeWhenItTakesTheFilesPlace) {
+    const std::string path = directory / "status";
+    std::string atRename;
+    SystemHooks::instance().beforeRename = [&](const std::string& from, const std::string&) {
+        atRename = readText(path) + '|' + readText(from);
+    };
+    MessageWriter writer(path);
+    writer.write("old");
+    writer.write("new");
+    EXPECT_EQ(atRename, "old|new");
+}
+
+TEST_F(StatusMessage, WithoutAFileWritesNothing) {
+    MessageWriter writer("");
+    EXPECT_EQ(captureOutput([&] { writer.write("message"); }), "");
+}
+
+TEST_F(StatusMessage, TellsOfAFileThatCannotBeReplacedAndGoesOn) {
+    const std::string path = directory / "missing/status";
+    MessageWriter writer(path);
+    EXPECT_EQ(captureOutput([&] { writer.write("message"); }),
+              "Could not apply message to file " + path + ": No such file or directory\n");
+}
+
+TEST_F(StatusMessage, HasOneWriterFromInitToItsEnd) {
+    EXPECT_THROW(MessageWriter::instance(), std::runtime_error);
+    MessageWriter* const writer = MessageWriter::init(directory / "first");
+    EXPECT_EQ(MessageWriter::init(directory / "second"), writer);
+    MessageWriter::instance()->write("message");
+    EXPECT_EQ(readText(directory / "first"), "message");
+    delete writer;
+    EXPECT_THROW(MessageWriter::instance(), std::runtime_error);
+}
+
+TEST_F(StatusMessage, HasNoWriterWhenItsMutexCannotBeMade) {
+    SystemHooks::instance().mutexInitFails = true;
+    EXPECT_THROW(MessageWriter::init(""), std::runtime_error);
+    EXPECT_THROW(MessageWriter::instance(), std::runtime_error);
+}
+
+TEST(FormatMessage, FillsPlaceholdersAndEndsAtAZeroByte) {
+    EXPECT_EQ(formatMessage("%s: %d%% of %zd", "x", 5, static_cast<ssize_t>(7)), "x: 5% of 7");
+    EXPECT_EQ(formatMessage("ab%ccd", 0), "ab");
+    EXPECT_EQ(formatMessage("%s", std::string(100'000, 'x').c_str()).size(), 100'000U);
+}
+
+}  // namespace

@@ -1,0 +1,21 @@
+// The system calls of the tool that tests look at, or act in the middle of. Everything else in the
+// test program goes through them, too, and is left alone.
+#ifndef TESTS_SUPPORT_SYSTEM_HOOKS_H
+#define TESTS_SUPPORT_SYSTEM_HOOKS_H
+
+#include <functional>
+#include <string>
+
+struct SystemHooks {
+    // Before a file takes the place of another.
+    std::function<void(const std::string& from, const std::string& to)> beforeRename;
+
+    // Before a read of exactly one packet's size: an image's content, nothing else.
+    std::function<void()> beforePacketRead;
+
+    bool mutexInitFails = false;
+
+    static SystemHooks& instance();
+};
+
+#endif

@@ -1,0 +1,178 @@
+#include "transfer/upgrade_image.h"
+
+#include "group/orvin_group.h"
+#include "support/tool_run.h"
+
+namespace {
+
+class Upgrade : public ToolTest {
+protected:
+    const std::string first = orvinId(1);
+    const std::string second = orvinId(2);
+};
+
+TEST_F(Upgrade, TellsTheWholeStory) {
+    bus.orvin(2).member(9, 16).orvin(1);
+    const std::string path = image("arm", kArm);
+    const ToolRun run = upgradeAll({path});
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_EQ(run.console,
+              ">> Orvin Firmware upgrade v0.20.5\n"
+              "Waiting for bus to become ACTIVE...\n"
+              "Bus ACTIVE, proceeding.\n"
+              "Downloading image " +
+                  path +
+                  "...\n"
+                  "Upgrading 2 Orvins\n"
+                  "\n"
+                  ">> Transferred 640 bytes in 10 packets\n"
+                  ">> Amount of retransmitted packets: 0\n"
+                  "Successfully updated 2 Orvins: \n"
+                  "  " +
+                  first +
+                  "\n"
+                  "  " +
+                  second +
+                  "\n"
+                  "Update took 0 min 05 seconds\n"
+                  "\n"
+                  "Waiting for 2 Orvins to rejoin...\n"
+                  "\n"
+                  "Will wait 72 seconds for Orvins to rejoin.\n"
+                  "Waiting for bus to become active... done.\n"
+                  "Waiting for Orvins to get back online...< done.\n");
+    EXPECT_EQ(run.messages.front(), "Waiting for Lumnet bus to become active...");
+    const std::vector<std::string> last(run.messages.end() - 4, run.messages.end());
+    EXPECT_EQ(last, (std::vector<std::string>{
+                        "Orvin firmware upgrade in progress. Uploading Pellix ARM firmware, 90% "
+                        "completed...",
+                        "Verifying uploaded firmware image...", "Please wait...",
+                        "Installing Orvin firmware: 2 / 2 completed"}));
+    EXPECT_EQ(run.calls("TalmApiClose"), 1);
+
+    const ToolRun again = runBare({"-c", "sim:" + directory / "bus.json", "-B", path});
+    EXPECT_EQ(again.exitStatus, 0);
+    EXPECT_TRUE(again.printed("Downloading image " + path +
+                              "...\n"
+                              "Orvin " +
+                              first + " is already up to date.\nOrvin " + second +
+                              " is already up to date.\nNo Orvins to upgrade.\n\n"
+                              "Removing image files from Orvins\n"));
+}
+
+TEST_F(Upgrade, ComparesTheVersionOfTheImagesOwnProcessorForEquality) {
+    bus.orvin(1).orvin(2);
+    bus.last()["versions"]["dsp"] = kNewVersion + 5;
+    EXPECT_EQ(upgradeAll({image("newer", kDsp)}).exitStatus, 2);
+    EXPECT_EQ(upgradeAll({image("same", kDsp, kOldVersion)}).exitStatus, 1);
+    EXPECT_EQ(storedVersion(1, "dsp"), kOldVersion);
+}
+
+TEST_F(Upgrade, RetriesOnceWhatComesBackWithItsOldVersion) {
+    bus.orvin(1, {{"keeps_old_version", "once"}}).orvin(2);
+    const ToolRun run = upgradeAll({image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_TRUE(run.printed(" done.\nRetrying upgrade on following Orvin: \n  " + first + "\n"));
+    EXPECT_TRUE(run.printed("Successfully updated 1 Orvin: \n  " + first + "\n"));
+    EXPECT_EQ(std::count(run.messages.begin(), run.messages.end(), "Retrying Pellix ARM update..."),
+              1);
+    EXPECT_EQ(run.calls("OrvinImageMaintenance_start_update(" + first), 2);
+    EXPECT_EQ(run.calls("OrvinImageMaintenance_start_update(" + second), 1);
+}
+
+TEST_F(Upgrade, NamesTheDevicesThatDifferAfterTwoAttempts) {
+    const Json fault = {{"keeps_old_version", "always"}};
+    bus.orvin(1, fault).orvin(2, fault).orvin(3);
+    const ToolRun run = upgradeAll({image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 139);
+    EXPECT_TRUE(run.printed("Retrying upgrade on following Orvins: \n"));
+    EXPECT_TRUE(run.printed("The following Orvins could not be upgraded: \n  " + first + "\n  " +
+                            second + "\n"));
+    EXPECT_EQ(run.calls("OrvinImageMaintenance_start_update"), 5);
+}
+
+TEST_F(Upgrade, ForcedUpgradesWhatIsUpToDate) {
+    bus.orvin(1);
+    const std::string same = image("arm", kArm, kOldVersion);
+    EXPECT_EQ(upgradeAll({same}).exitStatus, 0);
+    const ToolRun run = upgradeAll({"-f", same});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_FALSE(run.printed("already up to date"));
+    EXPECT_TRUE(installed(1, "arm", same));
+}
+
+TEST_F(Upgrade, PretendingTouchesNoDevice) {
+    bus.orvin(1).orvin(2);
+    bus.last()["versions"]["arm"] = kNewVersion;
+    const ToolRun run = upgradeAll({"-p", image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_TRUE(run.printed("Successfully updated 1 Orvin: \n  " + first +
+                            "\nUpdate took 0 min 00 seconds\n"));
+    EXPECT_EQ(run.calls("ImageTransfer") + run.calls("OrvinImageMaintenance"), 0);
+    EXPECT_FALSE(run.printed("Retrying"));
+    EXPECT_EQ(storedVersion(0, "arm"), kOldVersion);
+}
+
+TEST_F(Upgrade, DebugOutputShowsTheHeaderAndWhoIsUpToDate) {
+    bus.orvin(1);
+    const ToolRun run = upgradeAll({"-D", image("dsp", kDsp, kOldVersion, 100)});
+    EXPECT_TRUE(run.printed("HS: 36, Man: 0, Dev: 513, CT: 0, CS: 64, CC: ")) << run.console;
+    EXPECT_TRUE(run.printed(", V: 00010000\n"));
+    EXPECT_TRUE(run.printed("orvin '" + first + "' already up to date\n"));
+}
+
+TEST_F(Upgrade, KeepsADeviceThatDoesNotTellItsVersionAtFirst) {
+    bus.orvin(1, {{"version_query", {{"calls", {1}}}}}).orvin(2);
+    const ToolRun run = upgradeAll({image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_EQ(occurrences(run.console, "orvin '" + first + "' getVersion() failed\n"), 1);
+    EXPECT_FALSE(run.printed("because getVersion failed"));
+}
+
+TEST_F(Upgrade, OfSomethingThatIsNoIdentifierEndsWell) {
+    bus.orvin(1);
+    const ToolRun run = this->run({"-d", "pump room", image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_TRUE(run.printed("Removing Orvin pump room because getVersion failed\n"));
+    EXPECT_EQ(storedVersion(0, "arm"), kOldVersion);
+}
+
+TEST_F(Upgrade, OfAnEmptyBusHasNothingToDo) {
+    const ToolRun run = upgradeAll({image("arm", kArm)});
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_TRUE(run.printed("No Orvins to upgrade.\n\nRemoving image files from Orvins\n"));
+}
+
+TEST_F(Upgrade, HasTheSameHistoryWithTheSameSeed) {
+    for (int number = 1; number <= 5; ++number) {
+        bus.orvin(number, {{"loses_packets", {{"every", 4 + number}}}},
+                  {{"acknowledge_us", 100}, {"acknowledge_jitter_us", 5'000}});
+    }
+    const std::string path = image("arm", kArm);
+    const auto history = [&](int seed) {
+        bus.with("seed", seed);
+        return run({"-B", path}).trace;
+    };
+    const auto once = history(1);
+    EXPECT_EQ(history(1), once);
+    EXPECT_NE(history(2), once);
+}
+
+TEST(Summary, TellsMinutesAndSeconds) {
+    const struct {
+        std::time_t elapsed;
+        const char* text;
+    } cases[] = {{0, "0 min 00 seconds"},      {1, "0 min 01 second"},
+                 {61, "1 min 01 second"},      {125, "2 min 05 seconds"},
+                 {6000, "100 min 00 seconds"}, {-61, "4294967295 min 4294967295 seconds"}};
+    OrvinGroup group(nullptr, false);
+    std::list<std::string> updated;
+    for (const auto& example : cases) {
+        EXPECT_EQ(
+            captureOutput([&] { printSummary(group, 1000, 1000 + example.elapsed, updated); }),
+            "Update took " + std::string(example.text) + "\n");
+    }
+    EXPECT_TRUE(updated.empty());
+}
+
+}  // namespace
