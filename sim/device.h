@@ -46,8 +46,7 @@ public:
     bool isOrvin() const { return description_.type == kOrvinType; }
     bool isOnBus() const { return state_ != State::Restarting; }
 
-    // ---- requests. What they return is the bus call's result.
-    // --------------------------------------
+    // ---- requests. What they return is the bus call's result ----
 
     int readType(std::uint8_t& type);
     int readVersions(Versions& versions);
@@ -61,8 +60,7 @@ public:
     // Forgets the packets from `packet` on, as a device does that asks for them again.
     void discardFrom(std::uint32_t packet);
 
-    // ---- an update that was started, one step after the other
-    // --------------------------------------
+    // ---- an update that was started, one step after the other ----
 
     bool isInstalling() const { return state_ == State::Installing; }
 

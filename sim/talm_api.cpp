@@ -37,8 +37,7 @@ Connections& connections() {
     return all;
 }
 
-// ---- how arguments look in the trace
-// -------------------------------------------------------------
+// ---- how arguments look in the trace ----
 
 void append(std::ostream& out, const vanid_t& id) {
     out << sim::identifierText(id);
@@ -128,8 +127,7 @@ void sim::forEachBus(const std::function<void(Bus&)>& visit) {
     }
 }
 
-// ---- session
-// -------------------------------------------------------------------------------------
+// ---- session ----
 
 TalmApiHandle TalmApiInitialize() {
     Connections& all = connections();
@@ -194,8 +192,7 @@ int TalmApiClose(TalmApiHandle handle) {
     return answer;
 }
 
-// ---- bus members
-// ---------------------------------------------------------------------------------
+// ---- bus members ----
 
 int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
     return call(
@@ -250,8 +247,7 @@ int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm,
         device);
 }
 
-// ---- image transfer and maintenance
-// --------------------------------------------------------------
+// ---- image transfer and maintenance ----
 
 int ImageTransfer_write_request(TalmApiHandle handle, vanid_t device, uint32_t manufacturer,
                                 uint32_t target, uint32_t contentType, uint32_t contentSize,
@@ -297,8 +293,7 @@ int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uin
         [&](Bus& bus, std::string&) { return bus.startUpdate(device, target); }, device, target);
 }
 
-// ---- callbacks
-// -----------------------------------------------------------------------------------
+// ---- callbacks ----
 
 int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
                        const CallbackSlot* slot, int last) {

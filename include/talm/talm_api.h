@@ -18,8 +18,7 @@ extern "C" {
 // Opaque; null on failure.
 typedef struct TalmApi* TalmApiHandle;
 
-// ---- session
-// -------------------------------------------------------------------------------------
+// ---- session ----
 
 TalmApiHandle TalmApiInitialize(void);
 
@@ -34,8 +33,7 @@ int TalmApiCleanup(TalmApiHandle handle);
 // The handle is gone afterwards.
 int TalmApiClose(TalmApiHandle handle);
 
-// ---- bus members
-// ---------------------------------------------------------------------------------
+// ---- bus members ----
 
 // Fills `members` with up to `capacity` identifiers. Returns their number, below 0 on failure.
 int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity);
@@ -50,9 +48,8 @@ int TalmApiIsTalm(vanid_t member);
 int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm, uint32_t* dsp,
               uint32_t* boosterArm, uint16_t* api, void* reserved, char* name);
 
-// ---- image transfer and maintenance
-// -------------------------------------------------------------- A request to the broadcast
-// identifier answers -2.
+// ---- image transfer and maintenance ----
+// A request to the broadcast identifier answers -2.
 
 int ImageTransfer_write_request(TalmApiHandle handle, vanid_t device, uint32_t manufacturer,
                                 uint32_t target, uint32_t contentType, uint32_t contentSize,
@@ -69,11 +66,11 @@ int OrvinImageMaintenance_check_image(TalmApiHandle handle, vanid_t device, uint
 
 int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uint32_t target);
 
-// ---- callbacks
-// ----------------------------------------------------------------------------------- Callbacks
-// come on threads of the library's own, at any time between setting and clearing, several at once.
-// They may block, but hold up the library's other reports while they do. Once a clearing call has
-// returned no new one starts; one that was already running may take a moment to end.
+// ---- callbacks ----
+//
+// Callbacks come on threads of the library's own, at any time between setting and clearing, several
+// at once. Once a clearing call has returned no new one starts; one that was already running may
+// take a moment to end.
 
 // Read during the setting call, so it need not outlive it. {null, null} clears.
 typedef struct {

@@ -25,11 +25,11 @@ const std::string defaultConnection = "tcp://localhost:8442";
 
 constexpr int kLinkPolls = 20;
 constexpr useconds_t kLinkPollMicroseconds = 5'000'000;
-constexpr useconds_t kSettleMicroseconds =
-    1'000'000;  // between the link's return and the first call
+constexpr useconds_t kSettleMicroseconds = 1'000'000;  // from the active link to the mode
 
-// A session lives until the process ends: the bus library's threads may still hold what belongs to
-// it. Kept in reach, so that leak checkers do not take it for lost.
+// A session lives until the process ends, though its error record only as long as run. Kept in
+// reach, so that leak checkers do not take it for lost, and in a list, since a process may call run
+// again.
 BusSession& newSession(ErrorInfo& error) {
     static auto& sessions = *new std::list<BusSession>;
     sessions.push_back(BusSession{false, nullptr, &error});

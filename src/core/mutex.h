@@ -30,7 +30,7 @@ public:
     int unlock() RELEASE() { return pthread_mutex_unlock(&mutex_); }
 
 private:
-    pthread_mutex_t mutex_;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;  // usable even where init fails
 };
 
 #endif

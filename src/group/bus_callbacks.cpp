@@ -62,9 +62,8 @@ void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
     }
 }
 
-// Returns the member's successor. A result carries no number that tells which packet it
-// acknowledges: a late one counts for the packet in flight. A device that missed a packet that way
-// fails its check.
+// Returns the member's successor. Which packet an acknowledgement is for is not looked at: a late
+// one counts for the packet in flight. A device that missed a packet that way fails its check.
 OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::iterator member,
                                                                 std::int32_t result,
                                                                 std::uint32_t packet) {
@@ -82,9 +81,10 @@ OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::itera
         orvin.acknowledged = true;
         return std::next(member);
     }
+    setRestartPendingLocked(orvin.vanidText, false);
     printf("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)\n", orvin.vanidText.c_str(),
            result, static_cast<unsigned>(result));
-    return dropMember(member);
+    return eraseMember(member);
 }
 
 void OrvinGroup::removeUnacknowledged() {
@@ -94,7 +94,8 @@ void OrvinGroup::removeUnacknowledged() {
             ++member;
             continue;
         }
+        setRestartPendingLocked((*member)->vanidText, false);
         printf("\nRemoving Orvin %s due to timeout\n", (*member)->vanidText.c_str());
-        member = dropMember(member);
+        member = eraseMember(member);
     }
 }

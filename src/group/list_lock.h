@@ -3,7 +3,8 @@
 
 #include "group/orvin_group.h"
 
-// Holds the group's list mutex for a scope.
+// Each holds one of the group's two mutexes for a scope.
+
 class SCOPED_CAPABILITY ListLock {
 public:
     explicit ListLock(OrvinGroup& group) ACQUIRE(group.listMutex) : group_(group) {
@@ -12,6 +13,19 @@ public:
     ~ListLock() RELEASE() { group_.unlockList(); }
     ListLock(const ListLock&) = delete;
     ListLock& operator=(const ListLock&) = delete;
+
+private:
+    OrvinGroup& group_;
+};
+
+class SCOPED_CAPABILITY FullListLock {
+public:
+    explicit FullListLock(OrvinGroup& group) ACQUIRE(group.fullListMutex) : group_(group) {
+        group.lockFullList();
+    }
+    ~FullListLock() RELEASE() { group_.unlockFullList(); }
+    FullListLock(const FullListLock&) = delete;
+    FullListLock& operator=(const FullListLock&) = delete;
 
 private:
     OrvinGroup& group_;

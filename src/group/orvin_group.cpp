@@ -64,9 +64,8 @@ void OrvinGroup::addOrvin(const std::string& vanidText) {
         ListLock lock(*this);
         orvins.push_back(orvin);
     }
-    lockFullList();
+    FullListLock lock(*this);
     allOrvins.push_back(orvin);
-    unlockFullList();
 }
 
 int OrvinGroup::count() {
@@ -83,9 +82,8 @@ void OrvinGroup::getVanidTexts(std::list<std::string>& out) {
 
 void OrvinGroup::restoreFromFullList() {
     ListLock lock(*this);
-    lockFullList();
+    FullListLock fullLock(*this);
     orvins = allOrvins;
-    unlockFullList();
 }
 
 void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
@@ -94,14 +92,13 @@ void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
 }
 
 void OrvinGroup::setRestartPendingLocked(const std::string& vanidText, bool value) {
-    lockFullList();
+    FullListLock lock(*this);
     const auto found = std::find_if(allOrvins.begin(), allOrvins.end(), [&](const auto& orvin) {
         return orvin->vanidText == vanidText;
     });
     if (found != allOrvins.end()) {
         (*found)->restartPending = value;
     }
-    unlockFullList();
 }
 
 void OrvinGroup::resetRejoinState() {
@@ -157,9 +154,4 @@ bool OrvinGroup::allOnline() {
 
 OrvinGroup::OrvinList::iterator OrvinGroup::eraseMember(OrvinList::iterator member) {
     return orvins.erase(member);
-}
-
-OrvinGroup::OrvinList::iterator OrvinGroup::dropMember(OrvinList::iterator member) {
-    setRestartPendingLocked((*member)->vanidText, false);
-    return eraseMember(member);
 }

@@ -26,8 +26,8 @@ struct PacketTransfer;
 // Locks: `listMutex` first, then `fullListMutex`; never the other way round. All operations are the
 // main thread's, but for onTransferResult and markRejoined, which come on the library's threads.
 //
-// The group outlives its callbacks: the rejoin wait comes between the clearing of either callback
-// and the end of the group, and takes seconds, while a callback still running then takes a moment.
+// The group outlives its callbacks: one that is still running when it is cleared takes a moment to
+// end, and the rest of the rejoin wait and a version check come before the end of the group.
 class OrvinGroup {
 public:
     // The flags are guarded by the group's listMutex; the rest never changes.
@@ -46,8 +46,7 @@ public:
     OrvinGroup(const OrvinGroup&) = delete;
     OrvinGroup& operator=(const OrvinGroup&) = delete;
 
-    // ---- members (orvin_group.cpp)
-    // ----------------------------------------------------------------
+    // ---- members (orvin_group.cpp) ----
 
     void lockList() ACQUIRE(listMutex);
     void unlockList() RELEASE(listMutex);
@@ -71,8 +70,7 @@ public:
     // listMutex for the whole scan, with a pause of 0.5 s after each answer.
     bool allOnline();
 
-    // ---- transfer results, bus changes and silent devices (bus_callbacks.cpp)
-    // ---------------------
+    // ---- transfer results, bus changes and silent devices (bus_callbacks.cpp) ----
 
     void registerTransferCallback();
     void clearTransferCallback();
@@ -84,8 +82,7 @@ public:
 
     void removeUnacknowledged();
 
-    // ---- selection (version_check.cpp)
-    // ------------------------------------------------------------
+    // ---- selection (version_check.cpp) ----
 
     // Asks every device for its versions and leaves in the device list those that need the image,
     // and unless `removeUnreachable` those that did not answer. Appends the devices that have the
@@ -94,8 +91,7 @@ public:
     void checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                        bool removeUnreachable, bool verbose);
 
-    // ---- one transfer, step by step (src/transfer)
-    // ------------------------------------------------
+    // ---- one transfer, step by step (src/transfer) ----
 
     // Announces the image to every device and registers the transfer callback. Returns count().
     int initializeTransfers(const FirmwareImage& image);
@@ -120,9 +116,6 @@ private:
     // Unlinks the device and returns its successor.
     OrvinList::iterator eraseMember(OrvinList::iterator member) REQUIRES(listMutex);
 
-    // As eraseMember, for a device that may have been started on an update.
-    OrvinList::iterator dropMember(OrvinList::iterator member) REQUIRES(listMutex);
-
     void setRestartPendingLocked(const std::string& vanidText, bool value) REQUIRES(listMutex);
 
     OrvinList::iterator applyTransferResult(OrvinList::iterator member, std::int32_t result,
@@ -132,8 +125,10 @@ private:
 
     // The packet loop of transferData.
     int sendContent(PacketTransfer& transfer);
-    bool takePacket(PacketTransfer& transfer);
-    void settlePacket(PacketTransfer& transfer);
+    std::uint32_t nextPacket();
+    bool lookUpPacket(PacketTransfer& transfer);
+    bool takePacket(const PacketTransfer& transfer);
+    void showProgress(const PacketTransfer& transfer);
     int sendUntilAcknowledged(PacketTransfer& transfer);
     int sendPacket(const PacketTransfer& transfer);
 
@@ -155,6 +150,7 @@ private:
     const bool useMessageFile;
 
     friend class ListLock;
+    friend class FullListLock;
 };
 
 #endif

@@ -51,26 +51,25 @@ void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string
                 ++member;
                 continue;
             }
+            setRestartPendingLocked(orvin.vanidText, false);
             printf("Removing Orvin %s because getVersion failed\n", text);
-            member = dropMember(member);
+            member = eraseMember(member);
             continue;
         }
-        switch (needOf(versions, image.getHeader())) {
-        case Need::Image:
+        const Need need = needOf(versions, image.getHeader());
+        if (need == Need::Image) {
             ++member;
             continue;
-        case Need::UpToDate:
-            upToDate.push_back(orvin.vanidText);
-            if (verbose) {
-                printf("Orvin %s is already up to date.\n", text);
-            }
-            break;
-        case Need::AnotherType:
-            if (verbose) {
-                printf("Orvin %s is another type.\n", text);
-            }
-            break;
         }
-        member = dropMember(member);
+        setRestartPendingLocked(orvin.vanidText, false);
+        if (need == Need::UpToDate) {
+            upToDate.push_back(orvin.vanidText);
+        }
+        if (verbose) {
+            printf(need == Need::UpToDate ? "Orvin %s is already up to date.\n"
+                                          : "Orvin %s is another type.\n",
+                   text);
+        }
+        member = eraseMember(member);
     }
 }

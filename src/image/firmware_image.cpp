@@ -55,7 +55,7 @@ FirmwareImage::~FirmwareImage() {
 }
 
 bool FirmwareImage::open(const std::string& path) {
-    headerComplete = false;
+    refusedHeader.reset();
     descriptor = ::open(path.c_str(), O_RDONLY);
     if (descriptor < 0) {
         error->set(exit_status::kImageNotOpened, strerror(errno));
@@ -72,11 +72,17 @@ bool FirmwareImage::open(const std::string& path) {
     return true;
 }
 
-bool FirmwareImage::readAndCheckHeader() {
+// False for a length that is none or too long: offsets into an image are signed 32-bit numbers.
+bool FirmwareImage::measureFile() {
     const off_t length = lseek(descriptor, 0, SEEK_END);
     lseek(descriptor, 0, SEEK_SET);
-    fileSize = static_cast<std::uint32_t>(length);
+    const bool usable = length >= 0 && length <= std::numeric_limits<std::int32_t>::max();
+    fileSize = usable ? static_cast<std::uint32_t>(length) : 0;
+    return usable;
+}
 
+bool FirmwareImage::readAndCheckHeader() {
+    const bool measured = measureFile();
     FieldReader fields(descriptor);
     FirmwareImageHeader found;
     const std::uint32_t magic = fields.read32();
@@ -92,20 +98,17 @@ bool FirmwareImage::readAndCheckHeader() {
     if (!fields.complete()) {
         return false;
     }
-    header = found;
-    headerComplete = true;
-
+    refusedHeader = found;
     if (magic != kMagic) {
         error->set(exit_status::kImageInvalid, "Invalid firmware image format");
         return false;
     }
-    // Offsets into an image are signed 32-bit numbers; a longer file cannot be sent as a whole.
-    const std::uint64_t described = std::uint64_t{header.headerSize} + header.contentSize;
-    if (length < 0 || length > std::numeric_limits<std::int32_t>::max() ||
-        described != static_cast<std::uint64_t>(length)) {
+    if (!measured || std::uint64_t{found.headerSize} + found.contentSize != fileSize) {
         error->set(exit_status::kImageInvalid, "Invalid content size");
         return false;
     }
+    refusedHeader.reset();
+    header = found;
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 struct ErrorInfo;
@@ -49,23 +50,24 @@ public:
 
     void close();
 
-    // Whether the last `open` found a whole header, be it of a file that it then refused.
-    bool hasHeader() const { return headerComplete; }
-
-    // The fields of the last whole header read.
+    // The header fields of the file that was opened last.
     const FirmwareImageHeader& getHeader() const { return header; }
+
+    // Those of the file that the last `open` refused, if it had a whole header: for reports.
+    const std::optional<FirmwareImageHeader>& getRefusedHeader() const { return refusedHeader; }
 
     // "Pellix ARM" and the like; empty for a code that is no FirmwareTarget.
     static std::string getTargetName(std::uint32_t device);
 
 private:
+    bool measureFile();
     bool readAndCheckHeader();
 
     bool isOpen = false;
     int descriptor = -1;
     FirmwareImageHeader header;
-    bool headerComplete = false;
-    std::uint32_t fileSize = 0;
+    std::optional<FirmwareImageHeader> refusedHeader;
+    std::uint32_t fileSize = 0;  // bytes; 0 while not open
     ErrorInfo* error;
 };
 

@@ -1,6 +1,7 @@
 #include "image/image_set.h"
 
 #include <iostream>
+#include <utility>
 
 #include "core/error_info.h"
 #include "core/run_config.h"

@@ -49,7 +49,7 @@ struct PacketTransfer {
     const std::uint32_t contentSize;
     const std::string targetName;
     std::uint8_t content[ImageChunkSize] = {};
-    std::uint32_t packet = 0;            // the packet in flight; at the end, the number of packets
+    std::uint32_t packet = 0;            // looked up last; at the end, the number of packets
     std::uint32_t packetAtReader = 0;    // the packet that the next read of the image yields
     std::uint32_t bytesTransferred = 0;  // content that every device has, up to the next packet
     std::int32_t retransmissions = 0;
@@ -60,7 +60,7 @@ void PacketTransfer::reportProgress() {
     if (bytesTransferred >= contentSize) {
         return;
     }
-    // Rounds up, so a large image reaches 100 one packet early.
+    // Rounds up, so an image of more than 100 packets shows 100 during its last per cent.
     const std::uint32_t left = contentSize - bytesTransferred;
     const auto percent = static_cast<std::int32_t>(100 - 100 * left / contentSize);
     if (percent % kPercentStep != 0 || percent == lastReportedPercent) {
@@ -110,13 +110,15 @@ int OrvinGroup::transferData(FirmwareImage& image) {
 }
 
 int OrvinGroup::sendContent(PacketTransfer& transfer) {
-    transfer.reportProgress();
-    while (takePacket(transfer)) {
+    while (lookUpPacket(transfer)) {
+        transfer.reportProgress();
         if (!transfer.readPacket()) {
             puts("\nError reading firmware file");
             return exit_status::kImageReadFailed;
         }
-        clearAcknowledged();
+        if (!takePacket(transfer)) {
+            continue;
+        }
         const int sent = sendUntilAcknowledged(transfer);
         if (sent != kSentToAll) {
             printf("\nError in sendChunk(): %d\n", sent);
@@ -126,36 +128,41 @@ int OrvinGroup::sendContent(PacketTransfer& transfer) {
             puts("\nNo Orvins left; aborting");
             return exit_status::kNoOrvinsLeft;
         }
-        settlePacket(transfer);
-        transfer.reportProgress();
+        showProgress(transfer);
     }
     return exit_status::kSuccess;
 }
 
-// Takes the number of the next packet; false when all were sent. A device may ask to go back at any
-// moment, so the number is looked at, taken and advanced in one go: a request that comes before is
-// followed, one that comes after is found once this packet is settled.
-bool OrvinGroup::takePacket(PacketTransfer& transfer) {
+std::uint32_t OrvinGroup::nextPacket() {
     ListLock lock(*this);
-    transfer.packet = packetNumber;
-    if (std::uint64_t{packetNumber} * ImageChunkSize >= transfer.contentSize) {
+    return packetNumber;
+}
+
+// Looks which packet is the next; false when all were sent. The bytes transferred follow its
+// number, so that they go back with it and the transfer ends only when every byte was acknowledged.
+bool OrvinGroup::lookUpPacket(PacketTransfer& transfer) {
+    transfer.packet = nextPacket();
+    const std::uint64_t before = std::uint64_t{transfer.packet} * ImageChunkSize;
+    transfer.bytesTransferred =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(before, transfer.contentSize));
+    return before < transfer.contentSize;
+}
+
+// Takes the packet's number, in one go with clearing the acknowledgements; false when a device has
+// asked to go back since it was looked up, so that other content is wanted. A request that comes
+// later is found once this packet was acknowledged, and is an acknowledgement itself.
+bool OrvinGroup::takePacket(const PacketTransfer& transfer) {
+    ListLock lock(*this);
+    if (packetNumber != transfer.packet) {
         return false;
     }
+    clearAcknowledged();
     ++packetNumber;
     return true;
 }
 
-// Takes stock once every device left has the packet. The count of bytes follows the next packet's
-// number, so that it goes back with it and the transfer ends only when every byte was acknowledged.
-void OrvinGroup::settlePacket(PacketTransfer& transfer) {
-    std::uint32_t next = 0;
-    {
-        ListLock lock(*this);
-        next = packetNumber;
-    }
-    const std::uint64_t bytes = std::uint64_t{next} * ImageChunkSize;
-    transfer.bytesTransferred =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes, transfer.contentSize));
+void OrvinGroup::showProgress(const PacketTransfer& transfer) {
+    const std::uint32_t next = nextPacket();
     const bool wentBack = next <= transfer.packet;
     if (!wentBack && next % kPacketsPerDot == 0) {
         printf(".");

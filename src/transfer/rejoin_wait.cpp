@@ -1,6 +1,6 @@
-// The wait for the devices to come back after an update was started, in four phases that share one
-// budget of time: the bus link, the reports of restarted devices, the number of Orvins on the bus,
-// and an answer from every device.
+// The wait for the devices to come back after an update was started, in four phases: the bus link,
+// the reports of restarted devices, the number of Orvins on the bus, and an answer from every
+// device. The last three share one budget of time.
 
 #include <libintl.h>
 #include <unistd.h>

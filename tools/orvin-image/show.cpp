@@ -52,13 +52,12 @@ Inspection inspect(const std::string& path) {
     ErrorInfo reason;
     FirmwareImage image(&reason);
     const bool accepted = image.open(path);
-    if (image.hasHeader()) {
-        found.header = image.getHeader();
-    }
     if (!accepted) {
+        found.header = image.getRefusedHeader();
         found.refusal = reason.message;
         return found;
     }
+    found.header = image.getHeader();
     found.checksum = sumContent(image);
     image.close();
     return found;
