@@ -10,29 +10,26 @@
 
 namespace {
 
-int temporaryFiles() {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        count += entry.path().filename().string().rfind("talmfw", 0) == 0 ? 1 : 0;
-    }
-    return count;
-}
-
 class StatusMessage : public testing::Test {
 protected:
+    StatusMessage() {
+        SystemHooks::instance().beforeRename = [this](const std::string& from, const std::string&) {
+            temporaryFile = from;
+            beforeRename = readText(path) + '|' + readText(from);
+        };
+    }
     ~StatusMessage() override {
         SystemHooks::instance() = SystemHooks();
-        EXPECT_EQ(temporaryFiles(), filesBefore_);
+        EXPECT_FALSE(std::filesystem::exists(temporaryFile));
     }
 
     TemporaryDirectory directory;
-
-private:
-    const int filesBefore_ = temporaryFiles();
+    const std::string path = directory / "status";
+    std::string temporaryFile;  // of the last message that was to take the file's place
+    std::string beforeRename;   // what both then held
 };
 
 TEST_F(StatusMessage, ReplacesTheWholeFileForItsOwnerOnly) {
-    const std::string path = directory / "status";
     MessageWriter writer(path);
     for (const char* message : {"a long first message", "short", ""}) {
         writer.write(message);
@@ -43,27 +40,24 @@ TEST_F(StatusMessage, ReplacesTheWholeFileForItsOwnerOnly) {
 }
 
 TEST_F(StatusMessage, IsAlreadyWholeWhenItTakesTheFilesPlace) {
-    const std::string path = directory / "status";
-    std::string atRename;
-    SystemHooks::instance().beforeRename = [&](const std::string& from, const std::string&) {
-        atRename = readText(path) + '|' + readText(from);
-    };
     MessageWriter writer(path);
     writer.write("old");
     writer.write("new");
-    EXPECT_EQ(atRename, "old|new");
+    EXPECT_EQ(beforeRename, "old|new");
+    EXPECT_EQ(temporaryFile.compare(0, 11, "/tmp/talmfw"), 0);
 }
 
 TEST_F(StatusMessage, WithoutAFileWritesNothing) {
     MessageWriter writer("");
     EXPECT_EQ(captureOutput([&] { writer.write("message"); }), "");
+    EXPECT_EQ(temporaryFile, "");
 }
 
 TEST_F(StatusMessage, TellsOfAFileThatCannotBeReplacedAndGoesOn) {
-    const std::string path = directory / "missing/status";
-    MessageWriter writer(path);
+    const std::string nowhere = directory / "missing/status";
+    MessageWriter writer(nowhere);
     EXPECT_EQ(captureOutput([&] { writer.write("message"); }),
-              "Could not apply message to file " + path + ": No such file or directory\n");
+              "Could not apply message to file " + nowhere + ": No such file or directory\n");
 }
 
 TEST_F(StatusMessage, HasOneWriterFromInitToItsEnd) {
