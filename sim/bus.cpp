@@ -28,9 +28,9 @@ const char* targetName(std::uint32_t target) {
 
 }  // namespace
 
-Bus::Bus(const std::string& path)
-    : file_(path),
-      description_(file_.description()),
+Bus::Bus(BusDescription description, StoreVersions storeVersions)
+    : description_(std::move(description)),
+      storeVersions_(std::move(storeVersions)),
       trace_(description_.trace),
       devices_(description_.members.begin(), description_.members.end()),
       random_(description_.seed),
@@ -66,15 +66,24 @@ bool Bus::isLinkActive() {
 }
 
 bool Bus::isLinkUp() const {
-    return !stopped_ && now() >= description_.linkActiveAfter;
+    const Microseconds time = now();
+    const auto covers = [time](const LinkDrop& drop) {
+        return drop.at <= time && time < drop.at + drop.duration;
+    };
+    return !stopped_ && time >= description_.linkActiveAfter && time >= linkDownUntil_ &&
+           std::none_of(description_.linkDrops.begin(), description_.linkDrops.end(), covers);
 }
 
-Device* Bus::findOnBus(const vanid_t& id) {
+Device* Bus::find(const vanid_t& id) {
     const auto found = std::find_if(devices_.begin(), devices_.end(), [&](const Device& device) {
         return sameIdentifier(device.description().id, id);
     });
-    const bool answers = isLinkUp() && found != devices_.end() && found->isOnBus();
-    return answers ? &*found : nullptr;
+    return found == devices_.end() ? nullptr : &*found;
+}
+
+Device* Bus::findOnBus(const vanid_t& id) {
+    Device* const device = isLinkUp() ? find(id) : nullptr;
+    return device != nullptr && device->isOnBus() ? device : nullptr;
 }
 
 // One device's answer, or kBroadcast for a request to all Orvins.
@@ -153,15 +162,28 @@ int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* b
     });
 }
 
+std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
+    const auto found = packetFaults_.find(&device);
+    if (found == packetFaults_.end()) {
+        return std::nullopt;
+    }
+    const PacketFault fault = found->second;
+    packetFaults_.erase(found);
+    return fault;
+}
+
 void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes) {
-    const std::optional<PacketAnswer> answer = device.receive(packet, bytes);
+    const std::optional<PacketFault> fault = takePacketFault(device);
+    if (fault && fault->kind == PacketFault::Kind::Lost) {
+        return;
+    }
+    std::optional<PacketAnswer> answer = device.receive(packet, bytes);
     if (!answer) {
         return;
     }
-    const DeviceTiming& timing = device.description().timing;
-    Microseconds delay = timing.acknowledge;
-    if (timing.acknowledgeJitter > 0) {
-        delay += static_cast<Microseconds>(random_()) % (timing.acknowledgeJitter + 1);
+    Microseconds delay = answerDelay(device);
+    if (fault) {
+        delay += disturbAnswer(device, *fault, *answer);
     }
     for (int i = 1; i <= answer->times; ++i) {
         after(i * delay,
@@ -169,11 +191,49 @@ void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t*
     }
 }
 
+Microseconds Bus::answerDelay(const Device& device) {
+    const DeviceTiming& timing = device.description().timing;
+    if (timing.acknowledgeJitter == 0) {
+        return timing.acknowledge;
+    }
+    return timing.acknowledge +
+           static_cast<Microseconds>(random_()) % (timing.acknowledgeJitter + 1);
+}
+
+// Returns by how much later the answer comes.
+Microseconds Bus::disturbAnswer(Device& device, const PacketFault& fault, PacketAnswer& answer) {
+    switch (fault.kind) {
+    case PacketFault::Kind::Answer:
+        answer.result = static_cast<std::int32_t>(fault.value);
+        return 0;
+    case PacketFault::Kind::GoBack:
+        answer = {kGoBackResult, static_cast<std::uint32_t>(fault.value), 1};
+        device.discardFrom(answer.packet);
+        return 0;
+    case PacketFault::Kind::Late:
+        return fault.value;
+    case PacketFault::Kind::Twice:
+        answer.times = 2;
+        return 0;
+    case PacketFault::Kind::Lost:
+        return 0;
+    }
+    return 0;
+}
+
 int Bus::checkImage(const vanid_t& id, std::uint32_t target, std::uint16_t& announced,
                     std::uint16_t& computed) {
-    const Lock lock(mutex_);
-    return request(id,
-                   [&](Device& device) { return device.checkImage(target, announced, computed); });
+    Microseconds duration = 0;
+    int answer = 0;
+    {
+        const Lock lock(mutex_);
+        answer = request(id, [&](Device& device) {
+            duration = device.description().timing.check;
+            return device.checkImage(target, announced, computed);
+        });
+    }
+    queue_->sleep(duration);
+    return answer;
 }
 
 int Bus::startUpdate(const vanid_t& id, std::uint32_t target) {
@@ -182,30 +242,34 @@ int Bus::startUpdate(const vanid_t& id, std::uint32_t target) {
         const int result = device.startUpdate(target);
         if (result == 0) {
             after(device.description().timing.install,
-                  [this, &device] { finishInstallation(device); });
+                  [this, &device, turn = device.turn()] { finishInstallation(device, turn); });
         }
         return result;
     });
 }
 
-void Bus::finishInstallation(Device& device) {
+void Bus::finishInstallation(Device& device, std::uint32_t turn) {
     {
         const Lock lock(mutex_);
+        if (device.turn() != turn) {
+            return;  // interrupted
+        }
         if (device.finishInstallation()) {
             storeInstalled(device);
         }
         if (device.isOnBus()) {
             return;
         }
-        after(device.description().timing.restart, [this, &device] { comeBack(device); });
+        after(device.description().timing.restart,
+              [this, &device, turn] { comeBack(device, turn); });
     }
     reportBusChange(device.description().id, kLeft);
 }
 
-void Bus::comeBack(Device& device) {
+void Bus::comeBack(Device& device, std::uint32_t turn) {
     {
         const Lock lock(mutex_);
-        if (!device.comeBack()) {
+        if (device.turn() != turn || !device.comeBack()) {
             return;
         }
     }
@@ -216,7 +280,9 @@ void Bus::comeBack(Device& device) {
 
 void Bus::storeInstalled(const Device& device) {
     const auto member = static_cast<std::size_t>(&device - devices_.data());
-    file_.storeVersions(member, device.versions());
+    if (storeVersions_) {
+        storeVersions_(member, device.versions());
+    }
     if (description_.store.empty()) {
         return;
     }
@@ -253,6 +319,29 @@ void Bus::requestGoBack(const vanid_t& id, std::uint32_t packet) {
         device->discardFrom(packet);
     }
     reportTransferResult(id, PacketAnswer{kGoBackResult, packet, 1});
+}
+
+void Bus::interrupt(const vanid_t& id, Microseconds duration) {
+    const Lock lock(mutex_);
+    Device* const device = find(id);
+    if (device == nullptr || !device->isOnBus()) {
+        return;
+    }
+    device->losePower();
+    after(0, [this, device] { reportBusChange(device->description().id, kLeft); });
+    after(duration, [this, device, turn = device->turn()] { comeBack(*device, turn); });
+}
+
+void Bus::disturbNextPacket(const vanid_t& id, const PacketFault& fault) {
+    const Lock lock(mutex_);
+    if (const Device* const device = find(id)) {
+        packetFaults_[device] = fault;
+    }
+}
+
+void Bus::dropLink(Microseconds duration) {
+    const Lock lock(mutex_);
+    linkDownUntil_ = now() + duration;
 }
 
 void Bus::reportTransferResult(const vanid_t& source, const PacketAnswer& answer) {
@@ -292,6 +381,14 @@ void Bus::reportBusChange(const vanid_t& member, std::uint32_t event) {
 
 void Bus::after(Microseconds delay, Event event) {
     queue_->schedule(queue_->now() + delay, std::move(event));
+}
+
+std::shared_ptr<Bus> openBusFile(const std::string& path) {
+    const auto file = std::make_shared<BusFile>(path);
+    return std::make_shared<Bus>(file->description(),
+                                 [file](std::size_t member, const Versions& versions) {
+                                     file->storeVersions(member, versions);
+                                 });
 }
 
 }  // namespace sim

@@ -17,6 +17,10 @@ constexpr std::uint8_t kBusMasterType = 16;
 constexpr std::uint8_t kOrvinType = 64;
 constexpr std::size_t kNameBytes = 32;
 
+// Transfer results that are no faults.
+constexpr std::int32_t kReceivedResult = 0;
+constexpr std::int32_t kGoBackResult = 17;
+
 // Picks some out of a row of things, counted from 1 as they come.
 struct Selection {
     bool all = false;
@@ -60,6 +64,7 @@ struct FaultResult {
 enum class KeepsOldVersion { Never, Once, Always };
 
 struct DeviceFaults {
+    bool present = false;  // whether there is any
     Selection losesPackets;
     Selection acknowledgesTwice;
     std::vector<GoBack> goBack;
@@ -75,16 +80,17 @@ struct DeviceFaults {
 };
 
 struct Versions {
-    std::uint32_t hw = 0;
-    std::uint32_t arm = 0;
-    std::uint32_t dsp = 0;
-    std::uint32_t boosterArm = 0;
-    std::uint16_t api = 0;
+    std::uint32_t hw = 1;
+    std::uint32_t arm = 1;
+    std::uint32_t dsp = 1;  // 0: not up
+    std::uint32_t boosterArm = 1;
+    std::uint16_t api = 1;
 };
 
 struct DeviceTiming {
     Microseconds acknowledge = 300;
     Microseconds acknowledgeJitter = 0;  // at most so much later, at random
+    Microseconds check = 0;
     Microseconds install = 1'000'000;
     Microseconds restart = 2'000'000;
 };
@@ -98,9 +104,16 @@ struct MemberDescription {
     DeviceFaults faults;
 };
 
+// A time during which the link is down, from the opening of the connection.
+struct LinkDrop {
+    Microseconds at = 0;
+    Microseconds duration = 0;
+};
+
 struct BusDescription {
     std::vector<MemberDescription> members;  // in the order in which the bus reports them
     Microseconds linkActiveAfter = 0;        // from the opening of the connection
+    std::vector<LinkDrop> linkDrops;
     std::uint32_t seed = 1;
     std::string trace;  // file for the bus calls; empty: none
     std::string store;  // directory for the content that devices install; empty: none

@@ -1,11 +1,7 @@
 #include "sim/bus_file.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "files/replace_file.h"
 #include "sim/identifier.h"
 
 namespace sim {
@@ -24,7 +21,7 @@ constexpr std::int64_t kMaxMicroseconds = kMax32;
 constexpr std::int64_t kMaxMilliseconds = 100'000'000;  // a little more than a day
 constexpr Microseconds kMillisecond = 1'000;
 
-std::uint32_t read32(FieldReader& fields, const char* name, std::uint32_t fallback = 0) {
+std::uint32_t read32(FieldReader& fields, const char* name, std::uint32_t fallback) {
     return static_cast<std::uint32_t>(fields.number(name, fallback, 0, kMax32));
 }
 
@@ -79,6 +76,9 @@ CallFault readCallFault(FieldReader& parent, const char* name) {
     fault.result = static_cast<int>(fields.number("result", fault.result,
                                                   std::numeric_limits<std::int32_t>::min(),
                                                   std::numeric_limits<std::int32_t>::max()));
+    if (fault.result == 0) {
+        throw BusFileError(fields.placeOf("result") + ": 0 is no fault");
+    }
     fields.finish();
     return fault;
 }
@@ -88,8 +88,8 @@ GoBack readGoBack(const Json& json, const std::string& place) {
     GoBack goBack;
     fields.require("at");
     fields.require("to");
-    goBack.at = read32(fields, "at");
-    goBack.to = read32(fields, "to");
+    goBack.at = read32(fields, "at", 0);
+    goBack.to = read32(fields, "to", 0);
     const Json* const times = fields.find("times");
     if (times != nullptr && *times == "always") {
         goBack.times = std::nullopt;
@@ -104,10 +104,13 @@ FaultResult readFaultResult(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
     FaultResult fault;
     fields.require("at");
-    fault.at = read32(fields, "at");
+    fault.at = read32(fields, "at", 0);
     fault.result = static_cast<std::int32_t>(
         fields.number("result", fault.result, std::numeric_limits<std::int32_t>::min(),
                       std::numeric_limits<std::int32_t>::max()));
+    if (fault.result == kReceivedResult || fault.result == kGoBackResult) {
+        throw BusFileError(fields.placeOf("result") + ": not a fault's result");
+    }
     fields.finish();
     return fault;
 }
@@ -144,6 +147,7 @@ KeepsOldVersion readKeepsOldVersion(FieldReader& fields, const char* name) {
 DeviceFaults readDeviceFaults(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
     DeviceFaults faults;
+    faults.present = true;
     faults.losesPackets = readSelection(fields, "loses_packets");
     faults.acknowledgesTwice = readSelection(fields, "acknowledges_twice");
     faults.goBack = readList(fields, "go_back", readGoBack);
@@ -163,12 +167,12 @@ DeviceFaults readDeviceFaults(const Json& json, const std::string& place) {
 Versions readVersions(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
     Versions versions;
-    versions.hw = read32(fields, "hw");
-    versions.arm = read32(fields, "arm");
-    versions.dsp = read32(fields, "dsp");
-    versions.boosterArm = read32(fields, "booster_arm");
+    versions.hw = read32(fields, "hw", versions.hw);
+    versions.arm = read32(fields, "arm", versions.arm);
+    versions.dsp = read32(fields, "dsp", versions.dsp);
+    versions.boosterArm = read32(fields, "booster_arm", versions.boosterArm);
     versions.api = static_cast<std::uint16_t>(
-        fields.number("api", 0, 0, std::numeric_limits<std::uint16_t>::max()));
+        fields.number("api", versions.api, 0, std::numeric_limits<std::uint16_t>::max()));
     fields.finish();
     return versions;
 }
@@ -178,6 +182,7 @@ DeviceTiming readTiming(const Json& json, const std::string& place) {
     DeviceTiming timing;
     timing.acknowledge = fields.number("acknowledge_us", timing.acknowledge, 0, kMaxMicroseconds);
     timing.acknowledgeJitter = fields.number("acknowledge_jitter_us", 0, 0, kMaxMicroseconds);
+    timing.check = readMilliseconds(fields, "check_ms", timing.check);
     timing.install = readMilliseconds(fields, "install_ms", timing.install);
     timing.restart = readMilliseconds(fields, "restart_ms", timing.restart);
     fields.finish();
@@ -239,6 +244,17 @@ void readBusFaults(FieldReader& parent, BusDescription& bus) {
     fields.finish();
 }
 
+LinkDrop readLinkDrop(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    LinkDrop drop;
+    fields.require("at_ms");
+    fields.require("for_ms");
+    drop.at = readMilliseconds(fields, "at_ms", 0);
+    drop.duration = readMilliseconds(fields, "for_ms", 0);
+    fields.finish();
+    return drop;
+}
+
 void readLink(FieldReader& parent, BusDescription& bus) {
     const Json* const json = parent.find("link");
     if (json == nullptr) {
@@ -246,6 +262,7 @@ void readLink(FieldReader& parent, BusDescription& bus) {
     }
     FieldReader fields(*json, parent.placeOf("link"));
     bus.linkActiveAfter = readMilliseconds(fields, "active_after_ms", 0);
+    bus.linkDrops = readList(fields, "drops", readLinkDrop);
     fields.finish();
 }
 
@@ -271,38 +288,17 @@ Json hexadecimal(std::uint32_t value, int digits) {
     return text;
 }
 
-// Writes the text to a new file beside the old one, which then takes its place.
-bool replaceFile(const std::string& path, const std::string& text) {
-    std::string temporary = path + ".XXXXXX";
-    const int file = mkstemp(temporary.data());
-    if (file < 0) {
-        return false;
-    }
-    struct stat original {};
-    if (stat(path.c_str(), &original) == 0) {
-        fchmod(file, original.st_mode);
-    }
-    const ssize_t written = write(file, text.data(), text.size());
-    const bool whole = close(file) == 0 && written == static_cast<ssize_t>(text.size());
-    if (whole && std::rename(temporary.c_str(), path.c_str()) == 0) {
-        return true;
-    }
-    const int error = errno;
-    unlink(temporary.c_str());
-    errno = error;
-    return false;
-}
-
 }  // namespace
 
 Json parseBusFile(const std::string& text) {
     try {
         return Json::parse(text);
-    } catch (const Json::parse_error& error) {
+    } catch (const Json::exception& error) {
         // "[json.exception.parse_error.101] parse error at line 1, column 2: ..."
         const std::string message = error.what();
         const std::size_t place = message.find("line ");
-        throw BusFileError(place == std::string::npos ? message : message.substr(place));
+        throw BusFileError(place == std::string::npos ? "the whole file: " + message
+                                                      : message.substr(place));
     }
 }
 

@@ -135,6 +135,10 @@ std::optional<PacketAnswer> Device::faultyAnswer(std::uint32_t number) {
 }
 
 void Device::discardFrom(std::uint32_t packet) {
+    if (!transfer_.open) {
+        return;
+    }
+    transfer_.checked = false;
     if (packet < transfer_.received.size()) {
         transfer_.received.resize(packet);
         transfer_.content.resize(std::size_t{packet} * kPacketBytes);
@@ -163,6 +167,7 @@ int Device::startUpdate(std::uint32_t target) {
     }
     transfer_.open = false;
     state_ = State::Installing;
+    ++turn_;
     return 0;
 }
 
@@ -193,11 +198,17 @@ bool Device::takesNewFirmware() {
 }
 
 bool Device::comeBack() {
-    if (description_.faults.neverReturns) {
+    if (description_.faults.neverReturns || isOnBus()) {
         return false;
     }
     state_ = State::Ready;
     return true;
+}
+
+void Device::losePower() {
+    state_ = State::Restarting;
+    transfer_ = Transfer();
+    ++turn_;
 }
 
 std::uint32_t* Device::versionOf(std::uint32_t target) {

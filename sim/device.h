@@ -25,10 +25,6 @@ constexpr std::uint32_t kArmTarget = 0x200;
 constexpr std::uint32_t kDspTarget = 0x201;
 constexpr std::uint32_t kBoosterArmTarget = 0x202;
 
-// Transfer results that are no faults.
-constexpr std::int32_t kReceivedResult = 0;
-constexpr std::int32_t kGoBackResult = 17;
-
 // What a device answers to a packet, through the transfer callback.
 struct PacketAnswer {
     std::int32_t result = 0;
@@ -64,12 +60,19 @@ public:
 
     bool isInstalling() const { return state_ == State::Installing; }
 
+    // Grows with every installation that is started and with every loss of power, so that what was
+    // to become of an earlier one can be told from what becomes of this one.
+    std::uint32_t turn() const { return turn_; }
+
     // Ends the installation: the firmware is in, if it is fit for the device, and a device that
     // restarts has left the bus. True when there is new content to keep.
     bool finishInstallation();
 
-    // The device is back on the bus. False when it never comes.
+    // The device is back on the bus. False when it never comes, or never left.
     bool comeBack();
+
+    // Off the bus at once, without what it was receiving or installing.
+    void losePower();
 
     const Versions& versions() const { return versions_; }
     std::uint32_t target() const { return transfer_.target; }
@@ -102,6 +105,7 @@ private:
     State state_ = State::Ready;
     Transfer transfer_;
     std::vector<std::optional<std::uint32_t>> goBackTimes_;  // left, for each of the faults
+    std::uint32_t turn_ = 0;
     std::uint32_t packetsSeen_ = 0;
     std::uint32_t installations_ = 0;
     FaultCounter typeQueries_, versionQueries_, writeRequests_, checks_, starts_;

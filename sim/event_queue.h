@@ -23,6 +23,7 @@ public:
     virtual void stop() = 0;
 
     virtual Microseconds now() const = 0;
+    virtual void sleep(Microseconds duration) = 0;
     virtual void schedule(Microseconds when, Event event) = 0;
 };
 

@@ -45,6 +45,10 @@ public:
         return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start_).count();
     }
 
+    void sleep(Microseconds duration) override {
+        std::this_thread::sleep_for(std::chrono::microseconds(duration));
+    }
+
     void schedule(Microseconds when, Event event) override {
         {
             const std::lock_guard<std::mutex> lock(mutex_);

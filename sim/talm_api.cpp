@@ -3,6 +3,7 @@
 
 #include "talm/talm_api.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <map>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 #include "sim/bus.h"
 #include "sim/connections.h"
@@ -101,9 +103,12 @@ std::shared_ptr<Bus> openBus(const std::string& connection) {
     }
     const std::string path = connection.substr(schemeLength);
     try {
-        return std::make_shared<Bus>(path);
+        return sim::openBusFile(path);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "bus file '%s': %s\n", path.c_str(), error.what());
+        constexpr std::size_t kMaxReason = 300;
+        const std::string reason = std::string(error.what()).substr(0, kMaxReason);
+        const std::string line = sim::onOneLine("bus file '" + path + "': " + reason);
+        std::fprintf(stderr, "%s\n", line.c_str());
         return nullptr;
     }
 }
@@ -118,12 +123,18 @@ std::shared_ptr<Bus> sim::findBus(TalmApiHandle handle) {
 }
 
 void sim::forEachBus(const std::function<void(Bus&)>& visit) {
-    Connections& all = connections();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    for (const auto& entry : all.byHandle) {
-        if (entry.second->bus) {
-            visit(*entry.second->bus);
+    std::vector<std::shared_ptr<Bus>> open;
+    {
+        Connections& all = connections();
+        const std::lock_guard<std::mutex> lock(all.mutex);
+        for (const auto& entry : all.byHandle) {
+            if (entry.second->bus) {
+                open.push_back(entry.second->bus);
+            }
         }
+    }
+    for (const std::shared_ptr<Bus>& bus : open) {
+        visit(*bus);
     }
 }
 
@@ -139,32 +150,34 @@ TalmApiHandle TalmApiInitialize() {
 }
 
 int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
+    Connections& all = connections();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    const auto found = all.byHandle.find(handle);
+    if (connection == nullptr || found == all.byHandle.end() || found->second->bus) {
+        return result::kNoSession;
+    }
     const std::shared_ptr<Bus> bus = openBus(connection);
     if (!bus) {
         return result::kNoSession;
     }
     const int answer = bus->openResult();
     if (bus->trace().isOn()) {
-        trace(*bus, "TalmApiInitialize", 0, "");
+        bus->trace().write(0, "TalmApiInitialize() = handle");
         trace(*bus, "TalmApiOpen", answer, "", connection, reserved);
     }
-    if (answer < 0) {
-        return answer;
+    if (answer >= 0) {
+        found->second->bus = bus;
     }
-    Connections& all = connections();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    const auto found = all.byHandle.find(handle);
-    if (found == all.byHandle.end() || found->second->bus) {
-        return result::kNoSession;
-    }
-    found->second->bus = bus;
     return answer;
 }
 
 int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
     return call(handle, "TalmApiGetLinkState", [&](Bus& bus, std::string& given) {
-        *active = bus.isLinkActive();
-        given = outputs(*active);
+        // Left alone while the link is down: the library owes no answer then.
+        if (bus.isLinkActive()) {
+            *active = true;
+            given = outputs(*active);
+        }
         return 0;
     });
 }
@@ -197,7 +210,14 @@ int TalmApiClose(TalmApiHandle handle) {
 int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
     return call(
         handle, "TalmApiGetBusMembers",
-        [&](Bus& bus, std::string&) { return bus.getMembers(members, capacity); }, capacity);
+        [&](Bus& bus, std::string& given) {
+            const int count = bus.getMembers(members, capacity);
+            for (int i = 0; i < std::min(count, capacity); ++i) {
+                given += (i == 0 ? " -> " : ", ") + sim::identifierText(members[i]);
+            }
+            return count;
+        },
+        capacity);
 }
 
 int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
@@ -232,6 +252,10 @@ int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm,
             std::string nameText;
             const int answer = bus.readVersions(device, versions, nameText);
             if (answer != 0) {
+                // What a failed query leaves behind means nothing, so let it be something.
+                *hw = *arm = *dsp = *boosterArm = 0xdeadbeef;
+                *api = 0xdead;
+                std::memset(name, '?', sim::kNameBytes);
                 return answer;
             }
             *hw = versions.hw;

@@ -1,7 +1,9 @@
 #include "sim/trace.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 namespace sim {
 
@@ -11,9 +13,7 @@ Trace::Trace(const std::string& path) {
     }
     file_.reset(std::fopen(path.c_str(), "ae"));
     if (!file_) {
-        std::fprintf(stderr, "trace '%s': cannot be opened: %s\n", path.c_str(),
-                     std::strerror(errno));
-        return;
+        throw std::runtime_error("/trace: cannot be opened: " + std::string(std::strerror(errno)));
     }
     std::setvbuf(file_.get(), nullptr, _IOLBF, BUFSIZ);
 }
@@ -25,7 +25,15 @@ void Trace::write(Microseconds time, const std::string& line) {
     constexpr Microseconds kSecond = 1'000'000;
     const std::lock_guard<std::mutex> lock(mutex_);
     std::fprintf(file_.get(), "%6lld.%06lld %s\n", static_cast<long long>(time / kSecond),
-                 static_cast<long long>(time % kSecond), line.c_str());
+                 static_cast<long long>(time % kSecond), onOneLine(line).c_str());
+}
+
+std::string onOneLine(std::string text) {
+    const auto isControl = [](char character) {
+        return static_cast<unsigned char>(character) < ' ' || character == '\x7f';
+    };
+    std::replace_if(text.begin(), text.end(), isControl, '?');
+    return text;
 }
 
 }  // namespace sim

@@ -29,6 +29,8 @@ public:
 
     Microseconds now() const override { return VirtualTime::instance().now(); }
 
+    void sleep(Microseconds duration) override { VirtualTime::instance().advance(duration); }
+
     void schedule(Microseconds when, Event event) override {
         if (!stopped_) {
             VirtualTime::instance().events_.emplace(when,
@@ -47,6 +49,9 @@ VirtualTime& VirtualTime::instance() {
 
 void VirtualTime::advance(Microseconds duration) {
     const Microseconds end = now_ + duration;
+    if (end > limit_) {
+        throw TimeLimitReached();
+    }
     while (!events_.empty() && events_.begin()->first <= end) {
         const auto first = events_.begin();
         now_ = std::max(now_, first->first);
@@ -54,12 +59,13 @@ void VirtualTime::advance(Microseconds duration) {
         events_.erase(first);
         event();
     }
-    now_ = end;
+    now_ = std::max(now_, end);  // an event may have slept itself
 }
 
 void VirtualTime::reset() {
     events_.clear();
     now_ = 0;
+    limit_ = kNoLimit;
 }
 
 std::unique_ptr<EventQueue> makeEventQueue() {

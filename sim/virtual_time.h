@@ -1,11 +1,15 @@
 #ifndef SIM_VIRTUAL_TIME_H
 #define SIM_VIRTUAL_TIME_H
 
+#include <limits>
 #include <map>
 
 #include "sim/event_queue.h"
 
 namespace sim {
+
+// Somebody sleeps beyond the end of the time that was given.
+struct TimeLimitReached {};
 
 // A clock that stands still until somebody sleeps. A program that links it gets its usleep and its
 // time from it: a sleep runs every event that falls due meanwhile, on the sleeper's own thread, so
@@ -17,12 +21,18 @@ public:
     // Microseconds since the last reset.
     Microseconds now() const { return now_; }
 
+    // Throws TimeLimitReached when that would go beyond the limit.
     void advance(Microseconds duration);
+
+    // For programs that must not hang on what they run. A reset takes it back.
+    void setLimit(Microseconds limit) { limit_ = limit; }
 
     // Back to the start. Drops whatever is still to happen.
     void reset();
 
 private:
+    static constexpr Microseconds kNoLimit = std::numeric_limits<Microseconds>::max();
+
     friend class VirtualTimeQueue;
     struct Entry {
         const EventQueue* owner;
@@ -30,6 +40,7 @@ private:
     };
 
     Microseconds now_ = 0;
+    Microseconds limit_ = kNoLimit;
     std::multimap<Microseconds, Entry> events_;
 };
 

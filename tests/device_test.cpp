@@ -66,14 +66,21 @@ TEST_F(SimulatedDevice, FailsItsCheckWhenAMissingPacketWouldNotChangeTheSum) {
     EXPECT_FALSE(passesCheck(device, content, {0, 2}));
 }
 
+TEST_F(SimulatedDevice, ForgetsThatItPassedItsCheckWhenItGoesBack) {
+    sim::Device device(description);
+    ASSERT_TRUE(passesCheck(device, orvin_image::generateContent(kArm, 7, 128), {0, 1}));
+    device.discardFrom(1);
+    EXPECT_NE(device.startUpdate(kArm), 0);
+}
+
 TEST_F(SimulatedDevice, LearnsAVersionOnlyFromFirmwareForItsOwnProcessor) {
     const struct {
         Bytes content;
         std::uint32_t version;
     } cases[] = {{orvin_image::generateContent(kArm, 7, 100), 7},
-                 {orvin_image::generateContent(kDsp, 7, 100), 0},
-                 {orvin_image::generateContent(kArm, 7, 11), 0},
-                 {Bytes(100), 0}};
+                 {orvin_image::generateContent(kDsp, 7, 100), 1},
+                 {orvin_image::generateContent(kArm, 7, 11), 1},
+                 {Bytes(100), 1}};
     for (const auto& example : cases) {
         sim::Device device(description);
         ASSERT_TRUE(passesCheck(device, example.content,

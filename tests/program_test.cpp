@@ -1,9 +1,10 @@
-// The programs as they are built.
+// The programs as they are installed.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "support/bus_builder.h"
 #include "support/files.h"
@@ -14,33 +15,52 @@ using namespace std::string_literals;
 
 struct Result {
     int exitStatus = 0;
-    std::string output;  // standard output and error
+    std::string output;
+    std::string error;
 };
 
+// Installs the programs for all tests, and the simulated bus's libraries with them.
 class Program : public testing::Test {
 protected:
-    static Result shell(const std::string& command) {
+    static void SetUpTestSuite() {
+        installed = new TemporaryDirectory;
+        const int status = std::system(
+            ("cmake --install " BUILD_DIRECTORY " --prefix " + *installed / "" + " >/dev/null")
+                .c_str());
+        ASSERT_EQ(status, 0);
+    }
+    static void TearDownTestSuite() { delete installed; }
+
+    Result shell(const std::string& command) const {
+        const std::string error = directory / "stderr";
         Result result;
-        std::FILE* const pipe =
-            popen(("export LC_ALL=C TEXTDOMAINDIR=/nowhere; exec 2>&1; " + command).c_str(), "r");
+        std::FILE* const pipe = popen(
+            ("export LC_ALL=C TEXTDOMAINDIR=/nowhere; exec 2>" + error + "; " + command).c_str(),
+            "r");
         char buffer[4096];
         for (std::size_t count = 0; (count = fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
             result.output.append(buffer, count);
         }
         result.exitStatus = WEXITSTATUS(pclose(pipe));
+        result.error = readText(error);
         return result;
     }
 
-    static Result upgrade(const std::string& arguments) {
-        return shell(UPGRADE_PROGRAM " "s + arguments);
+    // Finds the bus libraries by the search path and by nothing else.
+    Result upgrade(const std::string& arguments) const {
+        return shell("LD_LIBRARY_PATH=" + *installed / "lib " +
+                     *installed / "bin/orvin-firmware-upgrade " + arguments);
     }
 
-    static Result image(const std::string& arguments) {
-        return shell(IMAGE_PROGRAM " "s + arguments);
+    Result image(const std::string& arguments) const {
+        return shell(*installed / "bin/orvin-image " + arguments);
     }
 
+    static TemporaryDirectory* installed;
     TemporaryDirectory directory;
 };
+
+TemporaryDirectory* Program::installed = nullptr;
 
 constexpr char kStart[] =
     "Using locale C\n"
@@ -52,6 +72,7 @@ TEST_F(Program, EndsItselfAtVersionAndHelp) {
     const Result version = upgrade("-v -x");
     EXPECT_EQ(version.exitStatus, 0);
     EXPECT_EQ(version.output, kStart);
+    EXPECT_EQ(version.error, "");
 
     const Result help = upgrade("-l -h -x");
     EXPECT_EQ(help.exitStatus, 0);
@@ -59,7 +80,7 @@ TEST_F(Program, EndsItselfAtVersionAndHelp) {
 
     const Result unknown = upgrade("-x -h");
     EXPECT_EQ(unknown.exitStatus, 129);
-    EXPECT_NE(unknown.output.find("invalid option -- 'x'"), std::string::npos);
+    EXPECT_NE(unknown.error.find("invalid option -- 'x'\n"), std::string::npos);
     EXPECT_EQ(occurrences(unknown.output, "Usage:"), 1);
 }
 
@@ -70,6 +91,27 @@ TEST_F(Program, ListsABusAndFindsNoneElsewhere) {
     EXPECT_EQ(listing.output.rfind(kStart + "Waiting for bus to become ACTIVE...\n"s, 0), 0U);
     EXPECT_NE(listing.output.find(" 1)  " + orvinId(1)), std::string::npos);
     EXPECT_EQ(upgrade("-l").exitStatus, 132);
+}
+
+TEST_F(Program, HasNoLibraryPathOfItsOwnOnceInstalled) {
+    const Result lost = shell(*installed / "bin/orvin-firmware-upgrade -v");
+    EXPECT_EQ(lost.exitStatus, 127);
+    EXPECT_NE(lost.error.find("libtalm-api-v2.so"), std::string::npos);
+}
+
+TEST_F(Program, UpgradesForReal) {
+    const std::string bus = directory / "bus.json";
+    const Json timing = {{"install_ms", 1}, {"restart_ms", 1}};
+    writeText(bus, BusBuilder().orvin(1, nullptr, timing).orvin(2, nullptr, timing).text());
+    ASSERT_EQ(
+        image("create " + directory / "arm.img" + " --target arm --version 0x00010001 --size 100")
+            .exitStatus,
+        0);
+    const std::string command = "-B -c sim:" + bus + " " + directory / "arm.img";
+    EXPECT_EQ(upgrade(command).exitStatus, 2);
+    const Result again = upgrade(command);
+    EXPECT_EQ(again.exitStatus, 0);
+    EXPECT_EQ(occurrences(again.output, "is already up to date.\n"), 2);
 }
 
 TEST_F(Program, KeepsItsConsoleOutOfTheStatusFileWhenItsOutputIsClosed) {
@@ -99,9 +141,9 @@ TEST_F(Program, OrvinImageTakesContentAsItIsOrWithADescriptor) {
     const std::string path = directory / "dsp.img";
     writeText(content, "some firmware");
     const std::string command = "create " + path + " --target dsp --version 7 --content " + content;
-    EXPECT_NE(image(command).output.find("note: the content has no descriptor"), std::string::npos);
+    EXPECT_NE(image(command).error.find("note: the content has no descriptor"), std::string::npos);
     EXPECT_EQ(readText(path).substr(36), "some firmware");
-    EXPECT_EQ(image(command + " --add-descriptor").output, "");
+    EXPECT_EQ(image(command + " --add-descriptor").error, "");
     EXPECT_EQ(readText(path).substr(36), "OFWD\x01\x02\0\0\x07\0\0\0some firmware"s);
 }
 
@@ -131,16 +173,20 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
     }
 }
 
-TEST_F(Program, OrvinImageLeavesNothingHalfDone) {
-    EXPECT_EQ(image("create " + directory / "missing/image" + " --target arm --version 1 --size 64")
-                  .exitStatus,
-              2);
-    EXPECT_EQ(
-        image("create " + directory / "image" + " --target arm --version 1 --size 3").exitStatus,
-        2);
-    EXPECT_NE(image("create x --target arm --version 1").exitStatus, 0);
-    EXPECT_NE(image("create x --target nose --version 1 --size 64").exitStatus, 0);
-    EXPECT_EQ(readText(directory / "image"), "");
+TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
+    for (const char* arguments :
+         {"missing/image --target arm --version 1 --size 64",
+          "image --target arm --version 1 --size 3", "image --target arm --version 1",
+          "image --target nose --version 1 --size 64", "image --target arm --version 010 --size 64",
+          "image --target arm --version 1 --content ''",
+          "image --target arm --version 1 --size 4000000000"}) {
+        EXPECT_NE(shell("cd " + directory / "" + " && " + *installed / "bin/orvin-image create " +
+                        arguments)
+                      .exitStatus,
+                  0)
+            << arguments;
+    }
+    EXPECT_EQ(shell("ls -A " + directory / "").output, "stderr\n");
 }
 
 }  // namespace

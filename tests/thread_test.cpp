@@ -27,9 +27,15 @@ class Threads : public testing::Test {
 protected:
     Threads() { MessageWriter::init(""); }
     ~Threads() override {
+        close();
+        delete MessageWriter::instance();
+    }
+
+    // Ends the callbacks, so that what they use may go.
+    void close() {
         TalmApiCleanup(session.handle);
         TalmApiClose(session.handle);
-        delete MessageWriter::instance();
+        session.handle = nullptr;
     }
 
     void open(const BusBuilder& bus) {
@@ -74,11 +80,12 @@ TEST_F(Threads, TransferTo63DevicesThatAllReportAtOnce) {
     }
     ASSERT_TRUE(transfer(group, 64 * 150 + 1));
     EXPECT_EQ(group.count(), 63 - 7) << "all but those that reported a fault";
-    while (!group.allRejoined()) {
-        std::this_thread::yield();
+    for (int polls = 0; !group.allRejoined() && polls < 60'000; ++polls) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    group.clearBusChangeCallback();
     EXPECT_TRUE(group.allRejoined());
+    group.clearBusChangeCallback();
+    close();
     const std::string content = readText(directory / "image").substr(36);
     EXPECT_EQ(readText(directory / ("store/" + orvinId(1) + ".arm")), content);
     EXPECT_EQ(readText(directory / ("store/" + orvinId(7) + ".arm")), content);
@@ -128,11 +135,12 @@ TEST_F(Threads, ReportsComeSeveralAtOnceAndNeverOnTheCallersThread) {
     }
     {
         std::unique_lock<std::mutex> lock(reports.mutex);
-        reports.changed.wait(lock, [&] { return reports.count == 50 * kDevices; });
+        EXPECT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(60),
+                                             [&] { return reports.count == 50 * kDevices; }));
     }
     const CallbackSlot none{nullptr, nullptr};
     TalmApiSetCallback(session.handle, 2, 255, 2, &none, 0);
-    const std::lock_guard<std::mutex> lock(reports.mutex);
+    close();
     EXPECT_EQ(reports.threads.count(std::this_thread::get_id()), 0U);
     EXPECT_GT(reports.threads.size(), 1U);
 }

@@ -7,7 +7,8 @@
 #include <sstream>
 
 TemporaryDirectory::TemporaryDirectory() {
-    std::string path = (std::filesystem::temp_directory_path() / "orvin-test-XXXXXX").string();
+    // Status messages come from /tmp and cannot leave its file system.
+    std::string path = "/tmp/orvin-test-XXXXXX";
     path_ = mkdtemp(path.data());
 }
 
@@ -43,6 +44,8 @@ int occurrences(const std::string& text, const std::string& part) {
 
 orvin_image::Bytes makeImage(std::uint32_t target, std::uint32_t version, std::size_t contentSize) {
     FirmwareImageHeader header;
+    header.manufacturer = 0x1234;
+    header.contentType = 7;
     header.device = target;
     header.version = version;
     return orvin_image::encodeImage(header,

@@ -11,15 +11,23 @@ namespace orvin_image {
 namespace {
 
 constexpr std::size_t kMaxContent = std::numeric_limits<std::int32_t>::max() - 1024;
+constexpr char kTooLong[] = "the content is too long: an image has less than 2 GiB";
+
+Bytes generate(const CreateOptions& options, std::size_t size) {
+    if (size < firmware::Descriptor::kSize) {
+        throw std::runtime_error("generated content has at least " +
+                                 std::to_string(firmware::Descriptor::kSize) +
+                                 " bytes: it begins with a descriptor");
+    }
+    if (size > kMaxContent) {
+        throw std::runtime_error(kTooLong);
+    }
+    return generateContent(options.target, options.version, size);
+}
 
 Bytes makeContent(const CreateOptions& options) {
-    if (options.contentFile.empty()) {
-        if (*options.size < firmware::Descriptor::kSize) {
-            throw std::runtime_error("generated content has at least " +
-                                     std::to_string(firmware::Descriptor::kSize) +
-                                     " bytes: it begins with a descriptor");
-        }
-        return generateContent(options.target, options.version, *options.size);
+    if (options.size) {
+        return generate(options, *options.size);
     }
     const Bytes content = readFile(options.contentFile);
     return options.addDescriptor ? addDescriptor(options.target, options.version, content)
@@ -31,7 +39,7 @@ Bytes makeContent(const CreateOptions& options) {
 int create(const CreateOptions& options) {
     const Bytes content = makeContent(options);
     if (content.size() > kMaxContent) {
-        throw std::runtime_error("the content is too long: an image has less than 2 GiB");
+        throw std::runtime_error(kTooLong);
     }
     if (!isFirmware(content, options.target, options.version)) {
         std::cerr

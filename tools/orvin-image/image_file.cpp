@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
 
+#include "files/replace_file.h"
 #include "firmware/checksum.h"
 #include "firmware/descriptor.h"
 #include "firmware/little_endian.h"
@@ -77,15 +77,7 @@ Bytes readFile(const std::string& path) {
 }
 
 void writeFile(const std::string& path, const Bytes& bytes) {
-    const std::string temporary = path + ".part";
-    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    file.close();
-    if (!file || std::rename(temporary.c_str(), path.c_str()) != 0) {
-        const int error = errno;
-        std::remove(temporary.c_str());
-        errno = error;
+    if (!replaceFile(path, {bytes.begin(), bytes.end()})) {
         fail(path, "cannot be written");
     }
 }

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <regex>
 
 #include "image/firmware_target.h"
 #include "orvin-image/commands.h"
@@ -21,21 +22,33 @@ const std::map<std::string, std::uint32_t> kTargets = {
     {"booster-arm", code(FirmwareTarget::BoosterArm)},
 };
 
+// Decimal, or hexadecimal with 0x in front: a leading zero does not make a number octal here.
+std::string checkNumber(const std::string& text) {
+    static const std::regex number("0|[1-9][0-9]*|0[xX][0-9a-fA-F]+");
+    return std::regex_match(text, number) ? "" : "'" + text + "' is not a number";
+}
+
 void addCreate(CLI::App& app, orvin_image::CreateOptions& options) {
     CLI::App* const create = app.add_subcommand("create", "Make an image file");
     create->add_option("output", options.output, "The image file to write")->required();
     create
         ->add_option("--target", options.target, "What it is for: arm, dsp, booster-arm or a code")
         ->required()
-        ->transform(CLI::Transformer(kTargets));
-    create->add_option("--version", options.version, "Version of the firmware")->required();
-    create->add_option("--manufacturer", options.manufacturer, "Manufacturer code");
-    create->add_option("--content-type", options.contentType, "Content type code");
+        ->transform(CLI::Transformer(kTargets))
+        ->check(checkNumber);
+    create->add_option("--version", options.version, "Version of the firmware")
+        ->required()
+        ->check(checkNumber);
+    create->add_option("--manufacturer", options.manufacturer, "Manufacturer code")
+        ->check(checkNumber);
+    create->add_option("--content-type", options.contentType, "Content type code")
+        ->check(checkNumber);
 
     CLI::Option_group* const content = create->add_option_group("content");
     CLI::Option* const file =
         content->add_option("--content", options.contentFile, "File with the content");
-    content->add_option("--size", options.size, "Generate so many bytes of content");
+    content->add_option("--size", options.size, "Generate so many bytes of content")
+        ->check(checkNumber);
     content->require_option(1);
     create
         ->add_flag("--add-descriptor", options.addDescriptor,
