@@ -153,6 +153,22 @@ TEST_F(Transfer, GoesBackAnyDistanceAndStillDeliversEveryByte) {
     }
 }
 
+TEST_F(Transfer, DropsADeviceThatAsksToGoBackForEverAndNoneThatRecovers) {
+    const std::string path = image("arm", kArm);
+    for (const bool recovers : {true, false}) {
+        const Json times = recovers ? Json(999) : Json("always");
+        bus = BusBuilder();
+        bus.orvin(1, {{"go_back", {{{"at", 5}, {"to", 4}, {"times", times}}}}}).orvin(2);
+        const ToolRun run = upgradeAll({path});
+        EXPECT_EQ(run.printed("\nRemoving Orvin " + orvinId(1) +
+                              " due to endless go back (1000 requests)\n"),
+                  !recovers);
+        EXPECT_EQ(run.exitStatus, recovers ? 2 : 139);
+        EXPECT_EQ(storedVersion(0, "arm"), recovers ? kNewVersion : kOldVersion);
+        EXPECT_EQ(storedVersion(1, "arm"), kNewVersion);
+    }
+}
+
 TEST_F(Transfer, TakesARequestForALaterPacketForAnAcknowledgement) {
     bus.orvin(1, {{"go_back", {{{"at", 3}, {"to", 4}}, {{"at", 5}, {"to", 1'000'000}}}}});
     const ToolRun run = upgradeAll({image("arm", kArm)});

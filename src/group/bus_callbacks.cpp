@@ -13,6 +13,10 @@ constexpr std::int32_t kPacketReceived = 0;
 constexpr std::int32_t kGoBack = 17;
 constexpr std::uint32_t kMemberJoined = 0;
 
+// A device that never lets the others pass a packet would hold them up for ever. One that recovers
+// needs a handful of requests at most.
+constexpr int kMaxGoBackRequests = 1'000;
+
 // Selects the results of image packets; the meaning of the numbers is the library's.
 int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
     return TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
@@ -77,6 +81,9 @@ OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::itera
             printf("Go back in fw: cur: %d new: %d\n", static_cast<int>(packetNumber),
                    static_cast<int>(packet));
             packetNumber = packet;
+            if (++orvin.goBackRequests >= kMaxGoBackRequests) {
+                return removeForGoingBack(member);
+            }
         }
         orvin.acknowledged = true;
         return std::next(member);
@@ -84,6 +91,14 @@ OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::itera
     setRestartPendingLocked(orvin.vanidText, false);
     printf("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)\n", orvin.vanidText.c_str(),
            result, static_cast<unsigned>(result));
+    return eraseMember(member);
+}
+
+OrvinGroup::OrvinList::iterator OrvinGroup::removeForGoingBack(OrvinList::iterator member) {
+    const Orvin& orvin = **member;
+    setRestartPendingLocked(orvin.vanidText, false);
+    printf("\nRemoving Orvin %s due to endless go back (%d requests)\n", orvin.vanidText.c_str(),
+           orvin.goBackRequests);
     return eraseMember(member);
 }
 

@@ -35,6 +35,7 @@ public:
         vanid_t vanid{};              // all zero when the text is no identifier
         std::string vanidText;        // as given; names the device in every message
         bool acknowledged = false;    // has the packet in flight
+        int goBackRequests = 0;       // since the transfer last got further than ever before
         bool rejoined = false;        // was reported back on the bus after its restart
         bool restartPending = false;  // was started on an update after which it restarts
     };
@@ -120,11 +121,14 @@ private:
 
     OrvinList::iterator applyTransferResult(OrvinList::iterator member, std::int32_t result,
                                             std::uint32_t packet) REQUIRES(listMutex);
+    OrvinList::iterator removeForGoingBack(OrvinList::iterator member) REQUIRES(listMutex);
 
     void runStep(const char* lineStart, const char* name, const std::function<bool(Orvin&)>& step);
 
     // The packet loop of transferData.
     int sendContent(PacketTransfer& transfer);
+    void startCounting();
+    void noteAcknowledged();
     std::uint32_t nextPacket();
     bool lookUpPacket(PacketTransfer& transfer);
     bool takePacket(const PacketTransfer& transfer);
@@ -141,7 +145,8 @@ private:
     // Number of the next packet to send. The main thread takes numbers in order; a go-back request
     // lowers it, on a callback thread.
     std::uint32_t packetNumber GUARDED_BY(listMutex) = 0;
-    Mutex listMutex ACQUIRED_BEFORE(fullListMutex);  // recursive
+    std::uint32_t packetsAcknowledged GUARDED_BY(listMutex) = 0;  // the most so far, by all devices
+    Mutex listMutex ACQUIRED_BEFORE(fullListMutex);               // recursive
     Mutex fullListMutex;
     std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
     OrvinList orvins GUARDED_BY(listMutex);

@@ -92,10 +92,7 @@ void PacketTransfer::printReport() const {
 }
 
 int OrvinGroup::transferData(FirmwareImage& image) {
-    {
-        ListLock lock(*this);
-        packetNumber = 0;
-    }
+    startCounting();
     PacketTransfer transfer(image);
     image.seek(0);
     const int result = sendContent(transfer);
@@ -128,9 +125,32 @@ int OrvinGroup::sendContent(PacketTransfer& transfer) {
             puts("\nNo Orvins left; aborting");
             return exit_status::kNoOrvinsLeft;
         }
+        noteAcknowledged();
         showProgress(transfer);
     }
     return exit_status::kSuccess;
+}
+
+void OrvinGroup::startCounting() {
+    ListLock lock(*this);
+    packetNumber = 0;
+    packetsAcknowledged = 0;
+    for (const auto& orvin : orvins) {
+        orvin->goBackRequests = 0;
+    }
+}
+
+// Every device left has the packet in flight. Whoever asked to go back before the transfer got
+// further than ever has not asked in vain.
+void OrvinGroup::noteAcknowledged() {
+    ListLock lock(*this);
+    if (packetNumber <= packetsAcknowledged) {
+        return;
+    }
+    packetsAcknowledged = packetNumber;
+    for (const auto& orvin : orvins) {
+        orvin->goBackRequests = 0;
+    }
 }
 
 std::uint32_t OrvinGroup::nextPacket() {

@@ -1,0 +1,376 @@
+// What no history may show, checked from outside: by the bus calls, the files and the output.
+
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "histories/history.h"
+#include "histories/memory_system.h"
+#include "sim/identifier.h"
+
+namespace histories {
+
+namespace {
+
+using Texts = std::set<std::string>;
+
+constexpr char kTransferFailed[] = "Failed to transfer data to the Orvins";
+constexpr int kSentToAll = -2;
+
+// One transfer of one image: from its first write request to the next one's, or to the end.
+struct Attempt {
+    std::vector<const CallRecord*> calls;
+    std::set<int> members;  // who got a write request
+    std::string console;    // from the first write request on
+    std::string transfer;   // of that, what belongs to the transfer itself
+};
+
+bool isWriting(Call call) {
+    return call == Call::WriteRequest || call == Call::Data || call == Call::Check ||
+           call == Call::Start;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::vector<Attempt> attemptsOf(const History& history) {
+    std::vector<Attempt> attempts;
+    std::vector<std::size_t> starts;
+    bool requesting = false;
+    for (const CallRecord& call : history.calls) {
+        const bool request = call.call == Call::WriteRequest;
+        if (request && !requesting) {
+            attempts.emplace_back();
+            starts.push_back(call.consoleLength);
+        }
+        requesting = request;
+        if (attempts.empty()) {
+            continue;
+        }
+        attempts.back().calls.push_back(&call);
+        if (request) {
+            attempts.back().members.insert(call.member);
+        }
+    }
+    starts.push_back(history.console.size());
+    for (std::size_t i = 0; i < attempts.size(); ++i) {
+        Attempt& attempt = attempts[i];
+        attempt.console = history.console.substr(starts[i], starts[i + 1] - starts[i]);
+        const std::size_t end =
+            std::min(attempt.console.find(kTransferFailed), attempt.console.find("Update took "));
+        attempt.transfer = attempt.console.substr(0, end);
+    }
+    return attempts;
+}
+
+// The devices listed under every line that contains `title`.
+Texts listedUnder(const std::string& console, const std::string& title) {
+    Texts listed;
+    std::istringstream lines(console);
+    bool inList = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (inList && line.compare(0, 2, "  ") == 0) {
+            listed.insert(line.substr(2));
+            continue;
+        }
+        inList = contains(line, title);
+    }
+    return listed;
+}
+
+class Checker {
+public:
+    Checker(const Scenario& scenario, const std::vector<Fault>& faults, const History& history)
+        : scenario_(scenario), faults_(faults), history_(history), attempts_(attemptsOf(history)) {}
+
+    std::vector<std::string> check() {
+        if (!history_.ended) {
+            report("does not end in time");
+            return violations_;
+        }
+        checkExitStatus();
+        checkEnd();
+        checkMessages();
+        checkReadOnlyModes();
+        checkHealthyDevices();
+        checkNamedAsNotUpgraded();
+        for (std::size_t i = 0; i < attempts_.size(); ++i) {
+            checkPackets(attempts_[i]);
+            checkDevices(attempts_[i]);
+            checkAskedAgain(i);
+        }
+        return violations_;
+    }
+
+private:
+    void report(const std::string& what) { violations_.push_back(what); }
+    void require(bool condition, const std::string& what) {
+        if (!condition) {
+            report(what);
+        }
+    }
+
+    std::string idOf(int member) const {
+        return member < 0 ? "nobody"
+                          : sim::identifierText(
+                                scenario_.bus.members[static_cast<std::size_t>(member)].id);
+    }
+
+    bool printed(const char* text) const { return contains(history_.console, text); }
+
+    void checkExitStatus() {
+        const int status = history_.exitStatus;
+        const bool failed = printed("could not be upgraded");
+        require((status == 132) == printed("Failed to initialize lumnet lib on "), "status 132");
+        require((status == 133) == printed("Bus not ACTIVE, exiting."), "status 133");
+        require((status == 139) == failed, "status 139");
+        if (status == 132 || status == 133 || status == 139) {
+            return;
+        }
+        if (scenario_.has("-V")) {
+            require(status == 0 || status == 255, "status of the version query");
+            return;
+        }
+        const auto updated = listedUnder(history_.console, "Successfully updated ").size();
+        require(static_cast<std::size_t>(status) == updated, "status is not the number of updated");
+    }
+
+    std::size_t count(Call call) const {
+        return static_cast<std::size_t>(
+            std::count_if(history_.calls.begin(), history_.calls.end(),
+                          [&](const CallRecord& record) { return record.call == call; }));
+    }
+
+    bool lastIsCleared(Call call) const {
+        const auto last =
+            std::find_if(history_.calls.rbegin(), history_.calls.rend(),
+                         [&](const CallRecord& record) { return record.call == call; });
+        return last == history_.calls.rend() || last->good;
+    }
+
+    void checkEnd() {
+        require(lastIsCleared(Call::SetTransferCallback), "transfer callback left set");
+        require(lastIsCleared(Call::SetBusChangeCallback), "bus change callback left set");
+        const std::size_t expected = history_.exitStatus == 132 ? 0 : 1;
+        require(count(Call::Cleanup) == expected && count(Call::Close) == expected,
+                "session not closed exactly once");
+        const std::size_t calls = history_.calls.size();
+        require(expected == 0 || (calls > 2 && history_.calls[calls - 2].call == Call::Cleanup &&
+                                  history_.calls[calls - 1].call == Call::Close),
+                "the session's end is not the last that the bus sees");
+    }
+
+    void checkMessages() {
+        static const std::regex known(
+            "Waiting for Lumnet bus to become active\\.\\.\\."
+            "|Lumnet bus not active, please try again later!"
+            "|Orvin firmware upgrade in progress\\. Uploading Pellix (ARM|DSP|Booster ARM) "
+            "firmware, "
+            "(100|[1-9]?[05])% completed\\.\\.\\."
+            "|Failed to transfer firmware!|Verifying uploaded firmware image\\.\\.\\.|Please "
+            "wait\\.\\.\\."
+            "|Installing Orvin firmware: \\d+ / \\d+ completed"
+            "|Retrying Pellix (ARM|DSP|Booster ARM) update\\.\\.\\.");
+        static std::set<std::string> seen;
+        for (const std::string& message : history_.messages) {
+            if (seen.count(message) == 0 && std::regex_match(message, known)) {
+                seen.insert(message);
+            }
+            require(seen.count(message) != 0, "unknown message: " + message);
+        }
+        checkStatusFault();
+        const bool follows = scenario_.has("-m") && history_.exitStatus != 132;
+        const bool lostTheOnlyOne = scenario_.statusFault.message == 1;
+        require(follows == !history_.messages.empty() || lostTheOnlyOne,
+                "messages without -m, or none with it");
+    }
+
+    // Only a failed write leaves its temporary file, and each failure is told.
+    void checkStatusFault() {
+        using Kind = StatusFault::Kind;
+        const Kind kind = scenario_.statusFault.kind;
+        const bool leaves = kind == Kind::Write || kind == Kind::ShortWrite;
+        const bool told = printed("Could not create temporary file /tmp/talmfw") ||
+                          printed("Error at write message: ") ||
+                          printed("Incomplete write for message: ") ||
+                          printed("Could not apply message to file mem:status: ");
+        require(history_.filesLeft == (leaves && told ? 1U : 0U), "temporary files left");
+        require(kind != Kind::None || !told, "tells of a failure that was none");
+    }
+
+    void checkReadOnlyModes() {
+        if (scenario_.has("-p") || scenario_.has("-l") || scenario_.has("-V")) {
+            require(std::none_of(history_.calls.begin(), history_.calls.end(),
+                                 [](const CallRecord& call) { return isWriting(call.call); }),
+                    "writes though it must not");
+        }
+    }
+
+    bool isHealthy(int member) const {
+        const bool struck = std::any_of(faults_.begin(), faults_.end(), [&](const Fault& fault) {
+            return fault.member == member || fault.member == -1;
+        });
+        return !struck && !isFaulty(scenario_.bus, member);
+    }
+
+    static bool isFaulty(const sim::BusDescription& bus, int member) {
+        const sim::MemberDescription& device = bus.members[static_cast<std::size_t>(member)];
+        const auto never = [](const sim::CallFault& fault) {
+            return !fault.calls.all && fault.calls.every == 0 && fault.calls.numbers.empty();
+        };
+        return device.type != sim::kOrvinType || device.faults.present || bus.linkActiveAfter > 0 ||
+               !never(bus.getMembers) || !never(bus.data);
+    }
+
+    // Nobody is dropped, or named as not upgraded, for another's fault.
+    void checkHealthyDevices() {
+        for (int member = 0; member < static_cast<int>(scenario_.bus.members.size()); ++member) {
+            if (!isHealthy(member)) {
+                continue;
+            }
+            const std::string id = idOf(member);
+            require(!contains(history_.console, "Removing Orvin " + id) &&
+                        !contains(history_.console, "Removing orvin '" + id) &&
+                        listedUnder(history_.console, "could not be upgraded").count(id) == 0,
+                    "healthy device dropped: " + id);
+        }
+    }
+
+    // Who is named so has answered last with another version than the image's.
+    void checkNamedAsNotUpgraded() {
+        const Texts named = listedUnder(history_.console, "could not be upgraded");
+        require((history_.exitStatus == 139) == !named.empty(), "139 names nobody");
+        std::map<std::string, const CallRecord*> lastAnswer;
+        std::uint32_t target = 0;
+        for (const CallRecord& call : history_.calls) {
+            if (call.call == Call::Info) {
+                lastAnswer[idOf(call.member)] = &call;
+            } else if (call.call == Call::WriteRequest) {
+                target = call.number;
+            }
+        }
+        for (const std::string& id : named) {
+            const CallRecord* const answer = lastAnswer[id];
+            require(answer != nullptr && answer->result == 0 && differs(answer->versions, target),
+                    "named as not upgraded, but did not answer so: " + id);
+        }
+    }
+
+    bool differs(const sim::Versions& versions, std::uint32_t target) const {
+        const std::uint32_t current = target == 0x200   ? versions.arm
+                                      : target == 0x201 ? versions.dsp
+                                                        : versions.boosterArm;
+        return std::any_of(scenario_.images.begin(), scenario_.images.end(),
+                           [&](const ImageFile& image) {
+                               return image.target == target && image.version != current;
+                           });
+    }
+
+    void checkPackets(const Attempt& attempt) {
+        std::set<std::uint32_t> sent;
+        bool refused = false;
+        for (const CallRecord* call : attempt.calls) {
+            if (call->call == Call::Data) {
+                require(call->good, "packet " + std::to_string(call->number) +
+                                        " with another packet's content");
+                sent.insert(call->number);
+                refused = refused || call->result != kSentToAll;
+            }
+        }
+        const bool failed = contains(attempt.console, kTransferFailed);
+        require(!refused || failed, "a refused packet is not reported");
+        const std::size_t packets = (attempt.calls.front()->size + std::size_t{63}) / 64;
+        require(failed || sent.size() == packets, "a transfer without all of its packets");
+    }
+
+    // Each device of the attempt is either reported as updated, and was, or named with a reason.
+    void checkDevices(const Attempt& attempt) {
+        const bool failed = contains(attempt.console, kTransferFailed);
+        const Texts updated = listedUnder(attempt.console, "Successfully updated ");
+        Texts addressed;
+        for (const int member : attempt.members) {
+            const std::string id = idOf(member);
+            addressed.insert(id);
+            const bool dropped = contains(attempt.transfer, "Removing Orvin " + id + " due to ") ||
+                                 contains(attempt.transfer, "Removing orvin '" + id + "' after ");
+            const bool named = updated.count(id) != 0;
+            require(named || dropped || failed, "left without a word: " + id);
+            require(!named || !dropped, "dropped and reported as updated: " + id);
+            require(!named || tookEverything(attempt, member),
+                    "falsely reported as updated: " + id);
+        }
+        require(std::includes(addressed.begin(), addressed.end(), updated.begin(), updated.end()),
+                "reported as updated without having been asked");
+    }
+
+    // Each device of the attempt, dropped or not, is asked for its version again, and one that
+    // still has another is tried again or named in the end.
+    void checkAskedAgain(std::size_t number) {
+        const Attempt& attempt = attempts_[number];
+        const CallRecord& request = *attempt.calls.front();
+        const Texts named = listedUnder(history_.console, "could not be upgraded");
+        for (const int member : attempt.members) {
+            const auto last = std::find_if(
+                attempt.calls.rbegin(), attempt.calls.rend(), [&](const CallRecord* call) {
+                    return call->call == Call::Info && call->member == member;
+                });
+            if (last == attempt.calls.rend()) {
+                report("not asked again: " + idOf(member));
+                continue;
+            }
+            const bool retried = number + 1 < attempts_.size() &&
+                                 attempts_[number + 1].calls.front()->size == request.size &&
+                                 attempts_[number + 1].members.count(member) != 0;
+            // Who does not answer when it counts is dropped with a line, and may answer later.
+            const bool dropped = contains(
+                attempt.console, "Removing Orvin " + idOf(member) + " because getVersion failed");
+            const bool differs = (*last)->result == 0 && !hasImage((*last)->versions, request);
+            require(!differs || retried || dropped || named.count(idOf(member)) != 0,
+                    "still another version, and nobody says so: " + idOf(member));
+        }
+    }
+
+    // Whether the device runs the image that was announced so.
+    bool hasImage(const sim::Versions& versions, const CallRecord& request) const {
+        const std::uint32_t current = request.number == 0x200   ? versions.arm
+                                      : request.number == 0x201 ? versions.dsp
+                                                                : versions.boosterArm;
+        return std::any_of(
+            scenario_.images.begin(), scenario_.images.end(), [&](const ImageFile& image) {
+                return image.target == request.number && image.content.size() == request.size &&
+                       image.version == current;
+            });
+    }
+
+    static bool tookEverything(const Attempt& attempt, int member) {
+        int steps = 0;
+        for (const CallRecord* call : attempt.calls) {
+            if (call->member != member || call->result != 0) {
+                continue;
+            }
+            const bool passed =
+                call->call == Call::WriteRequest ||
+                ((call->call == Call::Check || call->call == Call::Start) && call->good);
+            steps += passed ? 1 : 0;
+        }
+        return steps == 3;
+    }
+
+    const Scenario& scenario_;
+    const std::vector<Fault>& faults_;
+    const History& history_;
+    const std::vector<Attempt> attempts_;
+    std::vector<std::string> violations_;
+};
+
+}  // namespace
+
+std::vector<std::string> violations(const Scenario& scenario, const std::vector<Fault>& faults,
+                                    const History& history) {
+    return Checker(scenario, faults, history).check();
+}
+
+}  // namespace histories
