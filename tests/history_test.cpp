@@ -17,6 +17,10 @@ struct HistoryCase {
     std::function<void(BusBuilder&)> fill;
 };
 
+void PrintTo(const HistoryCase& history, std::ostream* out) {
+    *out << history.name;
+}
+
 void twoHealthy(BusBuilder& bus) {
     bus.orvin(2).member(9, 16).orvin(1);
 }

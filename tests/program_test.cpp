@@ -19,18 +19,8 @@ struct Result {
     std::string error;
 };
 
-// Installs the programs for all tests, and the simulated bus's libraries with them.
 class Program : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        installed = new TemporaryDirectory;
-        const int status = std::system(
-            ("cmake --install " BUILD_DIRECTORY " --prefix " + *installed / "" + " >/dev/null")
-                .c_str());
-        ASSERT_EQ(status, 0);
-    }
-    static void TearDownTestSuite() { delete installed; }
-
     Result shell(const std::string& command) const {
         const std::string error = directory / "stderr";
         Result result;
@@ -48,19 +38,16 @@ protected:
 
     // Finds the bus libraries by the search path and by nothing else.
     Result upgrade(const std::string& arguments) const {
-        return shell("LD_LIBRARY_PATH=" + *installed / "lib " +
-                     *installed / "bin/orvin-firmware-upgrade " + arguments);
+        return shell("LD_LIBRARY_PATH=" PREFIX "/lib " PREFIX "/bin/orvin-firmware-upgrade " +
+                     arguments);
     }
 
     Result image(const std::string& arguments) const {
-        return shell(*installed / "bin/orvin-image " + arguments);
+        return shell(PREFIX "/bin/orvin-image " + arguments);
     }
 
-    static TemporaryDirectory* installed;
     TemporaryDirectory directory;
 };
-
-TemporaryDirectory* Program::installed = nullptr;
 
 constexpr char kStart[] =
     "Using locale C\n"
@@ -94,7 +81,7 @@ TEST_F(Program, ListsABusAndFindsNoneElsewhere) {
 }
 
 TEST_F(Program, HasNoLibraryPathOfItsOwnOnceInstalled) {
-    const Result lost = shell(*installed / "bin/orvin-firmware-upgrade -v");
+    const Result lost = shell(PREFIX "/bin/orvin-firmware-upgrade -v");
     EXPECT_EQ(lost.exitStatus, 127);
     EXPECT_NE(lost.error.find("libtalm-api-v2.so"), std::string::npos);
 }
@@ -180,10 +167,10 @@ TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
           "image --target nose --version 1 --size 64", "image --target arm --version 010 --size 64",
           "image --target arm --version 1 --content ''",
           "image --target arm --version 1 --size 4000000000"}) {
-        EXPECT_NE(shell("cd " + directory / "" + " && " + *installed / "bin/orvin-image create " +
-                        arguments)
-                      .exitStatus,
-                  0)
+        EXPECT_NE(
+            shell("cd " + directory / "" + " && " + PREFIX "/bin/orvin-image create " + arguments)
+                .exitStatus,
+            0)
             << arguments;
     }
     EXPECT_EQ(shell("ls -A " + directory / "").output, "stderr\n");

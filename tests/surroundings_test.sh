@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# The installed tool where its surroundings let it down. Usage: surroundings_test.sh PREFIX [--large]
+# --large also sends an image of 40 MB, which takes about twelve minutes.
+set -u
+prefix=$1
+export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib PATH=$prefix/bin:$PATH
+work=$(mktemp -d /tmp/orvin-test-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+chmod 755 "$work"
+cd "$work" || exit 1
+
+orvin() { # NUMBER ACKNOWLEDGE_US
+    printf '{"id": "0a:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:%02x", "type": 64, "versions": {"arm": 1},
+        "timing": {"acknowledge_us": %d, "install_ms": 1, "restart_ms": 1}}' "$1" "$2"
+}
+printf '{"members": [%s]}' "$(orvin 1 100)" >bus.json
+printf '{"members": [%s]}' "$(orvin 1 20000)" >slow.json
+{ printf '{"members": ['; for i in $(seq 70); do orvin "$i" 0; [ "$i" -eq 70 ] || printf ', '; done; printf ']}'; } >many.json
+orvin-image create same.img --target arm --version 1 --size 64
+orvin-image create new.img --target arm --version 2 --size 12800
+
+tool() { orvin-firmware-upgrade "$@"; }
+
+# Each case prints what is wrong, and nothing when all is well.
+expect() { # STATUS TEXT, of the case's output on standard input and its status in $got
+    local output
+    output=$(cat)
+    [ "$got" -eq "$1" ] || echo "exit status $got, not $1"
+    grep -qF -- "$2" <<<"$output" || printf 'no "%s" in:\n%s\n' "$2" "$output"
+}
+run() { output=$("$@" 2>&1); got=$?; }
+
+missing_directory() {
+    run tool -l -c sim:bus.json -m missing/status
+    expect 0 'Could not apply message to file missing/status: No such file or directory' <<<"$output"
+}
+unwritable_directory() {
+    mkdir -m 555 sealed
+    local as_nobody=()
+    [ "$(id -u)" -ne 0 ] || as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+    [ "$(id -u)" -ne 0 ] || "${as_nobody[@]}" test -x "$prefix/bin" || return 0
+    run "${as_nobody[@]}" "$prefix/bin/orvin-firmware-upgrade" -l -c sim:bus.json -m sealed/status
+    expect 0 'Could not apply message to file sealed/status: Permission denied' <<<"$output"
+}
+other_file_system() {
+    [ "$(stat -c %d /tmp)" != "$(stat -c %d /dev/shm)" ] || return 0
+    run tool -l -c sim:bus.json -m "/dev/shm/$(basename "$work")"
+    expect 0 'Invalid cross-device link' <<<"$output"
+}
+full_file_system() { # a small /tmp of its own where mounts are allowed, else a limit on the size of files
+    echo old >kept
+    if unshare --mount true 2>/dev/null; then
+        run env prefix="$prefix" unshare --mount sh -c '
+            mount -t tmpfs tmpfs /mnt && cp -r "$prefix/bin" "$prefix/lib" bus.json /mnt
+            mount -t tmpfs -o size=16k tmpfs /tmp && echo old >/tmp/kept
+            head -c 100000 /dev/zero >/tmp/filler 2>/dev/null
+            LD_LIBRARY_PATH=/mnt/lib /mnt/bin/orvin-firmware-upgrade -l -c sim:/mnt/bus.json -m /tmp/kept
+            status=$?; cat /tmp/kept; exit $status'
+        expect 0 'Error at write message: No space left on device' <<<"$output"
+    else
+        run sh -c 'ulimit -f 0; orvin-firmware-upgrade -l -c sim:bus.json -m kept | cat; cat kept'
+        expect 0 'Error at write message: File too large' <<<"$output"
+    fi
+    expect 0 old <<<"$output"
+}
+broken_pipe() {
+    tool -B -c sim:bus.json -m piped new.img | head -c 1 >head
+    got=${PIPESTATUS[0]}
+    expect 1 'Installing Orvin firmware: 1 / 1 completed' <piped
+}
+shrinking_image() {
+    cp new.img shrinking.img
+    (sleep 3; truncate -s 2000 shrinking.img) &
+    run tool -B -c sim:slow.json shrinking.img
+    expect 139 'Error reading firmware file' <<<"$output"
+}
+seventy_members() {
+    run tool -l -c sim:many.json
+    expect 0 '63)  0a:' <<<"$output"
+    ! grep -q '^64)' <<<"$output" || echo 'more than 63 members listed'
+}
+thousand_images() {
+    mkdir images
+    for i in $(seq 1000); do ln same.img "images/$i.img"; done
+    cp bus.json thousand.json
+    run tool -B -c sim:thousand.json images/*.img
+    expect 0 'Downloading image images/1000.img' <<<"$output"
+    [ "$(grep -c 'already up to date' <<<"$output")" -eq 1000 ] || echo 'not every image was looked at'
+}
+large_image() {
+    cp bus.json large.json
+    orvin-image create large.img --target arm --version 3 --size 41943040
+    run tool -B -c sim:large.json large.img
+    expect 1 '>> Transferred 41943040 bytes in 655360 packets' <<<"$output"
+}
+
+cases=(missing_directory unwritable_directory other_file_system full_file_system broken_pipe
+    shrinking_image seventy_members thousand_images)
+[ "${2:-}" != --large ] || cases=(large_image)
+for case in "${cases[@]}"; do
+    "$case" >"$case.log" 2>&1 &
+done
+wait
+failed=0
+for case in "${cases[@]}"; do
+    if [ -s "$case.log" ]; then
+        echo "FAILED $case:"
+        cat "$case.log"
+        failed=1
+    fi
+done
+exit $failed
