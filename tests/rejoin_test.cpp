@@ -36,15 +36,6 @@ TEST_F(Rejoin, GrowsItsBudgetWithTheNumberOfDevices) {
     }
 }
 
-TEST_F(Rejoin, WaitsForRestartingDevicesToBeReportedBack) {
-    bus.orvin(1, nullptr, {{"restart_ms", 3'000}}).orvin(2, nullptr, {{"restart_ms", 12'000}});
-    const ToolRun run = upgradeAll({image("arm", kArm)});
-    EXPECT_EQ(backOnline(run), "<<< done.");
-    EXPECT_EQ(installing(run),
-              (std::vector<std::string>{"1 / 2 completed", "1 / 2 completed", "2 / 2 completed"}));
-    EXPECT_EQ(run.exitStatus, 2);
-}
-
 TEST_F(Rejoin, CountsReportsAndNotDevices) {
     bus.orvin(1, {{"reports_back", 2}}).orvin(2, {{"reports_back", 0}});
     const ToolRun run = upgradeAll({image("arm", kArm)});
@@ -83,15 +74,6 @@ TEST_F(Rejoin, LeavesATimeoutInTheStatusFileForFiveSeconds) {
     // Twice after the timeout, and once after the transfer: the second one has nobody to go to.
     EXPECT_EQ(watched.duration - unwatched.duration, 15'000'000);
     EXPECT_EQ(watched.exitStatus, 139);
-}
-
-TEST_F(Rejoin, GoesOnWhenDiscoveryFails) {
-    bus.orvin(1).with("faults", {{"get_members", {{"calls", {1, 2}}}}});
-    const ToolRun run =
-        this->run({"-d", orvinId(1), "-m", directory / "status", image("dsp", kDsp)});
-    EXPECT_EQ(backOnline(run), "## done.");
-    EXPECT_EQ(installing(run), (std::vector<std::string>{"0 / 1 completed", "0 / 1 completed"}));
-    EXPECT_EQ(run.exitStatus, 1);
 }
 
 }  // namespace

@@ -251,32 +251,6 @@ TEST_F(Transfer, DropsADeviceThatFailsAStepAndGoesOnWithTheOthers) {
     }
 }
 
-TEST_F(Transfer, EndsWhenNoDeviceIsLeft) {
-    const struct {
-        Json faults;
-        int sendsInBothAttempts;
-    } cases[] = {{{{"fault_result", {{{"at", 0}}}}}, 2},
-                 {{{"loses_packets", "all"}}, 4},
-                 {{{"write_request", {{"calls", "all"}}}}, 2}};
-    const std::string path = image("arm", kArm);
-    for (const auto& example : cases) {
-        bus = BusBuilder();
-        bus.with("trace", "trace.txt").orvin(1, example.faults);
-        const ToolRun run = upgradeAll({path});
-        EXPECT_EQ(run.exitStatus, 139);
-        EXPECT_EQ(run.calls("ImageTransfer_data"), example.sendsInBothAttempts);
-        EXPECT_EQ(occurrences(run.console,
-                              "\nNo Orvins left; aborting\n"
-                              "Failed to transfer data to the Orvins\n"),
-                  2);
-        EXPECT_EQ(run.calls("OrvinImageMaintenance"), 0);
-        EXPECT_EQ(run.calls("TalmApiSetCallback(2, 255, 2, cleared, 0)"), 2);
-        EXPECT_EQ(
-            std::count(run.messages.begin(), run.messages.end(), "Failed to transfer firmware!"),
-            2);
-    }
-}
-
 TEST_F(Transfer, EndsWhenTheLibraryRefusesAPacketOrItsResending) {
     bus.orvin(1, {{"loses_packets", {3}}});
     for (const int refused : {1, 4}) {

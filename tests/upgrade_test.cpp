@@ -19,16 +19,6 @@ TEST_F(Upgrade, ComparesTheVersionOfTheImagesOwnProcessorForEquality) {
     EXPECT_EQ(storedVersion(1, "dsp"), kOldVersion);
 }
 
-TEST_F(Upgrade, ForcedUpgradesWhatIsUpToDate) {
-    bus.orvin(1);
-    const std::string same = image("arm", kArm, kOldVersion);
-    EXPECT_EQ(upgradeAll({same}).exitStatus, 0);
-    const ToolRun run = upgradeAll({"-f", same});
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_FALSE(run.printed("already up to date"));
-    EXPECT_TRUE(installed(1, "arm", same));
-}
-
 TEST_F(Upgrade, DebugOutputShowsTheHeaderAndWhoIsUpToDate) {
     bus.orvin(1);
     const ToolRun run = upgradeAll({"-D", image("dsp", kDsp, kOldVersion, 100)});
@@ -51,12 +41,6 @@ TEST_F(Upgrade, OfSomethingThatIsNoIdentifierEndsWell) {
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_TRUE(run.printed("Removing Orvin pump room because getVersion failed\n"));
     EXPECT_EQ(storedVersion(0, "arm"), kOldVersion);
-}
-
-TEST_F(Upgrade, OfAnEmptyBusHasNothingToDo) {
-    const ToolRun run = upgradeAll({image("arm", kArm)});
-    EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_TRUE(run.printed("No Orvins to upgrade.\n\nRemoving image files from Orvins\n"));
 }
 
 TEST_F(Upgrade, HasTheSameHistoryWithTheSameSeed) {
