@@ -158,7 +158,11 @@ TEST_F(Transfer, DropsADeviceThatAsksToGoBackForEverAndNoneThatRecovers) {
     for (const bool recovers : {true, false}) {
         const Json times = recovers ? Json(999) : Json("always");
         bus = BusBuilder();
-        bus.orvin(1, {{"go_back", {{{"at", 5}, {"to", 4}, {"times", times}}}}}).orvin(2);
+        bus.orvin(
+            1,
+            {{"go_back",
+              {{{"at", 3}, {"to", 2}, {"times", 999}}, {{"at", 5}, {"to", 4}, {"times", times}}}}});
+        bus.orvin(2);
         const ToolRun run = upgradeAll({path});
         EXPECT_EQ(run.printed("\nRemoving Orvin " + orvinId(1) +
                               " due to endless go back (1000 requests)\n"),
