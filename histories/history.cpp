@@ -118,22 +118,44 @@ History run(const Scenario& scenario, const std::vector<Fault>& faults) {
     history.messages = system.messages;
     const std::size_t statusFiles = system.files.count(MemorySystem::kStatusFile);
     history.filesLeft = system.files.size() - imageFiles - statusFiles;
+    for (const sim::MemberDescription& member : scenario.bus.members) {
+        history.finalVersions.push_back(bus.bus().findDevice(member.id)->versions());
+    }
     history.calls = std::move(bus.calls());
     return history;
+}
+
+namespace {
+
+std::size_t goBackRequests(const Scenario& scenario, const std::vector<Fault>& faults) {
+    std::size_t requests = 0;
+    for (const Fault& fault : faults) {
+        requests += fault.kind == FaultKind::GoBack ? 1 : 0;
+    }
+    for (const sim::MemberDescription& member : scenario.bus.members) {
+        for (const sim::GoBack& goBack : member.faults.goBack) {
+            requests += goBack.times.value_or(1'000);
+        }
+    }
+    return requests;
+}
+
+}  // namespace
+
+std::size_t callLimit(const Scenario& scenario, const std::vector<Fault>& faults) {
+    constexpr std::size_t kCallsPerMember = 5'000;  // of the longest wait for 63 devices
+    std::size_t limit = 1'000;
+    for (const ImageFile& image : scenario.images) {
+        limit += 4 * image.packets() * (1 + goBackRequests(scenario, faults)) +
+                 kCallsPerMember * (scenario.bus.members.size() + 1);
+    }
+    return limit;
 }
 
 // Per image: two attempts, in which each packet, and each of those that a device asks for once
 // more, takes at most 10 s (and a poll), and the wait for the devices.
 Microseconds timeLimit(const Scenario& scenario, const std::vector<Fault>& faults) {
-    std::size_t backwards = 0;  // requests to go back, each for any distance
-    for (const Fault& fault : faults) {
-        backwards += fault.kind == FaultKind::GoBack ? 1 : 0;
-    }
-    for (const sim::MemberDescription& member : scenario.bus.members) {
-        for (const sim::GoBack& goBack : member.faults.goBack) {
-            backwards += goBack.times.value_or(1'000);
-        }
-    }
+    const std::size_t backwards = goBackRequests(scenario, faults);
     const auto devices = static_cast<std::int64_t>(scenario.bus.members.size()) + 1;
     Microseconds limit = 110 * kSecond + devices * kSecond;
     for (const ImageFile& image : scenario.images) {
@@ -149,6 +171,9 @@ std::string describe(const Fault& fault) {
     switch (fault.kind) {
     case FaultKind::Result:
         text << "gives " << fault.value;
+        break;
+    case FaultKind::ResultLost:
+        text << "is carried out, but gives " << fault.value;
         break;
     case FaultKind::WrongChecksum:
         text << "fails the check";

@@ -59,8 +59,9 @@ const char* nameOf(Call call);
 
 enum class FaultKind {
     Result,         // the call is not carried out and gives `value`
+    ResultLost,     // the call is carried out, and gives `value` all the same
     WrongChecksum,  // the device's check fails
-    Lost,           // the next packet does not reach the device
+    Lost,           // the next `value` packets do not reach the device
     Answer,         // the device answers the packet with `value`
     GoBack,         // the device asks for packet `value`
     Late,           // the device's answer comes `value` microseconds later
@@ -70,7 +71,7 @@ enum class FaultKind {
 };
 
 // Something that goes wrong at one bus call of a run, counted from 0. A fault of the call itself
-// (the first two kinds) strikes only a call that goes to its member.
+// (the first kinds, those without a packet) strikes only a call that goes to its member.
 struct Fault {
     std::size_t call = 0;
     FaultKind kind = FaultKind::Result;
@@ -102,6 +103,7 @@ struct History {
     std::size_t filesLeft = 0;  // temporary files
     Microseconds duration = 0;
     std::vector<CallRecord> calls;
+    std::vector<sim::Versions> finalVersions;  // of each member, once the tool is gone
 };
 
 // One run of the tool, in virtual time. The same arguments give the same history.
@@ -109,6 +111,9 @@ History run(const Scenario& scenario, const std::vector<Fault>& faults);
 
 // How long the run may take at the most.
 Microseconds timeLimit(const Scenario& scenario, const std::vector<Fault>& faults);
+
+// How many bus calls it may make at the most: a little more than that time has room for.
+std::size_t callLimit(const Scenario& scenario, const std::vector<Fault>& faults);
 
 // All that a history shows and must not, one line each.
 std::vector<std::string> violations(const Scenario& scenario, const std::vector<Fault>& faults,

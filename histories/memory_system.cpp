@@ -115,6 +115,9 @@ extern "C" int open(const char* name, int flags, ...) {
         errno = ENOENT;
         return -1;
     }
+    if ((flags & O_ACCMODE) != O_RDONLY) {
+        MemorySystem::instance().messages.emplace_back("(written in place)");
+    }
     return histories::openNew(name);
 }
 
@@ -202,6 +205,9 @@ extern "C" int rename(const char* from, const char* to) noexcept {
 extern "C" int unlink(const char* name) noexcept {
     if (!histories::isOurs(name)) {
         return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, name, 0));
+    }
+    if (std::strcmp(name, MemorySystem::kStatusFile) == 0) {
+        MemorySystem::instance().messages.emplace_back("(removed)");
     }
     return MemorySystem::instance().files.erase(name) != 0 ? 0 : -1;
 }

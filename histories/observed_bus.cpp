@@ -19,7 +19,10 @@ constexpr std::size_t kChecksumOffset = 24;
 }  // namespace
 
 ObservedBus::ObservedBus(const Scenario& scenario, const std::vector<Fault>& faults)
-    : scenario_(scenario), faults_(faults), bus_(scenario.bus) {
+    : scenario_(scenario),
+      faults_(faults),
+      callLimit_(callLimit(scenario, faults)),
+      bus_(scenario.bus) {
     theBus = this;
 }
 
@@ -32,6 +35,9 @@ ObservedBus& ObservedBus::current() {
 }
 
 CallRecord& ObservedBus::begin(Call call, const vanid_t* id) {
+    if (calls_.size() >= callLimit_) {
+        throw sim::TimeLimitReached();
+    }
     CallRecord record;
     record.call = call;
     record.member = id == nullptr ? -1 : memberOf(*id);
@@ -51,7 +57,7 @@ void ObservedBus::strike(const Fault& fault) {
     const vanid_t id = idOf(fault.member);
     switch (fault.kind) {
     case FaultKind::Lost:
-        return bus_.disturbNextPacket(id, {Kind::Lost, 0});
+        return bus_.disturbNextPacket(id, {Kind::Lost, fault.value});
     case FaultKind::Answer:
         return bus_.disturbNextPacket(id, {Kind::Answer, fault.value});
     case FaultKind::GoBack:
@@ -65,6 +71,7 @@ void ObservedBus::strike(const Fault& fault) {
     case FaultKind::LinkDrops:
         return bus_.dropLink(fault.value);
     case FaultKind::Result:
+    case FaultKind::ResultLost:
     case FaultKind::WrongChecksum:
         return;  // for the call itself
     }
@@ -80,7 +87,10 @@ const Fault* ObservedBus::faultOf(FaultKind kind) const {
 
 int ObservedBus::end(const std::function<int()>& carryOut) {
     const Fault* const fault = faultOf(FaultKind::Result);
-    const int result = fault != nullptr ? static_cast<int>(fault->value) : carryOut();
+    int result = fault != nullptr ? static_cast<int>(fault->value) : carryOut();
+    if (const Fault* const lost = faultOf(FaultKind::ResultLost)) {
+        result = static_cast<int>(lost->value);
+    }
     calls_.back().result = result;
     return result;
 }

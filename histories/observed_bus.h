@@ -44,6 +44,7 @@ private:
 
     const Scenario& scenario_;
     const std::vector<Fault>& faults_;
+    const std::size_t callLimit_;
     sim::Bus bus_;
     std::vector<CallRecord> calls_;
     const ImageFile* image_ = nullptr;

@@ -66,12 +66,12 @@ std::vector<int> failures(Call call) {
     case Call::LinkState:
     case Call::Cleanup:
     case Call::Close:
-    case Call::Type:
     case Call::SetTransferCallback:
     case Call::SetBusChangeCallback:
         return {-1};
     case Call::Open:
     case Call::IsMaster:
+    case Call::Type:
         return {-1, 1};
     case Call::Members:
         return {-1, 0, 1000};
@@ -89,7 +89,9 @@ std::vector<int> failures(Call call) {
 
 void addPacketFaults(std::vector<Fault>& faults, std::size_t index, std::uint32_t packet,
                      int member) {
-    faults.push_back({index, FaultKind::Lost, member, 0});
+    for (const std::int64_t packets : {1, 2}) {  // two: the resent one as well
+        faults.push_back({index, FaultKind::Lost, member, packets});
+    }
     faults.push_back({index, FaultKind::Twice, member, 0});
     for (const std::int64_t result : {1, -1, 18}) {
         faults.push_back({index, FaultKind::Answer, member, result});
@@ -268,6 +270,10 @@ std::vector<Fault> faultsAt(const Scenario& scenario, std::size_t index, const C
     std::vector<Fault> faults;
     for (const int result : failures(record.call)) {
         faults.push_back({index, FaultKind::Result, record.member, result});
+    }
+    if (record.call == Call::WriteRequest || record.call == Call::Check ||
+        record.call == Call::Start) {
+        faults.push_back({index, FaultKind::ResultLost, record.member, -1});
     }
     if (record.call == Call::Check) {
         faults.push_back({index, FaultKind::WrongChecksum, record.member, 0});

@@ -7,23 +7,56 @@ namespace histories {
 namespace {
 
 History runAndCheck(const Scenario& scenario, const std::vector<Fault>& faults,
-                    const Finding& found) {
+                    const Watch& watch) {
+    watch.begins(scenario, faults);
     History history = run(scenario, faults);
     const std::vector<std::string> wrong = violations(scenario, faults, history);
     if (!wrong.empty()) {
-        found(scenario, faults, history, wrong);
+        watch.found(scenario, faults, history, wrong);
     }
     return history;
 }
 
-// Every second fault, at a later call of the run with the first.
+bool strikesPacket(const Fault& fault) {
+    switch (fault.kind) {
+    case FaultKind::Lost:
+    case FaultKind::Answer:
+    case FaultKind::GoBack:
+    case FaultKind::Late:
+    case FaultKind::Twice:
+        return true;
+    case FaultKind::Result:
+    case FaultKind::ResultLost:
+    case FaultKind::WrongChecksum:
+    case FaultKind::DeviceLeaves:
+    case FaultKind::LinkDrops:
+        return false;
+    }
+    return false;
+}
+
+// Whether both can strike at one call: a packet to one device has one fault, and a call one result.
+bool goTogether(const Fault& first, const Fault& second) {
+    if (strikesPacket(first) && strikesPacket(second)) {
+        return first.member != second.member;
+    }
+    return first.kind != second.kind || first.member != second.member;
+}
+
+// Every second fault: at the same call, those that come after the first in the list of all that can
+// strike there; and all at a later call of the run with the first.
 std::uint64_t searchSecondFaults(const Scenario& scenario, const Fault& first,
-                                 const Finding& found) {
+                                 std::size_t placeInList, const Watch& watch) {
     std::uint64_t ran = 0;
     const History once = run(scenario, {first});
-    for (std::size_t index = first.call + 1; index < once.calls.size(); ++index) {
-        for (const Fault& second : faultsAt(scenario, index, once.calls[index])) {
-            runAndCheck(scenario, {first, second}, found);
+    for (std::size_t index = first.call; index < once.calls.size(); ++index) {
+        const std::vector<Fault> all = faultsAt(scenario, index, once.calls[index]);
+        const bool same = index == first.call;
+        for (std::size_t place = same ? placeInList + 1 : 0; place < all.size(); ++place) {
+            if (same && !goTogether(first, all[place])) {
+                continue;
+            }
+            runAndCheck(scenario, {first, all[place]}, watch);
             ++ran;
         }
     }
@@ -32,15 +65,15 @@ std::uint64_t searchSecondFaults(const Scenario& scenario, const Fault& first,
 
 }  // namespace
 
-std::uint64_t searchSingleFaults(const Share& share, const Finding& found) {
+std::uint64_t searchSingleFaults(const Share& share, const Watch& watch) {
     std::uint64_t number = 0;
     std::uint64_t ran = 0;
     for (const Scenario& scenario : baseScenarios()) {
-        const History base = runAndCheck(scenario, {}, found);
+        const History base = runAndCheck(scenario, {}, watch);
         for (std::size_t index = 0; index < base.calls.size(); ++index) {
             for (const Fault& fault : faultsAt(scenario, index, base.calls[index])) {
                 if (share.has(number++)) {
-                    runAndCheck(scenario, {fault}, found);
+                    runAndCheck(scenario, {fault}, watch);
                     ++ran;
                 }
             }
@@ -49,15 +82,16 @@ std::uint64_t searchSingleFaults(const Share& share, const Finding& found) {
     return ran;
 }
 
-std::uint64_t searchPairs(const Share& share, const Finding& found) {
+std::uint64_t searchPairs(const Share& share, const Watch& watch) {
     std::uint64_t number = 0;
     std::uint64_t ran = 0;
     for (const Scenario& scenario : baseScenarios()) {
         const History base = run(scenario, {});
         for (std::size_t first = 0; first < base.calls.size(); ++first) {
-            for (const Fault& fault : faultsAt(scenario, first, base.calls[first])) {
+            const std::vector<Fault> all = faultsAt(scenario, first, base.calls[first]);
+            for (std::size_t place = 0; place < all.size(); ++place) {
                 if (share.has(number++)) {
-                    ran += searchSecondFaults(scenario, fault, found);
+                    ran += searchSecondFaults(scenario, all[place], place, watch);
                 }
             }
         }
@@ -66,12 +100,12 @@ std::uint64_t searchPairs(const Share& share, const Finding& found) {
 }
 
 std::uint64_t searchSeeds(std::uint32_t first, std::uint32_t count, const Share& share,
-                          const Finding& found) {
+                          const Watch& watch) {
     std::uint64_t ran = 0;
     for (std::uint32_t i = 0; i < count; ++i) {
         if (share.has(i)) {
             const RandomCase random = randomCase(first + i);
-            runAndCheck(random.scenario, random.faults, found);
+            runAndCheck(random.scenario, random.faults, watch);
             ++ran;
         }
     }

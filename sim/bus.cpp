@@ -168,7 +168,10 @@ std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
         return std::nullopt;
     }
     const PacketFault fault = found->second;
-    packetFaults_.erase(found);
+    const bool goesOn = fault.kind == PacketFault::Kind::Lost && --found->second.value > 0;
+    if (!goesOn) {
+        packetFaults_.erase(found);
+    }
     return fault;
 }
 

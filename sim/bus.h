@@ -21,7 +21,7 @@ namespace sim {
 // Something that happens to a packet on its way to one device, or to the device's answer.
 struct PacketFault {
     enum class Kind {
-        Lost,
+        Lost,    // and `value` - 1 more, if that is positive
         Answer,  // with `value` as its result
         GoBack,  // to packet `value`
         Late,    // by `value` microseconds
