@@ -38,12 +38,17 @@ unwritable_directory() {
     mkdir -m 555 sealed
     local as_nobody=()
     [ "$(id -u)" -ne 0 ] || as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-    [ "$(id -u)" -ne 0 ] || "${as_nobody[@]}" test -x "$prefix/bin" || return 0
-    run "${as_nobody[@]}" "$prefix/bin/orvin-firmware-upgrade" -l -c sim:bus.json -m sealed/status
+    mkdir open && cp -r "$prefix/bin" "$prefix/lib" open && cp bus.json open/bus.json
+    chmod -R a+rX open
+    run "${as_nobody[@]}" env LD_LIBRARY_PATH=open/lib open/bin/orvin-firmware-upgrade -l -c sim:open/bus.json \
+        -m sealed/status
     expect 0 'Could not apply message to file sealed/status: Permission denied' <<<"$output"
 }
 other_file_system() {
-    [ "$(stat -c %d /tmp)" != "$(stat -c %d /dev/shm)" ] || return 0
+    if [ "$(stat -c %d /tmp)" = "$(stat -c %d /dev/shm)" ]; then
+        echo "other_file_system: skipped, /tmp and /dev/shm are one" >>skipped
+        return 0
+    fi
     run tool -l -c sim:bus.json -m "/dev/shm/$(basename "$work")"
     expect 0 'Invalid cross-device link' <<<"$output"
 }
@@ -51,17 +56,18 @@ full_file_system() { # a small /tmp of its own where mounts are allowed, else a 
     echo old >kept
     if unshare --mount true 2>/dev/null; then
         run env prefix="$prefix" unshare --mount sh -c '
-            mount -t tmpfs tmpfs /mnt && cp -r "$prefix/bin" "$prefix/lib" bus.json /mnt
+            mount -t tmpfs tmpfs /mnt && cp -r "$prefix/bin" "$prefix/lib" bus.json new.img /mnt
             mount -t tmpfs -o size=16k tmpfs /tmp && echo old >/tmp/kept
             head -c 100000 /dev/zero >/tmp/filler 2>/dev/null
-            LD_LIBRARY_PATH=/mnt/lib /mnt/bin/orvin-firmware-upgrade -l -c sim:/mnt/bus.json -m /tmp/kept
+            LD_LIBRARY_PATH=/mnt/lib /mnt/bin/orvin-firmware-upgrade -B -c sim:/mnt/bus.json -m /tmp/kept /mnt/new.img
             status=$?; cat /tmp/kept; exit $status'
-        expect 0 'Error at write message: No space left on device' <<<"$output"
+        expect 1 'Error at write message: No space left on device' <<<"$output"
+        [ "$(tail -n 1 <<<"$output")" = old ] || echo "the message that was there is lost"
     else
-        run sh -c 'ulimit -f 0; orvin-firmware-upgrade -l -c sim:bus.json -m kept | cat; cat kept'
+        run sh -c 'ulimit -f 0; exec orvin-firmware-upgrade -l -c sim:bus.json -m kept'
         expect 0 'Error at write message: File too large' <<<"$output"
+        [ "$(cat kept)" = old ] || echo "the message that was there is lost"
     fi
-    expect 0 old <<<"$output"
 }
 broken_pipe() {
     tool -B -c sim:bus.json -m piped new.img | head -c 1 >head
@@ -101,6 +107,7 @@ for case in "${cases[@]}"; do
     "$case" >"$case.log" 2>&1 &
 done
 wait
+[ ! -e skipped ] || cat skipped
 failed=0
 for case in "${cases[@]}"; do
     if [ -s "$case.log" ]; then
