@@ -136,7 +136,7 @@ ObservedBus& observed() {
     return ObservedBus::current();
 }
 
-// What a request answers that a broken device or line has spoilt, and nothing else did.
+// Records a request to one device and carries it out, unless a fault has another result for it.
 int carryOut(Call call, const vanid_t& device, const std::function<int(sim::Bus&)>& request) {
     observed().begin(call, &device);
     return observed().end([&] { return request(observed().bus()); });

@@ -30,7 +30,7 @@ struct PacketTransfer;
 // end, and the rest of the rejoin wait and a version check come before the end of the group.
 class OrvinGroup {
 public:
-    // The flags are guarded by the group's listMutex; the rest never changes.
+    // Identifier and text never change; the rest is guarded by the group's listMutex.
     struct Orvin {
         vanid_t vanid{};              // all zero when the text is no identifier
         std::string vanidText;        // as given; names the device in every message
