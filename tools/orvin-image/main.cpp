@@ -1,9 +1,11 @@
 // orvin-image: makes and shows firmware image files.
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <regex>
+#include <stdexcept>
 
 #include "image/firmware_target.h"
 #include "orvin-image/commands.h"
@@ -74,8 +76,12 @@ int main(int argc, char** argv) {
 
     CLI11_PARSE(app, argc, argv);
     try {
-        return show->parsed() ? orvin_image::show(shownImage, asJson)
-                              : orvin_image::create(createOptions);
+        const int result = show->parsed() ? orvin_image::show(shownImage, asJson)
+                                          : orvin_image::create(createOptions);
+        if (!std::cout.flush() || std::fflush(stdout) != 0) {
+            throw std::runtime_error("the output cannot be written");
+        }
+        return result;
     } catch (const std::exception& error) {
         std::cerr << "orvin-image: " << error.what() << std::endl;
         return kFailure;
