@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Manual pages, completions and the README's exit statuses against the source, and the pages' markup.
+# Usage: manual_test.sh SOURCE-DIR
+set -u
+cd "$1" || exit 1
+export LC_ALL=C.UTF-8 MANROFFSEQ=
+failed=0
+
+finding() { echo "$1"; failed=1; }
+compare() { # WHAT SOURCE-LIST LIST, one item a line
+    local item
+    [ -n "$2" ] || finding "$1: the source has none"
+    while IFS= read -r item; do finding "$1: '$item' is missing"; done < <(comm -23 <(items "$2") <(items "$3"))
+    while IFS= read -r item; do finding "$1: '$item' is not in the source"; done < <(comm -13 <(items "$2") <(items "$3"))
+}
+items() { sort -u <<<"$1" | grep .; }
+offers() { # FUNCTION WORD...: what bash offers for the last word
+    COMP_WORDS=("${@:2}") COMP_CWORD=$(($# - 2))
+    "$1"
+    printf '%s\n' "${COMPREPLY[@]}"
+}
+. completions/orvin-firmware-upgrade.bash
+. completions/orvin-image.bash
+
+for page in man/*.1; do
+    while IFS= read -r line; do finding "$line"; done < <(mandoc -T lint -W warning "$page" 2>&1)
+    while IFS= read -r line; do finding "$page: $line"; done < <(man --warnings -l -E UTF-8 "$page" 2>&1 >/dev/null)
+done
+compare "man, version" "$(grep -oP 'kVersion\[\] = "\K[^"]+' src/app/run.cpp)" \
+    "$(sed -n 's/^\.Os orvin-firmware-upgrade //p' man/*.1)"
+
+tool=orvin-firmware-upgrade page=man/orvin-firmware-upgrade.1
+options=$(sed -n 's/.*getopt(argc, argv, "\(.*\)").*/\1/p' src/app/command_line.cpp | tr -d : | fold -w 1)
+compare "$page, option" "$options" "$(sed -n 's/^\.It Fl \(\S\)\( Ar .*\)\?$/\1/p' $page)"
+compare "$tool.bash, option" "$options" "$(offers _orvin_firmware_upgrade $tool - | tr -d -)"
+compare "_$tool, option" "$options" "$(grep -oP "^ .*?-\K[^-](?=\+?\[)" completions/_$tool)"
+compare "$tool.fish, option" "$options" "$(grep -oP ' -s \K\S+' completions/$tool.fish)"
+
+# A result "of a transfer" never is the exit status.
+members=$(grep -oP 'kMaxMembers = \K\d+' src/bus/bus_members.cpp)
+statuses=$(grep -v 'of a transfer:' src/core/exit_status.h | grep -oP '^constexpr int \w+ = \K-?\d+' |
+    while read -r status; do echo $((status & 255)); done | sed "s/^0$/0 to $members/")
+compare "$page, status" "$statuses" "$(grep -oP '^\d[\d to]*(?=\tT\{)' $page)"
+compare "README.md, status" "$statuses" "$(grep -oP '^\| \K\d[\d to]*(?= \|)' README.md)"
+
+messages=$(find src -type f -exec cat {} + | tr '\n' ' ' | sed 's/" *"//g' | grep -oP 'gettext\( *"?\K[^"]+')
+compare "$page, message" "$messages" "$(sed -n 's/\\&$//; s/^\.It Qq //p' $page)"
+
+tool=orvin-image page=man/orvin-image.1
+text=$(tr '\n' ' ' <tools/orvin-image/main.cpp)
+options=$(grep -oP 'add_(option|flag)\( *"\K-[^"]+|add_subcommand\( *"\K[^"]+' <<<"$text"; echo --help)
+targets=$(grep -oP '\{"\K[^"]+(?=", code\()' <<<"$text")
+compare "$page, option" "$options" "$(sed -n 's/^\.It Fl \(h , \)\?\(-\S*\).*/-\2/p; s/^\.Cm \(\S*\)$/\1/p' $page)"
+compare "$tool.bash, option" "$options" "$({ offers _orvin_image $tool ''; offers _orvin_image $tool create --
+    offers _orvin_image $tool show --; } | grep -vx -e -h)"
+compare "_$tool, option" "$options" "$(grep -oP -- '--[a-z-]+(?==?\[|\})|[a-z]+(?=\\:)' completions/_$tool)"
+compare "$tool.fish, option" "$options" "$(sed -n 's/^complete .* -l \(\S*\) .*/--\1/p
+    s/.* -a \([a-z]*\) .*/\1/p' completions/$tool.fish)"
+compare "$page, target" "$targets" "$(sed -n 's/^\.Cm \(\S*\) ,$/\1/p' $page)"
+compare "$tool.bash, target" "$targets" "$(offers _orvin_image $tool create --target '')"
+compare "_$tool, target" "$targets" "$(grep -oP ':target:\(\K[^)]+' completions/_$tool | tr ' ' '\n')"
+compare "$tool.fish, target" "$targets" "$(grep -oP "l target .* -a '\K[^']+" completions/$tool.fish | tr ' ' '\n')"
+
+exit $failed
