@@ -81,9 +81,11 @@ int reportSessionFailure(const RunConfig& config, const ErrorInfo& error) {
 // From the open session to the mode's result. The writer stays when the link never comes.
 int runOnBus(RunConfig& config) {
     std::cout << "Waiting for bus to become ACTIVE..." << std::endl;
+    // TRANSLATORS: Lumnet is the name of the field bus.
     MessageWriter::instance()->write(gettext("Waiting for Lumnet bus to become active..."));
     if (!waitForActiveLink(*config.session)) {
         std::cout << "Bus not ACTIVE, exiting." << std::endl;
+        // TRANSLATORS: the upgrade has ended without having begun.
         MessageWriter::instance()->write(gettext("Lumnet bus not active, please try again later!"));
         closeSession(*config.session);
         return exit_status::kLinkInactive;

@@ -13,6 +13,7 @@ std::string formatMessage(const char* format, ...) {
     const int length = vasprintf(&buffer, format, arguments);
     va_end(arguments);
     if (length < 0) {
+        // TRANSLATORS: stands in place of a message that could not be put together.
         return gettext("autosprintf/vasprintf error");
     }
     std::string message(buffer);

@@ -67,6 +67,8 @@ void PacketTransfer::reportProgress() {
         return;
     }
     MessageWriter::instance()->write(formatMessage(
+        // TRANSLATORS: %s is the processor that the firmware is for, such as "Pellix ARM"; %d is
+        // how much of it was sent, from 0 to 100. %% prints one per cent sign.
         gettext("Orvin firmware upgrade in progress. Uploading %s firmware, %d%% completed..."),
         targetName.c_str(), percent));
     lastReportedPercent = percent;

@@ -41,14 +41,17 @@ void showWaiting(const char* text) {
 }
 
 void writeProgress(ssize_t completed, ssize_t total) {
-    MessageWriter::instance()->write(
-        formatMessage(gettext("Installing Orvin firmware: %zd / %zd completed"), completed, total));
+    MessageWriter::instance()->write(formatMessage(
+        // TRANSLATORS: the first %zd is the number of devices that are back after they installed
+        // the firmware, the second one the number of all that install it.
+        gettext("Installing Orvin firmware: %zd / %zd completed"), completed, total));
 }
 
 }  // namespace
 
 bool OrvinGroup::waitForRejoin() {
     std::int64_t budget = rejoinBudget(count());
+    // TRANSLATORS: shown while the devices restart with their new firmware.
     MessageWriter::instance()->write(gettext("Please wait..."));
     printf("Will wait %lld seconds for Orvins to rejoin.\n", static_cast<long long>(budget));
     waitForLink();

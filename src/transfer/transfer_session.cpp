@@ -19,6 +19,7 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
     group.initializeTransfers(image);
     if (group.transferData(image) != exit_status::kSuccess) {
         std::cout << "Failed to transfer data to the Orvins" << std::endl;
+        // TRANSLATORS: the firmware could not be sent to any of the devices.
         MessageWriter::instance()->write(gettext("Failed to transfer firmware!"));
         return false;
     }
@@ -51,6 +52,7 @@ int OrvinGroup::initializeTransfers(const FirmwareImage& image) {
 }
 
 int OrvinGroup::verifyAll(std::uint32_t device) {
+    // TRANSLATORS: each device checks whether it received the firmware whole.
     MessageWriter::instance()->write(gettext("Verifying uploaded firmware image..."));
     runStep("\n", "verifyData",
             [&](Orvin& orvin) { return verifyData(*session, orvin.vanid, device); });

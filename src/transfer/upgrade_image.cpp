@@ -80,8 +80,9 @@ void waitForOrvins(OrvinGroup& group) {
 }
 
 void announceRetry(OrvinGroup& group, const std::string& targetName) {
-    MessageWriter::instance()->write(
-        formatMessage(gettext("Retrying %s update..."), targetName.c_str()));
+    MessageWriter::instance()->write(formatMessage(
+        // TRANSLATORS: %s is the processor that the firmware is for, such as "Pellix ARM".
+        gettext("Retrying %s update..."), targetName.c_str()));
     std::cout << "Retrying upgrade on following " << orvinNoun(group.count()) << ": " << std::endl;
     printDevices(group);
 }
