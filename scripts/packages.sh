@@ -1,4 +1,9 @@
+# shellcheck shell=bash disable=SC2034
 # The Debian packages that the programs, the tests and the checks of the code need.
-build_packages=(g++ cmake ninja-build libboost-dev nlohmann-json3-dev libcli11-dev)
-test_packages=("${build_packages[@]}" libgtest-dev clang libclang-rt-14-dev)
+build_packages=(g++ cmake ninja-build libboost-dev nlohmann-json3-dev libcli11-dev gettext)
+arm_build_packages=("${build_packages[@]}" g++-arm-linux-gnueabihf)
+manual_test_packages=(mandoc man-db)
+test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev clang libclang-rt-14-dev)
+arm_packages=("${arm_build_packages[@]}" "${manual_test_packages[@]}" qemu-user googletest)
+package_test_packages=(git file lintian debootstrap)
 lint_packages=("${test_packages[@]}" git clang-format clang-tidy clang-tools)

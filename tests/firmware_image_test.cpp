@@ -1,6 +1,7 @@
 #include "image/firmware_image.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "core/error_info.h"
 #include "firmware/little_endian.h"
@@ -96,6 +97,34 @@ TEST_F(FirmwareImageFile, AddsItsSizesWithoutWrapping) {
     put(bytes, 20, static_cast<std::uint32_t>(bytes.size()) + 1);
     EXPECT_FALSE(open(bytes));
     EXPECT_EQ(error.message, "Invalid content size");
+}
+
+// Sparse files: only their length is long. A length cut to 32 bits would fit the header.
+TEST_F(FirmwareImageFile, IsRefusedFromTwoGibibytesOn) {
+    constexpr std::uint32_t kGibibyte = 1U << 30;
+    const struct {
+        off_t length;
+        std::uint32_t contentSize;
+        bool accepted;
+    } cases[] = {{off_t{2} * kGibibyte - 1, 2 * kGibibyte - 1 - kHeaderSize, true},
+                 {off_t{2} * kGibibyte, 2 * kGibibyte - kHeaderSize, false},
+                 {off_t{4} * kGibibyte + kHeaderSize + 100, 100, false}};
+    for (const auto& example : cases) {
+        Bytes bytes = makeImage(kArm, kNewVersion, 100);
+        put(bytes, 20, example.contentSize);
+        orvin_image::writeFile(path, bytes);
+        ASSERT_EQ(truncate(path.c_str(), example.length), 0);
+        EXPECT_EQ(image.open(path), example.accepted) << example.length;
+        if (example.accepted) {
+            char byte = 'x';
+            EXPECT_TRUE(image.seek(static_cast<std::int32_t>(example.contentSize - 1)));
+            EXPECT_EQ(image.read(&byte, 1), 1);
+            EXPECT_EQ(byte, 0);
+            image.close();
+        } else {
+            EXPECT_EQ(error.message, "Invalid content size");
+        }
+    }
 }
 
 TEST_F(FirmwareImageFile, TellsWhyAFileCannotBeOpenedOrRead) {

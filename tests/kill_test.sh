@@ -6,7 +6,7 @@ set -u
 prefix=$1
 times=${2:-6}
 at_once=${3:-$times}
-export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib PATH=$prefix/bin:$PATH
+export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib/orvin-firmware-upgrade-sim PATH=$prefix/bin:$PATH
 work=$(mktemp -d /tmp/orvin-test-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1

@@ -19,6 +19,8 @@ struct Result {
     std::string error;
 };
 
+constexpr char kStandIn[] = PREFIX "/lib/orvin-firmware-upgrade-sim";
+
 class Program : public testing::Test {
 protected:
     Result shell(const std::string& command) const {
@@ -37,8 +39,8 @@ protected:
     }
 
     // Finds the bus libraries by the search path and by nothing else.
-    Result upgrade(const std::string& arguments) const {
-        return shell("LD_LIBRARY_PATH=" PREFIX "/lib " PREFIX "/bin/orvin-firmware-upgrade " +
+    Result upgrade(const std::string& arguments, const std::string& libraries = kStandIn) const {
+        return shell("LD_LIBRARY_PATH=" + libraries + " " PREFIX "/bin/orvin-firmware-upgrade " +
                      arguments);
     }
 
@@ -84,6 +86,65 @@ TEST_F(Program, HasNoLibraryPathOfItsOwnOnceInstalled) {
     const Result lost = shell(PREFIX "/bin/orvin-firmware-upgrade -v");
     EXPECT_EQ(lost.exitStatus, 127);
     EXPECT_NE(lost.error.find("libtalm-api-v2.so"), std::string::npos);
+}
+
+TEST_F(Program, TakesWhicheverBusLibrariesComeFirst) {
+    const Result elsewhere = upgrade("-l -c tcp://elsewhere", OTHER_LIBRARIES ":"s + kStandIn);
+    EXPECT_EQ(elsewhere.exitStatus, 0);
+    EXPECT_EQ(elsewhere.error,
+              "Initialize 00\ntcp://elsewhere 00\nGetLinkState 00\nGetBusMembers 00\n"
+              "get_type 0b\nOrvinInfo 0b\nCleanup 00\nClose 00\n");
+    EXPECT_NE(elsewhere.output.find(" 1)  0b:ff:"), std::string::npos);
+    EXPECT_NE(elsewhere.output.find("'Elsewhere')"), std::string::npos) << elsewhere.output;
+}
+
+TEST_F(Program, LauncherRunsTheToolOnABusOfTheUsersOwn) {
+    const Result listing = shell("XDG_STATE_HOME=" + directory / "state" +
+                                 " " PREFIX "/bin/orvin-firmware-upgrade-sim -l");
+    EXPECT_EQ(listing.exitStatus, 0) << listing.error;
+    EXPECT_EQ(occurrences(listing.output, "Pellix "), 3);
+    EXPECT_FALSE(readText(directory / "state/orvin-firmware-upgrade-sim/bus.json").empty());
+}
+
+TEST_F(Program, WritesItsStatusMessagesInTheUsersLanguage) {
+    writeText(directory / "bus.json", BusBuilder().text());
+    const struct {
+        const char* language;
+        const char* message;
+    } cases[] = {{"de", "Warten, bis der Lumnet-Bus aktiv wird ..."},
+                 {"fr", "En attente de l’activation du bus Lumnet..."},
+                 {"xx", "Waiting for Lumnet bus to become active..."}};
+    for (const auto& example : cases) {
+        shell(
+            "export LD_LIBRARY_PATH="s + kStandIn + " LC_ALL=C.UTF-8 LANGUAGE=" + example.language +
+            " TEXTDOMAINDIR=" PREFIX "/share/locale; " PREFIX "/bin/orvin-firmware-upgrade -l -m " +
+            directory / "status" + " -c sim:" + directory / "bus.json");
+        EXPECT_EQ(readText(directory / "status"), example.message);
+    }
+}
+
+TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
+    const Json timing = {{"install_ms", 1}, {"restart_ms", 1}};
+    writeText(directory / "bus.json", BusBuilder().orvin(1, nullptr, timing).text());
+    image("create " + directory / "arm.img" + " --target arm --version 7 --size 100");
+    const auto follow = [&](const std::string& bus) {
+        const std::string status = directory / "status";
+        return shell("export LD_LIBRARY_PATH="s + kStandIn +
+                     "; " PREFIX "/share/doc/orvin-firmware-upgrade/examples/follow-upgrade " +
+                     status + " " PREFIX "/bin/orvin-firmware-upgrade -B -m " + status + " -c " +
+                     bus + " " + directory / "arm.img");
+    };
+    const Result upgraded = follow("sim:" + directory / "bus.json");
+    EXPECT_EQ(upgraded.exitStatus, 1);
+    EXPECT_EQ(upgraded.output.rfind("Waiting for Lumnet bus to become active...\n", 0), 0U);
+    EXPECT_NE(upgraded.output.find(
+                  "Installing Orvin firmware: 1 / 1 completed\nDone: 1 device updated.\n"),
+              std::string::npos)
+        << upgraded.output;
+
+    const Result nowhere = follow("tcp://nowhere");
+    EXPECT_EQ(nowhere.exitStatus, 132);
+    EXPECT_NE(nowhere.output.find("Error: Couldn't open talmapi connection\n"), std::string::npos);
 }
 
 TEST_F(Program, UpgradesForReal) {

@@ -3,7 +3,7 @@
 # --large also sends an image of 40 MB, which takes about twelve minutes.
 set -u
 prefix=$1
-export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib PATH=$prefix/bin:$PATH
+export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib/orvin-firmware-upgrade-sim PATH=$prefix/bin:$PATH
 work=$(mktemp -d /tmp/orvin-test-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 chmod 755 "$work"
@@ -40,7 +40,7 @@ unwritable_directory() {
     [ "$(id -u)" -ne 0 ] || as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
     mkdir open && cp -r "$prefix/bin" "$prefix/lib" open && cp bus.json open/bus.json
     chmod -R a+rX open
-    run "${as_nobody[@]}" env LD_LIBRARY_PATH=open/lib open/bin/orvin-firmware-upgrade -l -c sim:open/bus.json \
+    run "${as_nobody[@]}" env LD_LIBRARY_PATH=open/lib/orvin-firmware-upgrade-sim open/bin/orvin-firmware-upgrade -l -c sim:open/bus.json \
         -m sealed/status
     expect 0 'Could not apply message to file sealed/status: Permission denied' <<<"$output"
 }
@@ -59,7 +59,7 @@ full_file_system() { # a small /tmp of its own where mounts are allowed, else a 
             mount -t tmpfs tmpfs /mnt && cp -r "$prefix/bin" "$prefix/lib" bus.json new.img /mnt
             mount -t tmpfs -o size=16k tmpfs /tmp && echo old >/tmp/kept
             head -c 100000 /dev/zero >/tmp/filler 2>/dev/null
-            LD_LIBRARY_PATH=/mnt/lib /mnt/bin/orvin-firmware-upgrade -B -c sim:/mnt/bus.json -m /tmp/kept /mnt/new.img
+            LD_LIBRARY_PATH=/mnt/lib/orvin-firmware-upgrade-sim /mnt/bin/orvin-firmware-upgrade -B -c sim:/mnt/bus.json -m /tmp/kept /mnt/new.img
             status=$?; cat /tmp/kept; exit $status'
         expect 1 'Error at write message: No space left on device' <<<"$output"
         [ "$(tail -n 1 <<<"$output")" = old ] || echo "the message that was there is lost"

@@ -1,5 +1,7 @@
 #include "transfer/upgrade_image.h"
 
+#include <limits>
+
 #include "group/orvin_group.h"
 #include "support/tool_run.h"
 
@@ -65,11 +67,13 @@ TEST(Summary, TellsMinutesAndSeconds) {
     } cases[] = {{0, "0 min 00 seconds"},      {1, "0 min 01 second"},
                  {61, "1 min 01 second"},      {125, "2 min 05 seconds"},
                  {6000, "100 min 00 seconds"}, {-61, "4294967295 min 4294967295 seconds"}};
+    constexpr std::time_t kLast32BitSecond = std::numeric_limits<std::int32_t>::max();
     OrvinGroup group(nullptr, false);
     std::list<std::string> updated;
     for (const auto& example : cases) {
+        const std::time_t end = kLast32BitSecond - 61;
         EXPECT_EQ(
-            captureOutput([&] { printSummary(group, 1000, 1000 + example.elapsed, updated); }),
+            captureOutput([&] { printSummary(group, end - example.elapsed, end, updated); }),
             "Update took " + std::string(example.text) + "\n");
     }
     EXPECT_TRUE(updated.empty());
