@@ -8,11 +8,8 @@
 
 namespace firmware {
 
-// What a simulated device finds at the start of the content that it installs. It is the only place
-// from which it learns what the firmware is for and which version it has; the image header never
-// reaches it. All numbers little-endian:
-//
-//     0 "OFWD"   4 target code   8 version
+// What a simulated device finds at the start of the content that it installs, and the only place
+// from which it learns what the firmware is for and which version it has (docs/image-format.md).
 struct Descriptor {
     static constexpr std::size_t kSize = 12;
 

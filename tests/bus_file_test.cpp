@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 
 #include "support/bus_builder.h"
 #include "support/files.h"
@@ -61,6 +62,22 @@ TEST(BusFile, NamesThePlaceOfWhatIsWrong) {
 TEST(BusFile, NamesLineAndColumnOfWhatIsNoJson) {
     EXPECT_EQ(reasonOf("{\n  \"members\": [\n").compare(0, 18, "line 3, column 1: "), 0);
     EXPECT_EQ(occurrences(reasonOf("{\"a\nb\": 1}"), "\n"), 0);
+}
+
+// Each fault in the table, and that there is an example for each fault.
+TEST(BusFile, UnderstandsTheExamplesOfItsDocument) {
+    std::set<std::string> faults;
+    for (const std::string& line : linesOf(readText(DOCUMENT))) {
+        if (line.rfind("| `{", 0) != 0) {
+            continue;
+        }
+        const Json example = Json::parse(line.substr(3, line.find("` |") - 3));
+        faults.insert(example.items().begin().key());
+        EXPECT_TRUE(reasonOf(BusBuilder().orvin(1, example).text()).empty() ||
+                    reasonOf(BusBuilder().with("faults", example).text()).empty())
+            << line;
+    }
+    EXPECT_EQ(faults.size(), 15U);
 }
 
 class BrokenBus : public ToolTest {};

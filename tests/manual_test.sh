@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Manual pages, completions and the README's exit statuses against the source, and the pages' markup.
+# Manual pages and completions against the source, and the pages' markup.
 # Usage: manual_test.sh SOURCE-DIR
 set -u
 cd "$1" || exit 1
@@ -41,7 +41,6 @@ members=$(grep -oP 'kMaxMembers = \K\d+' src/bus/bus_members.cpp)
 statuses=$(grep -v 'of a transfer:' src/core/exit_status.h | grep -oP '^constexpr int \w+ = \K-?\d+' |
     while read -r status; do echo $((status & 255)); done | sed "s/^0$/0 to $members/")
 compare "$page, status" "$statuses" "$(grep -oP '^\d[\d to]*(?=\tT\{)' $page)"
-compare "README.md, status" "$statuses" "$(grep -oP '^\| \K\d[\d to]*(?= \|)' README.md)"
 
 messages=$(find src -type f -exec cat {} + | tr '\n' ' ' | sed 's/" *"//g' | grep -oP 'gettext\( *"?\K[^"]+')
 compare "$page, message" "$messages" "$(sed -n 's/\\&$//; s/^\.It Qq //p' $page)"

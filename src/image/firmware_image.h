@@ -21,11 +21,7 @@ struct FirmwareImageHeader {
     std::uint32_t version = 0;
 };
 
-// Reads one firmware image file: a little-endian header of 36 bytes, whatever fills it up to
-// `headerSize`, then the content up to the end of the file.
-//
-//     0 "tevu"   4 headerSize   8 manufacturer   12 device   16 contentType   20 contentSize
-//     24 contentChecksum (2 bytes)   26 reserved (2 and 4 bytes)   32 version
+// Reads one firmware image file; docs/image-format.md has its layout.
 //
 // Prints and throws nothing. The reason of the last failure stands in the caller's error record,
 // which must outlive the reader; construction and `close` set it to "File not open", so that there
