@@ -70,7 +70,7 @@ full_file_system() { # a small /tmp of its own where mounts are allowed, else a 
     fi
 }
 broken_pipe() {
-    tool -B -c sim:bus.json -m piped new.img | head -c 1 >head
+    tool -B -c sim:bus.json -m piped new.img | head -c 1 >first
     got=${PIPESTATUS[0]}
     expect 1 'Installing Orvin firmware: 1 / 1 completed' <piped
 }

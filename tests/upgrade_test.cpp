@@ -72,9 +72,8 @@ TEST(Summary, TellsMinutesAndSeconds) {
     std::list<std::string> updated;
     for (const auto& example : cases) {
         const std::time_t end = kLast32BitSecond - 61;
-        EXPECT_EQ(
-            captureOutput([&] { printSummary(group, end - example.elapsed, end, updated); }),
-            "Update took " + std::string(example.text) + "\n");
+        EXPECT_EQ(captureOutput([&] { printSummary(group, end - example.elapsed, end, updated); }),
+                  "Update took " + std::string(example.text) + "\n");
     }
     EXPECT_TRUE(updated.empty());
 }
