@@ -101,17 +101,18 @@ TEST_F(FirmwareImageFile, AddsItsSizesWithoutWrapping) {
 
 // Sparse files: only their length is long. A length cut to 32 bits would fit the header.
 TEST_F(FirmwareImageFile, IsRefusedFromTwoGibibytesOn) {
-    constexpr std::uint32_t kGibibyte = 1U << 30;
+    constexpr off_t kGibibyte = off_t{1} << 30;
+    constexpr off_t kHeader = kHeaderSize;
     const struct {
         off_t length;
-        std::uint32_t contentSize;
+        off_t contentSize;
         bool accepted;
-    } cases[] = {{off_t{2} * kGibibyte - 1, 2 * kGibibyte - 1 - kHeaderSize, true},
-                 {off_t{2} * kGibibyte, 2 * kGibibyte - kHeaderSize, false},
-                 {off_t{4} * kGibibyte + kHeaderSize + 100, 100, false}};
+    } cases[] = {{2 * kGibibyte - 1, 2 * kGibibyte - 1 - kHeader, true},
+                 {2 * kGibibyte, 2 * kGibibyte - kHeader, false},
+                 {4 * kGibibyte + kHeader + 100, 100, false}};
     for (const auto& example : cases) {
         Bytes bytes = makeImage(kArm, kNewVersion, 100);
-        put(bytes, 20, example.contentSize);
+        put(bytes, 20, static_cast<std::uint32_t>(example.contentSize));
         orvin_image::writeFile(path, bytes);
         ASSERT_EQ(truncate(path.c_str(), example.length), 0);
         EXPECT_EQ(image.open(path), example.accepted) << example.length;

@@ -92,8 +92,9 @@ TEST_F(Program, TakesWhicheverBusLibrariesComeFirst) {
     const Result elsewhere = upgrade("-l -c tcp://elsewhere", OTHER_LIBRARIES ":"s + kStandIn);
     EXPECT_EQ(elsewhere.exitStatus, 0);
     EXPECT_EQ(elsewhere.error,
-              "Initialize 00\ntcp://elsewhere 00\nGetLinkState 00\nGetBusMembers 00\n"
-              "get_type 0b\nOrvinInfo 0b\nCleanup 00\nClose 00\n");
+              "TalmApiInitialize 00\ntcp://elsewhere 00\nTalmApiGetLinkState 00\n"
+              "TalmApiGetBusMembers 00\nBusMember_get_type 0b\nOrvinInfo 0b\nTalmApiCleanup 00\n"
+              "TalmApiClose 00\n");
     EXPECT_NE(elsewhere.output.find(" 1)  0b:ff:"), std::string::npos);
     EXPECT_NE(elsewhere.output.find("'Elsewhere')"), std::string::npos) << elsewhere.output;
 }
