@@ -7,7 +7,6 @@
 #include "firmware/checksum.h"
 #include "orvin-image/image_file.h"
 #include "support/bus_builder.h"
-#include "talm/talm_api.h"
 
 namespace {
 
@@ -107,20 +106,6 @@ TEST_F(SimulatedDevice, TakesNothingOutOfTurn) {
     const auto beyond = device.receive(1, packet.data());
     ASSERT_TRUE(beyond);
     EXPECT_NE(beyond->result, 0);
-}
-
-TEST(BusLibrary, AnswersACallWithoutAnOpenConnectionWithAnError) {
-    vanid_t id{};
-    CallbackSlot slot{};
-    const TalmApiHandle handle = TalmApiInitialize();
-    for (const TalmApiHandle unusable : {handle, TalmApiHandle(), TalmApiHandle(&id)}) {
-        EXPECT_LT(TalmApiGetBusMembers(unusable, &id, 1), 0);
-        EXPECT_LT(ImageTransfer_write_request(unusable, id, 0, 0, 0, 0, 0), 0);
-        EXPECT_LT(TalmApiSetBusChangeCallback(unusable, &slot, 0), 0);
-        EXPECT_LT(TalmApiCleanup(unusable), 0);
-    }
-    TalmApiClose(handle);
-    EXPECT_LT(TalmApiClose(handle), 0);
 }
 
 }  // namespace

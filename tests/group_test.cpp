@@ -47,18 +47,6 @@ TEST_F(Group, RestoresEveryDeviceInTheOrderOfAdding) {
     EXPECT_FALSE(group.allAcknowledged());
 }
 
-TEST_F(Group, DropsADeviceForItsOwnFaultsOnly) {
-    group.addOrvin(orvinId(1));
-    group.addOrvin(orvinId(2));
-    EXPECT_EQ(captureOutput([&] { group.onTransferResult(5, vanid(3), 0); }), "");
-    EXPECT_EQ(captureOutput([&] { group.onTransferResult(5, vanid(1), 0); }),
-              "\nRemoving Orvin " + orvinId(1) + " due to faulty callback (5 / 0x5)\n");
-    EXPECT_EQ(texts(), (std::list<std::string>{orvinId(2)}));
-    EXPECT_EQ(captureOutput([&] { group.onTransferResult(-1, vanid(2), 0); }),
-              "\nRemoving Orvin " + orvinId(2) + " due to faulty callback (-1 / 0xffffffff)\n");
-    EXPECT_EQ(group.count(), 0);
-}
-
 TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {
     group.addOrvin(orvinId(1));
     group.addOrvin(orvinId(2));
@@ -79,13 +67,6 @@ TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {
     captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
     group.restoreFromFullList();
     EXPECT_TRUE(group.allRejoined()) << "a dropped device is not waited for";
-}
-
-TEST_F(Group, KeepsADeviceWhoseTextIsNoIdentifier) {
-    group.addOrvin("pump room");
-    EXPECT_EQ(texts(), (std::list<std::string>{"pump room"}));
-    group.onTransferResult(0, vanid_t{}, 0);
-    EXPECT_TRUE(group.allAcknowledged());
 }
 
 }  // namespace

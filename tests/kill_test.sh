@@ -3,7 +3,7 @@
 # is not there, the bus file is whole, and the next run completes the upgrade.
 # Usage: kill_test.sh PREFIX [TIMES [AT-ONCE]]
 set -u
-prefix=$1
+prefix=$(cd "$1" && pwd) || exit 1
 times=${2:-6}
 at_once=${3:-$times}
 export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib/orvin-firmware-upgrade-sim PATH=$prefix/bin:$PATH

@@ -70,12 +70,6 @@ TEST_F(StatusMessage, HasOneWriterFromInitToItsEnd) {
     EXPECT_THROW(MessageWriter::instance(), std::runtime_error);
 }
 
-TEST_F(StatusMessage, HasNoWriterWhenItsMutexCannotBeMade) {
-    SystemHooks::instance().mutexInitFails = true;
-    EXPECT_THROW(MessageWriter::init(""), std::runtime_error);
-    EXPECT_THROW(MessageWriter::instance(), std::runtime_error);
-}
-
 TEST(FormatMessage, FillsPlaceholdersAndEndsAtAZeroByte) {
     EXPECT_EQ(formatMessage("%s: %d%% of %zd", "x", 5, static_cast<ssize_t>(7)), "x: 5% of 7");
     EXPECT_EQ(formatMessage("ab%ccd", 0), "ab");

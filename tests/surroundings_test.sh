@@ -2,7 +2,7 @@
 # The installed tool where its surroundings let it down. Usage: surroundings_test.sh PREFIX [--large]
 # --large also sends an image of 40 MB, which takes about twelve minutes.
 set -u
-prefix=$1
+prefix=$(cd "$1" && pwd) || exit 1
 export LC_ALL=C LD_LIBRARY_PATH=$prefix/lib/orvin-firmware-upgrade-sim PATH=$prefix/bin:$PATH
 work=$(mktemp -d /tmp/orvin-test-XXXXXX)
 trap 'rm -rf "$work"' EXIT

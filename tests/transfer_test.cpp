@@ -119,15 +119,6 @@ TEST_F(Transfer, ResendsAfterFiveSecondsAndDropsASilentDeviceAfterTen) {
     }
 }
 
-TEST_F(Transfer, ResendsAPacketThatADeviceLost) {
-    bus.orvin(1, {{"loses_packets", {3, 7}}}).orvin(2, {{"loses_packets", {{"every", 5}}}});
-    const std::string path = image("arm", kArm);
-    const ToolRun run = upgradeAll({path});
-    EXPECT_EQ(run.exitStatus, 2);
-    EXPECT_TRUE(installed(1, "arm", path) && installed(2, "arm", path));
-    EXPECT_EQ(occurrences(run.console, "#"), run.calls("ImageTransfer_data") - 10);
-}
-
 TEST_F(Transfer, GoesBackAnyDistanceAndStillDeliversEveryByte) {
     constexpr int kPackets = 16;
     const std::string path = image("arm", kArm, kNewVersion, 1000);  // 15 packets and 40 bytes

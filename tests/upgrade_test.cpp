@@ -45,21 +45,6 @@ TEST_F(Upgrade, OfSomethingThatIsNoIdentifierEndsWell) {
     EXPECT_EQ(storedVersion(0, "arm"), kOldVersion);
 }
 
-TEST_F(Upgrade, HasTheSameHistoryWithTheSameSeed) {
-    for (int number = 1; number <= 5; ++number) {
-        bus.orvin(number, {{"loses_packets", {{"every", 4 + number}}}},
-                  {{"acknowledge_us", 100}, {"acknowledge_jitter_us", 5'000}});
-    }
-    const std::string path = image("arm", kArm);
-    const auto history = [&](int seed) {
-        bus.with("seed", seed);
-        return run({"-B", path}).trace;
-    };
-    const auto once = history(1);
-    EXPECT_EQ(history(1), once);
-    EXPECT_NE(history(2), once);
-}
-
 TEST(Summary, TellsMinutesAndSeconds) {
     const struct {
         std::time_t elapsed;

@@ -19,7 +19,7 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
     group.initializeTransfers(image);
     if (group.transferData(image) != exit_status::kSuccess) {
         std::cout << "Failed to transfer data to the Orvins" << std::endl;
-        // TRANSLATORS: the firmware could not be sent to any of the devices.
+        // TRANSLATORS: the firmware could not be sent to the devices.
         MessageWriter::instance()->write(gettext("Failed to transfer firmware!"));
         return false;
     }
