@@ -37,8 +37,9 @@ Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t s
 
 Bytes addDescriptor(std::uint32_t target, std::uint32_t version, const Bytes& content) {
     const auto descriptor = firmware::Descriptor{target, version}.encode();
-    Bytes bytes(descriptor.begin(), descriptor.end());
-    bytes.insert(bytes.end(), content.begin(), content.end());
+    Bytes bytes(descriptor.size() + content.size());
+    std::copy(content.begin(), content.end(),
+              std::copy(descriptor.begin(), descriptor.end(), bytes.begin()));
     return bytes;
 }
 
@@ -51,7 +52,7 @@ Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
     firmware::Checksum checksum;
     checksum.add(content.data(), content.size());
 
-    Bytes bytes(kHeaderSize);
+    Bytes bytes(kHeaderSize + content.size());
     std::copy_n("tevu", 4, bytes.begin());
     firmware::storeLittleEndian(&bytes[4], kHeaderSize);
     firmware::storeLittleEndian(&bytes[8], header.manufacturer);
@@ -60,7 +61,7 @@ Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
     firmware::storeLittleEndian(&bytes[20], static_cast<std::uint32_t>(content.size()));
     firmware::storeLittleEndian(&bytes[24], checksum.value(), 2);
     firmware::storeLittleEndian(&bytes[32], header.version);
-    bytes.insert(bytes.end(), content.begin(), content.end());
+    std::copy(content.begin(), content.end(), bytes.begin() + kHeaderSize);
     return bytes;
 }
 
