@@ -1,5 +1,8 @@
 // Events on the real clock, run by a few threads of the queue's own.
 
+#include <sys/prctl.h>
+
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -16,13 +19,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Enough for several devices to report at the same moment.
-constexpr int kThreads = 4;
+// At least two, so that several devices report at the same moment; more than there are processors
+// would stand in each other's way.
+int threadCount() {
+    return static_cast<int>(std::max(2U, std::thread::hardware_concurrency()));
+}
 
 class RealTimeQueue : public EventQueue {
 public:
     RealTimeQueue() {
-        for (int i = 0; i < kThreads; ++i) {
+        for (int i = threadCount(); i > 0; --i) {
             threads_.emplace_back([this] { runEvents(); });
         }
     }
@@ -50,15 +56,22 @@ public:
     }
 
     void schedule(Microseconds when, Event event) override {
+        bool isFirst = false;
         {
             const std::lock_guard<std::mutex> lock(mutex_);
-            events_.emplace(when, std::move(event));
+            const auto entry = events_.emplace(when, std::move(event));
+            isFirst = entry == events_.begin();
         }
-        changed_.notify_one();
+        // Every idle thread waits for the time of the first event, so that one to come later wakes
+        // nobody.
+        if (isFirst) {
+            changed_.notify_all();
+        }
     }
 
 private:
     void runEvents() {
+        prctl(PR_SET_TIMERSLACK, 1UL);  // devices answer when they should
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stopped_) {
             if (events_.empty()) {
