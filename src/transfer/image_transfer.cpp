@@ -14,6 +14,7 @@
 #include "image/firmware_image.h"
 #include "status/format_message.h"
 #include "status/message_writer.h"
+#include "transfer/timer_slack.h"
 #include "transfer/transfer_primitives.h"
 
 namespace {
@@ -94,6 +95,7 @@ void PacketTransfer::printReport() const {
 }
 
 int OrvinGroup::transferData(FirmwareImage& image) {
+    const TimerSlack slack;
     startCounting();
     PacketTransfer transfer(image);
     image.seek(0);
