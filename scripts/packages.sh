@@ -7,3 +7,5 @@ test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev 
 arm_packages=("${arm_build_packages[@]}" "${manual_test_packages[@]}" qemu-user googletest)
 package_test_packages=(git lintian debootstrap)
 lint_packages=("${test_packages[@]}" git clang-format clang-tidy clang-tools shellcheck)
+bench_packages=("${build_packages[@]}" python3 valgrind binutils)
+bench_peers=(dfu-util stm32flash avrdude)

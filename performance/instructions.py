@@ -1,0 +1,85 @@
+"""Instructions that the tool executes in a transfer, counted by callgrind in virtual time.
+
+They are the same on every run of the same build. The bus libraries' share is left out: what the calls into them
+cost is taken off, and what their callbacks cost in the tool is added again.
+"""
+
+import os
+import re
+import subprocess
+import tempfile
+
+import buses
+
+PACKETS = (100, 400)  # the difference leaves out everything but the packets
+ONE_POLL_US = 300
+TEN_POLLS_MORE_US = 10_300
+
+
+def is_bus_library(name):
+    return "libtalm-api-v2" in name or "libvanid" in name
+
+
+def is_tool(name):
+    return name.endswith("/orvin-firmware-upgrade")
+
+
+def tool_instructions(profile):
+    """Reads a callgrind profile: costs by object, and for each call the inclusive cost of the callee."""
+    names = {}
+
+    def resolve(text):
+        number, name = re.fullmatch(r"\((\d+)\)(?: (.*))?", text).groups()
+        return names.setdefault(number, name)
+
+    total = 0
+    caller = callee = None
+    is_call = False
+    for line in profile:
+        line = line.rstrip("\n")
+        if line.startswith("ob="):
+            caller = callee = resolve(line[3:])
+        elif line.startswith("cob="):
+            callee = resolve(line[4:])
+        elif line.startswith("calls="):
+            is_call = True
+        elif re.match(r"[-+*\d]", line):
+            cost = int(line.split()[1])
+            if not is_call:
+                total += cost
+            elif is_bus_library(callee) and not is_bus_library(caller):
+                total -= cost
+            elif is_tool(callee) and is_bus_library(caller):
+                total += cost
+            callee = caller
+            is_call = False
+    return total
+
+
+def count(build, devices, packets, acknowledge_us):
+    with tempfile.TemporaryDirectory(prefix="orvin-bench-") as work:
+        bus = buses.write_bus(work, devices, acknowledge_us)
+        image = buses.make_image(build, work, packets)
+        profile = os.path.join(work, "profile")
+        libraries = f"{build}/virtual-time:{build}/lib"
+        run = subprocess.run(
+            ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={profile}",
+             f"{build}/bin/orvin-firmware-upgrade", "-B", "-c", f"sim:{bus}", image],
+            env={"LD_LIBRARY_PATH": libraries, "LC_ALL": "C", "PATH": os.environ["PATH"]},
+            stdout=subprocess.DEVNULL, check=False)
+        if run.returncode != devices:
+            raise RuntimeError(f"the upgrade of {devices} devices ended with {run.returncode}")
+        with open(profile, encoding="utf-8", errors="replace") as lines:
+            return tool_instructions(lines)
+
+
+def per_packet(build, devices, acknowledge_us):
+    few, many = (count(build, devices, packets, acknowledge_us) for packets in PACKETS)
+    return (many - few) / (PACKETS[1] - PACKETS[0])
+
+
+def measure(build, devices):
+    """The tool's instructions for a packet that is acknowledged at the first poll, and for each poll more."""
+    one_poll = per_packet(build, devices, ONE_POLL_US)
+    more_polls = per_packet(build, devices, TEN_POLLS_MORE_US)
+    return {"devices": devices, "packet": round(one_poll), "poll": round((more_polls - one_poll) / 10)}
