@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 // At least two, so that several devices report at the same moment; more than there are processors
 // would stand in each other's way.
 int threadCount() {
-    return static_cast<int>(std::max(2U, std::thread::hardware_concurrency()));
+    return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
 }
 
 class RealTimeQueue : public EventQueue {
@@ -62,8 +62,8 @@ public:
             const auto entry = events_.emplace(when, std::move(event));
             isFirst = entry == events_.begin();
         }
-        // Every idle thread waits for the time of the first event, so that one to come later wakes
-        // nobody.
+        // No idle thread waits for longer than until the first event: whoever makes an event the
+        // first one wakes them all.
         if (isFirst) {
             changed_.notify_all();
         }

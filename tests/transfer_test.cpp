@@ -1,3 +1,5 @@
+#include <sys/prctl.h>
+
 #include <filesystem>
 
 #include "sim/bus.h"
@@ -60,6 +62,16 @@ TEST_F(Transfer, SendsEveryByteInPacketsOf64) {
         EXPECT_TRUE(installed(1, "arm", path) && installed(2, "arm", path));
         expectHonestPackets(run, path);
     }
+}
+
+TEST_F(Transfer, SleepsWithoutTimerSlackWhileItSendsAndNoLonger) {
+    bus.orvin(1);
+    const int before = prctl(PR_GET_TIMERSLACK);
+    int during = 0;
+    SystemHooks::instance().beforePacketRead = [&] { during = prctl(PR_GET_TIMERSLACK); };
+    upgradeAll({image("arm", kArm)});
+    EXPECT_EQ(during, before > 0 ? 1 : before);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK), before);
 }
 
 TEST_F(Transfer, SendsNothingOfAnEmptyContent) {

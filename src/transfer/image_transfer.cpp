@@ -95,7 +95,6 @@ void PacketTransfer::printReport() const {
 }
 
 int OrvinGroup::transferData(FirmwareImage& image) {
-    const TimerSlack slack;
     startCounting();
     PacketTransfer transfer(image);
     image.seek(0);
@@ -111,6 +110,7 @@ int OrvinGroup::transferData(FirmwareImage& image) {
 }
 
 int OrvinGroup::sendContent(PacketTransfer& transfer) {
+    const TimerSlack slack;
     while (lookUpPacket(transfer)) {
         transfer.reportProgress();
         if (!transfer.readPacket()) {
