@@ -17,7 +17,10 @@ import instructions
 
 DEVICES = (1, 10, 63)
 ACKNOWLEDGE_US = (0, 300, 2000)
-PEERS = {"dfu-util": ["--version"], "stm32flash": ["-h"], "avrdude": ["-?"]}
+UPGRADE_PACKETS = 2_000
+PEERS = {"dfu-util": "--version", "stm32flash": "-h", "avrdude": "-?"}
+LISTING = "orvin-firmware-upgrade -l, 63 members"
+TIMEOUT_S = 600
 COMMITTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "instructions.json")
 MARGIN = 0.10
 
@@ -29,73 +32,77 @@ class Benchmark:
     def program(self, name):
         return f"{self.build}/bin/{name}"
 
-    def progress(self, text):
-        print(text, file=sys.stderr, flush=True)
-
     # ---- transfers ----
 
-    def send(self, bus, image, sender):
+    def send(self, devices, acknowledge_us, image, sender):
+        bus = buses.write_bus(self.work, devices, acknowledge_us)
         run = subprocess.run([self.program("transfer-benchmark"), bus, image, sender], check=True,
-                             stdout=subprocess.PIPE)
+                             stdout=subprocess.PIPE, timeout=TIMEOUT_S)
         return json.loads(run.stdout)
 
-    def transfer(self, devices, acknowledge_us, image):
-        """Pairs of a transfer by the tool and one by the floor, the order changing from pair to pair."""
-        bus = buses.write_bus(self.work, devices, acknowledge_us)
-        runs = {"tool": [], "floor": []}
-        for pair in range(self.repeat):
-            self.progress(f"{devices} devices, {acknowledge_us} us, pair {pair + 1} of {self.repeat}")
-            for sender in ("tool", "floor") if pair % 2 == 0 else ("floor", "tool"):
-                runs[sender].append(self.send(bus, image, sender))
-        pairs = list(zip(runs["tool"], runs["floor"]))
-        return {
-            "devices": devices,
-            "acknowledge_us": acknowledge_us,
-            "seconds": spread(tool["wall"] for tool in runs["tool"]),
-            "packets_per_second": spread(self.packets / tool["wall"] for tool in runs["tool"]),
-            "of_floor": spread(floor["wall"] / tool["wall"] for tool, floor in pairs),
-            "cpu_us_per_packet": spread(tool["cpu"] / self.packets * 1e6 for tool in runs["tool"]),
-            "cpu_to_floor": spread(tool["cpu"] / floor["cpu"] for tool, floor in pairs),
-        }
+    def round(self, acknowledge_us, image, number):
+        """A pair of transfers, by tool and by floor, for each number of devices; the order changes."""
+        senders = ("tool", "floor") if number % 2 == 0 else ("floor", "tool")
+        return {devices: {sender: self.send(devices, acknowledge_us, image, sender) for sender in senders}
+                for devices in (DEVICES if number % 2 == 0 else reversed(DEVICES))}
 
     def transfers(self):
         image = buses.make_image(self.build, self.work, self.packets)
-        rows = [self.transfer(devices, delay, image) for delay in ACKNOWLEDGE_US for devices in DEVICES]
-        for row in rows:
-            one = next(r for r in rows if r["devices"] == 1 and r["acknowledge_us"] == row["acknowledge_us"])
-            row["time_to_one_device"] = row["seconds"]["median"] / one["seconds"]["median"]
+        rows = []
+        for delay in ACKNOWLEDGE_US:
+            rounds = []
+            for number in range(self.repeat):
+                progress(f"transfers acknowledged after {delay} us, round {number + 1} of {self.repeat}")
+                rounds.append(self.round(delay, image, number))
+            rows += [self.summary(devices, delay, rounds) for devices in DEVICES]
         return rows
+
+    def summary(self, devices, delay, rounds):
+        pairs = [(round[devices]["tool"], round[devices]["floor"]) for round in rounds]
+        return {
+            "devices": devices,
+            "acknowledge_us": delay,
+            "packets_per_second": spread(self.packets / tool["wall"] for tool, _ in pairs),
+            "of_floor": spread(floor["wall"] / tool["wall"] for tool, floor in pairs),
+            "polls_per_packet": spread(tool["polls"] / self.packets for tool, _ in pairs),
+            "floor_polls_per_packet": spread(floor["polls"] / self.packets for _, floor in pairs),
+            "cpu_us_per_packet": spread(tool["cpu"] / self.packets * 1e6 for tool, _ in pairs),
+            "cpu_to_floor": spread(tool["cpu"] / floor["cpu"] for tool, floor in pairs),
+            "time_to_one_device": spread(round[devices]["tool"]["wall"] / round[1]["tool"]["wall"]
+                                         for round in rounds),
+        }
 
     # ---- whole upgrades ----
 
-    def upgrades(self):
+    def upgrade(self, devices, image):
         """Of the tool as it is, from its start to its end."""
-        seconds = {}
-        image = buses.make_image(self.build, self.work, self.packets)
-        for devices in (1, 63):
-            self.progress(f"upgrade of {devices} devices")
-            bus = buses.write_bus(self.work, devices, 300)
-            start = time.monotonic()
-            run = subprocess.run([self.program("orvin-firmware-upgrade"), "-B", "-c", f"sim:{bus}", image],
-                                 stdout=subprocess.DEVNULL, check=False)
-            if run.returncode != devices:
-                raise RuntimeError(f"the upgrade of {devices} devices ended with {run.returncode}")
-            seconds[devices] = time.monotonic() - start
-        return {"one": seconds[1], "all": seconds[63], "ratio": seconds[63] / seconds[1]}
+        bus = buses.write_bus(self.work, devices, 300)
+        start = time.monotonic()
+        run = subprocess.run([self.program("orvin-firmware-upgrade"), "-B", "-c", f"sim:{bus}", image],
+                             stdout=subprocess.DEVNULL, check=False, timeout=TIMEOUT_S)
+        if run.returncode != devices:
+            raise RuntimeError(f"the upgrade of {devices} devices ended with {run.returncode}")
+        return time.monotonic() - start
+
+    def upgrades(self):
+        image = buses.make_image(self.build, self.work, UPGRADE_PACKETS)
+        rounds = []
+        for number in range(self.repeat):
+            progress(f"whole upgrades, round {number + 1} of {self.repeat}")
+            rounds.append([self.upgrade(devices, image) for devices in (1, 63)])
+        return {"one": spread(one for one, _ in rounds), "all": spread(all for _, all in rounds),
+                "ratio": spread(all / one for one, all in rounds)}
 
     # ---- processes ----
 
-    def run_measured(self, command, libraries):
+    def run_measured(self, command, libraries="", status=0):
         run = subprocess.run([self.program("run-measured"), *command], stdout=subprocess.DEVNULL,
-                             stderr=subprocess.PIPE, text=True, check=True,
+                             stderr=subprocess.PIPE, text=True, check=True, timeout=TIMEOUT_S,
                              env=dict(os.environ, LD_LIBRARY_PATH=libraries, LC_ALL="C"))
-        return json.loads(run.stderr.rstrip().splitlines()[-1])
-
-    def process(self, name, command, times, libraries=""):
-        self.progress(name)
-        runs = [self.run_measured(command, libraries) for _ in range(times)]
-        return {"name": name, "cpu_us": spread(run["cpu_us"] for run in runs),
-                "peak_kb": spread(run["peak_kb"] for run in runs), **self.binary(command[0], libraries)}
+        measured = json.loads(run.stderr.rstrip().splitlines()[-1])
+        if measured["status"] != status:
+            raise RuntimeError(f"{command[0]} ended with {measured['status']}")
+        return measured
 
     def binary(self, path, libraries):
         stripped = os.path.join(self.work, "stripped")
@@ -105,33 +112,43 @@ class Benchmark:
         return {"libraries": len(re.findall(r"=> /", loaded)), "stripped_bytes": os.path.getsize(stripped)}
 
     def processes(self):
-        tool = self.program("orvin-firmware-upgrade")
+        """Start-up of the tool and of its peers in turns; the tool's with bus libraries that need nothing."""
+        progress("start-up and listing")
+        tool, instant = self.program("orvin-firmware-upgrade"), f"{self.build}/instant:{self.build}/lib"
         bus = buses.write_bus(self.work, 63, 300)
-        libraries = f"{self.build}/lib"
-        return [
-            self.process("orvin-firmware-upgrade -v", [tool, "-v"], 50, libraries),
-            self.process("orvin-firmware-upgrade -l, 63 members", [tool, "-l", "-c", f"sim:{bus}"], 5, libraries),
-            *(self.process(f"{peer} {' '.join(arguments)}", [peer, *arguments], 50)
-              for peer, arguments in PEERS.items()),
-        ]
+        commands = {"orvin-firmware-upgrade -v": ([tool, "-v"], instant)}
+        commands.update((f"{peer} {option}", ([peer, option], "")) for peer, option in PEERS.items())
+        runs = {name: [] for name in commands}
+        for _ in range(50):
+            for name, (command, libraries) in commands.items():
+                runs[name].append(self.run_measured(command, libraries))
+        commands[LISTING] = ([tool, "-l", "-c", f"sim:{bus}"], "")
+        runs[LISTING] = [self.run_measured(*commands[LISTING]) for _ in range(5)]
+        return [{"name": name, "cpu_us": spread(run["cpu_us"] for run in runs[name]),
+                 "peak_kb": spread(run["peak_kb"] for run in runs[name]), **self.binary(command[0], libraries)}
+                for name, (command, libraries) in commands.items()]
 
     def memory(self):
-        """Peak memory with a bus library that keeps nothing, by the length of the image."""
-        peaks = {}
-        for size in (10_000, 40_000_000):
-            image = buses.make_image(self.build, self.work, size // 64)
-            runs = [self.run_measured([self.program("orvin-firmware-upgrade"), "-B", "-c", "instant", image],
-                                      f"{self.build}/instant:{self.build}/lib") for _ in range(5)]
-            if any(run["status"] != 1 for run in runs):
-                raise RuntimeError("the instant upgrade failed")
-            peaks[size] = statistics.median(run["peak_kb"] for run in runs)
-        return {"small_kb": peaks[10_000], "large_kb": peaks[40_000_000],
-                "ratio": peaks[40_000_000] / peaks[10_000]}
+        """Peak memory with a bus library that keeps nothing, by the length of the image, in turns."""
+        progress("memory")
+        sizes = {"small": 10_000, "large": 40_000_000}
+        peaks = {name: [] for name in sizes}
+        for _ in range(15):
+            for name, size in sizes.items():
+                image = buses.make_image(self.build, self.work, size // 64)
+                command = ["setarch", "-R", self.program("orvin-firmware-upgrade"), "-B", "-c", "instant", image]
+                peaks[name].append(self.run_measured(command, f"{self.build}/instant:{self.build}/lib", 1)["peak_kb"])
+        return {"small_kb": spread(peaks["small"]), "large_kb": spread(peaks["large"]),
+                "ratio": statistics.median(peaks["large"]) / statistics.median(peaks["small"])}
 
     def poll(self):
         runs = [json.loads(subprocess.run([self.program("poll-length")], check=True,
                                           stdout=subprocess.PIPE).stdout) for _ in range(5)]
         return {name: spread(run[name] for run in runs) for name in ("usual", "transfer")}
+
+
+def progress(text):
+    print(text, file=sys.stderr, flush=True)
 
 
 def spread(values):
@@ -154,32 +171,44 @@ def print_tables(results):
     print(f"{results['machine']['processor']}, {results['machine']['cores']} cores, Linux "
           f"{results['machine']['kernel']}; {results['packets']} packets, {results['repeat']} pairs: median "
           "(least-most)\n")
-    print("| acknowledged after | devices | packets/s | of the floor | CPU us/packet | CPU to the floor | "
-          "time to 1 device |\n|---|---|---|---|---|---|---|")
+    print("| acknowledged after | devices | packets/s | of the floor's | polls/packet (floor's) | CPU us/packet "
+          "| CPU, x the floor's | time, x that of 1 device |\n|---|---|---|---|---|---|---|---|")
     for row in results["transfers"]:
         print(f"| {row['acknowledge_us'] / 1000:g} ms | {row['devices']} | {show(row['packets_per_second'], '.0f')} "
-              f"| {show(row['of_floor'], '.3f')} | {show(row['cpu_us_per_packet'], '.0f')} "
-              f"| {show(row['cpu_to_floor'], '.2f')} | {row['time_to_one_device']:.3f} |")
-    print("\n| devices | instructions/packet | instructions/poll more |\n|---|---|---|")
+              f"| {show(row['of_floor'], '.3f')} | {row['polls_per_packet']['median']:.2f} "
+              f"({row['floor_polls_per_packet']['median']:.2f}) | {show(row['cpu_us_per_packet'], '.0f')} "
+              f"| {show(row['cpu_to_floor'], '.2f')} | {show(row['time_to_one_device'], '.3f')} |")
+    print("\n| devices | instructions/packet | identifier comparisons/packet | instructions for each further poll |"
+          "\n|---|---|---|---|")
     for row in results["instructions"]:
-        print(f"| {row['devices']} | {row['packet']} | {row['poll']} |")
+        print(f"| {row['devices']} | {row['packet']} | {row['comparisons']} | {row['poll']} |")
     print("\n| process | CPU ms | peak memory kB | shared libraries | stripped bytes |\n|---|---|---|---|---|")
+    peers = [row for row in results["processes"] if not row["name"].startswith("orvin")]
+    least = {figure: min(row[figure]["median"] for row in peers) for figure in ("cpu_us", "peak_kb")}
+    smallest = min(row["stripped_bytes"] for row in peers)
     for row in results["processes"]:
         cpu = {name: value / 1000 for name, value in row["cpu_us"].items()}
-        print(f"| `{row['name']}` | {show(cpu, '.2f')} | {row['peak_kb']['median']:.0f} | {row['libraries']} "
-              f"| {row['stripped_bytes']} |")
+        print(f"| `{row['name']}` | {show(cpu, '.2f')}, x {row['cpu_us']['median'] / least['cpu_us']:.2f} "
+              f"| {show(row['peak_kb'], '.0f')}, x {row['peak_kb']['median'] / least['peak_kb']:.2f} "
+              f"| {row['libraries']} | {row['stripped_bytes']}, x {row['stripped_bytes'] / smallest:.2f} |")
+    print("\n(x: that of the least of the three others)")
     upgrades, memory, poll = results["upgrades"], results["memory"], results["poll"]
     print(f"\nA poll of 1000 us takes {show(poll['usual'], '.0f')} us with the usual timer slack, "
           f"{show(poll['transfer'], '.0f')} us with that of a transfer.")
-    print(f"A whole upgrade takes {upgrades['one']:.1f} s with 1 device, {upgrades['all']:.1f} s with 63: "
-          f"{upgrades['ratio']:.2f} times as long.")
-    print(f"Peak memory is {memory['small_kb']:.0f} kB with an image of 10 kB, {memory['large_kb']:.0f} kB with one "
-          f"of 40 MB: {memory['ratio']:.4f} times as much.")
+    print(f"\nA whole upgrade of {UPGRADE_PACKETS} packets takes {show(upgrades['one'], '.1f')} s with 1 device, "
+          f"{show(upgrades['all'], '.1f')} s with 63: {show(upgrades['ratio'], '.2f')} times as long.")
+    print(f"\nPeak memory is {show(memory['small_kb'], '.0f')} kB with an image of 10 kB, "
+          f"{show(memory['large_kb'], '.0f')} kB with one of 40 MB: {memory['ratio']:.4f} times as much.")
+
+
+def compiler():
+    version = subprocess.run(["g++", "-dumpversion"], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return f"{platform.machine()}, g++ {version.strip()}"
 
 
 def check(build, update):
     """Compares the instructions of a fixed transfer with the committed ones. No clock takes part in it."""
-    measured = [instructions.measure(build, devices) for devices in (1, 63)]
+    measured = {"of": compiler(), "figures": [instructions.measure(build, devices) for devices in (1, 63)]}
     if update:
         with open(COMMITTED, "w", encoding="utf-8") as file:
             json.dump(measured, file, indent=2)
@@ -187,15 +216,18 @@ def check(build, update):
         return True
     with open(COMMITTED, encoding="utf-8") as file:
         committed = json.load(file)
-    good = True
-    for now, then in zip(measured, committed, strict=True):
-        for figure in ("packet", "poll"):
-            more = now[figure] / then[figure] - 1
-            verdict = "too many" if more > MARGIN else "fewer: ./bench --update" if more < -MARGIN else "as before"
-            print(f"{now['devices']} devices, instructions for each {figure}: {now[figure]}, committed "
-                  f"{then[figure]} ({more:+.1%}): {verdict}")
-            good = good and more <= MARGIN
-    return good
+    if committed["of"] != measured["of"]:
+        print(f"Not comparable: the committed figures are of {committed['of']}, these of {measured['of']}")
+        return False
+    return all([compare(now, then, figure) for now, then in zip(measured["figures"], committed["figures"], strict=True)
+                for figure in ("packet", "comparisons", "poll")])
+
+
+def compare(now, then, figure):
+    more = now[figure] / then[figure] - 1
+    verdict = "too many" if more > MARGIN else "fewer: ./bench --update" if more < -MARGIN else "as before"
+    print(f"{now['devices']} devices, {figure}: {now[figure]}, committed {then[figure]} ({more:+.1%}): {verdict}")
+    return more <= MARGIN
 
 
 def main():

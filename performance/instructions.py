@@ -13,7 +13,7 @@ import buses
 
 PACKETS = (100, 400)  # the difference leaves out everything but the packets
 ONE_POLL_US = 300
-TEN_POLLS_MORE_US = 10_300
+TEN_POLLS_MORE_US = 10_300  # of the last device: each further poll walks past all others
 
 
 def is_bus_library(name):
@@ -25,14 +25,17 @@ def is_tool(name):
 
 
 def tool_instructions(profile):
-    """Reads a callgrind profile: costs by object, and for each call the inclusive cost of the callee."""
+    """Of a callgrind profile, which has costs by object, and for each call the inclusive cost of the callee.
+
+    Also how often the identifier library was called.
+    """
     names = {}
 
     def resolve(text):
         number, name = re.fullmatch(r"\((\d+)\)(?: (.*))?", text).groups()
         return names.setdefault(number, name)
 
-    total = 0
+    total = comparisons = 0
     caller = callee = None
     is_call = False
     for line in profile:
@@ -43,6 +46,8 @@ def tool_instructions(profile):
             callee = resolve(line[4:])
         elif line.startswith("calls="):
             is_call = True
+            if "libvanid" in callee and "libvanid" not in caller:
+                comparisons += int(line[len("calls="):].split()[0])
         elif re.match(r"[-+*\d]", line):
             cost = int(line.split()[1])
             if not is_call:
@@ -53,12 +58,12 @@ def tool_instructions(profile):
                 total += cost
             callee = caller
             is_call = False
-    return total
+    return total, comparisons
 
 
-def count(build, devices, packets, acknowledge_us):
+def count(build, devices, packets, last_acknowledges_us):
     with tempfile.TemporaryDirectory(prefix="orvin-bench-") as work:
-        bus = buses.write_bus(work, devices, acknowledge_us)
+        bus = buses.write_bus(work, devices, ONE_POLL_US, last_acknowledges_us)
         image = buses.make_image(build, work, packets)
         profile = os.path.join(work, "profile")
         libraries = f"{build}/virtual-time:{build}/lib"
@@ -73,13 +78,14 @@ def count(build, devices, packets, acknowledge_us):
             return tool_instructions(lines)
 
 
-def per_packet(build, devices, acknowledge_us):
-    few, many = (count(build, devices, packets, acknowledge_us) for packets in PACKETS)
-    return (many - few) / (PACKETS[1] - PACKETS[0])
+def per_packet(build, devices, last_acknowledges_us):
+    few, many = (count(build, devices, packets, last_acknowledges_us) for packets in PACKETS)
+    return [(more - less) / (PACKETS[1] - PACKETS[0]) for less, more in zip(few, many)]
 
 
 def measure(build, devices):
-    """The tool's instructions for a packet that is acknowledged at the first poll, and for each poll more."""
-    one_poll = per_packet(build, devices, ONE_POLL_US)
-    more_polls = per_packet(build, devices, TEN_POLLS_MORE_US)
-    return {"devices": devices, "packet": round(one_poll), "poll": round((more_polls - one_poll) / 10)}
+    """The tool's instructions for a packet that is acknowledged at the first poll, and for each further poll."""
+    one_poll, comparisons = per_packet(build, devices, ONE_POLL_US)
+    more_polls, _ = per_packet(build, devices, TEN_POLLS_MORE_US)
+    return {"devices": devices, "packet": round(one_poll), "poll": round((more_polls - one_poll) / 10),
+            "comparisons": round(comparisons)}
