@@ -131,11 +131,11 @@ class Benchmark:
     def memory(self):
         """Peak memory with a bus library that keeps nothing, by the length of the image, in turns."""
         progress("memory")
-        sizes = {"small": 10_000, "large": 40_000_000}
-        peaks = {name: [] for name in sizes}
+        images = {name: buses.make_image(self.build, self.work, size // 64)
+                  for name, size in {"small": 10_000, "large": 40_000_000}.items()}
+        peaks = {name: [] for name in images}
         for _ in range(15):
-            for name, size in sizes.items():
-                image = buses.make_image(self.build, self.work, size // 64)
+            for name, image in images.items():
                 command = ["setarch", "-R", self.program("orvin-firmware-upgrade"), "-B", "-c", "instant", image]
                 peaks[name].append(self.run_measured(command, f"{self.build}/instant:{self.build}/lib", 1)["peak_kb"])
         return {"small_kb": spread(peaks["small"]), "large_kb": spread(peaks["large"]),
