@@ -156,8 +156,9 @@ int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* b
     if (const int fault = dataCalls_.next(description_.data)) {
         return fault;
     }
+    const Microseconds sent = queue_->now();
     return request(id, [&](Device& device) {
-        passPacketTo(device, packet, bytes);
+        passPacketTo(device, packet, bytes, sent);
         return 0;
     });
 }
@@ -175,7 +176,8 @@ std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
     return fault;
 }
 
-void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes) {
+void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
+                       Microseconds sent) {
     const std::optional<PacketFault> fault = takePacketFault(device);
     if (fault && fault->kind == PacketFault::Kind::Lost) {
         return;
@@ -189,8 +191,9 @@ void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t*
         delay += disturbAnswer(device, *fault, *answer);
     }
     for (int i = 1; i <= answer->times; ++i) {
-        after(i * delay,
-              [this, &device, answer] { reportTransferResult(device.description().id, *answer); });
+        queue_->schedule(sent + i * delay, [this, &device, answer] {
+            reportTransferResult(device.description().id, *answer);
+        });
     }
 }
 

@@ -30,6 +30,7 @@ struct Selection {
     bool contains(std::uint32_t number) const {
         return all || (every != 0 && number % every == 0) || numbers.count(number) != 0;
     }
+    bool picksAny() const { return all || every != 0 || !numbers.empty(); }
 };
 
 // Calls that do not end as they should, but with `result`.
@@ -77,6 +78,11 @@ struct DeviceFaults {
     bool neverReturns = false;
     KeepsOldVersion keepsOldVersion = KeepsOldVersion::Never;
     int reportsBack = 1;  // how often the bus reports the device when it comes back
+
+    bool strikePackets() const {
+        return losesPackets.picksAny() || acknowledgesTwice.picksAny() || !goBack.empty() ||
+               !faultResults.empty();
+    }
 };
 
 struct Versions {

@@ -9,7 +9,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::int32_t kNotPartOfImage = 34;  // a packet beyond the announced size
+constexpr std::int32_t kNotPartOfImage = 34;           // a packet beyond the announced size
+constexpr std::uint32_t kReservedBytes = 1024 * 1024;  // an announced size need not be a true one
 
 std::uint32_t packetsOf(std::uint32_t contentSize) {
     return static_cast<std::uint32_t>((std::uint64_t{contentSize} + kPacketBytes - 1) /
@@ -40,7 +41,9 @@ std::uint16_t Device::Transfer::computeChecksum() const {
 }
 
 Device::Device(const MemberDescription& description)
-    : description_(description), versions_(description.versions) {
+    : description_(description),
+      versions_(description.versions),
+      faultsStrikePackets_(description.faults.strikePackets()) {
     for (const GoBack& fault : description_.faults.goBack) {
         goBackTimes_.push_back(fault.times);
     }
@@ -77,6 +80,7 @@ int Device::writeRequest(std::uint32_t target, std::uint32_t contentSize, std::u
     transfer_.target = target;
     transfer_.contentSize = contentSize;
     transfer_.checksum = checksum;
+    transfer_.content.reserve(std::min(contentSize, kReservedBytes));
     return 0;
 }
 
@@ -85,13 +89,16 @@ std::optional<PacketAnswer> Device::receive(std::uint32_t number, const std::uin
         return std::nullopt;
     }
     ++packetsSeen_;
-    if (description_.faults.losesPackets.contains(packetsSeen_)) {
+    if (faultsStrikePackets_ && description_.faults.losesPackets.contains(packetsSeen_)) {
         return std::nullopt;
     }
     if (number >= packetsOf(transfer_.contentSize)) {
         return PacketAnswer{kNotPartOfImage, number, 1};
     }
     keepPacket(number, bytes);
+    if (!faultsStrikePackets_) {
+        return PacketAnswer{kReceivedResult, number, 1};
+    }
     if (const auto answer = faultyAnswer(number)) {
         return answer;
     }

@@ -107,6 +107,7 @@ private:
     std::vector<std::optional<std::uint32_t>> goBackTimes_;  // left, for each of the faults
     std::uint32_t turn_ = 0;
     std::uint32_t packetsSeen_ = 0;
+    const bool faultsStrikePackets_;  // else they are not looked at for every packet
     std::uint32_t installations_ = 0;
     FaultCounter typeQueries_, versionQueries_, writeRequests_, checks_, starts_;
 };
