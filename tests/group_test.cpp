@@ -1,6 +1,10 @@
 #include "group/orvin_group.h"
 
 #include "bus/vanid_text.h"
+#include "core/bus_session.h"
+#include "core/error_info.h"
+#include "image/firmware_image.h"
+#include "status/message_writer.h"
 #include "support/tool_run.h"
 
 namespace {
@@ -11,15 +15,26 @@ vanid_t vanid(int number) {
     return id;
 }
 
-class Group : public testing::Test {
+class Group : public ToolTest {
 protected:
+    Group() { MessageWriter::init(""); }
+
     std::list<std::string> texts() {
         std::list<std::string> out;
         group.getVanidTexts(out);
         return out;
     }
 
-    OrvinGroup group{nullptr, false};
+    // Up to the send, which fails without a bus.
+    void putPacketInFlight() {
+        ErrorInfo error;
+        FirmwareImage image(&error);
+        ASSERT_TRUE(image.open(this->image("arm", kArm)));
+        captureOutput([&] { EXPECT_EQ(group.transferData(image), 135); });
+    }
+
+    BusSession nowhere;
+    OrvinGroup group{&nowhere, false};
 };
 
 TEST_F(Group, RestoresEveryDeviceInTheOrderOfAdding) {
@@ -45,6 +60,30 @@ TEST_F(Group, RestoresEveryDeviceInTheOrderOfAdding) {
     EXPECT_TRUE(group.allAcknowledged());  // both records of device 1, and 3 with the flag it had
     group.clearAcknowledged();
     EXPECT_FALSE(group.allAcknowledged());
+}
+
+TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
+    for (const int number : {1, 2, 1}) {
+        group.addOrvin(orvinId(number));
+    }
+    const auto acknowledgedBy = [&](std::initializer_list<int> numbers) {
+        putPacketInFlight();
+        for (const int number : numbers) {
+            group.onTransferResult(0, vanid(number), 0);
+        }
+        return group.allAcknowledged();
+    };
+    EXPECT_FALSE(acknowledgedBy({1, 3}));
+    EXPECT_FALSE(acknowledgedBy({2}));
+    EXPECT_TRUE(acknowledgedBy({2, 1}));
+    captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
+    EXPECT_FALSE(acknowledgedBy({1}));
+    EXPECT_TRUE(acknowledgedBy({2}));
+    group.restoreFromFullList();
+    EXPECT_FALSE(acknowledgedBy({2}));
+    EXPECT_TRUE(acknowledgedBy({2, 1}));
+    group.addOrvin(orvinId(2));
+    EXPECT_TRUE(acknowledgedBy({2, 1}));
 }
 
 TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {

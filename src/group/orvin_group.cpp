@@ -63,6 +63,7 @@ void OrvinGroup::addOrvin(const std::string& vanidText) {
     {
         ListLock lock(*this);
         orvins.push_back(orvin);
+        reporters.clear();
     }
     FullListLock lock(*this);
     allOrvins.push_back(orvin);
@@ -84,6 +85,7 @@ void OrvinGroup::restoreFromFullList() {
     ListLock lock(*this);
     FullListLock fullLock(*this);
     orvins = allOrvins;
+    reporters.clear();
 }
 
 void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
@@ -153,5 +155,6 @@ bool OrvinGroup::allOnline() {
 }
 
 OrvinGroup::OrvinList::iterator OrvinGroup::eraseMember(OrvinList::iterator member) {
+    reporters.clear();
     return orvins.erase(member);
 }

@@ -7,6 +7,8 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "core/mutex.h"
 #include "talm/talm_api.h"
@@ -119,6 +121,8 @@ private:
 
     void setRestartPendingLocked(const std::string& vanidText, bool value) REQUIRES(listMutex);
 
+    void fillReporters() REQUIRES(listMutex);
+    bool acknowledge(const vanid_t& source) REQUIRES(listMutex);
     OrvinList::iterator applyTransferResult(OrvinList::iterator member, std::int32_t result,
                                             std::uint32_t packet) REQUIRES(listMutex);
     OrvinList::iterator removeForGoingBack(OrvinList::iterator member) REQUIRES(listMutex);
@@ -150,6 +154,9 @@ private:
     Mutex fullListMutex;
     std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
     OrvinList orvins GUARDED_BY(listMutex);
+    // The members of `orvins` that an acknowledgement is about, by the bytes of the identifier that
+    // acknowledges: of every member's identifier, or empty since `orvins` changed.
+    std::unordered_multimap<std::string_view, Orvin*> reporters GUARDED_BY(listMutex);
     OrvinList allOrvins GUARDED_BY(fullListMutex);
     BusSession* const session;
     const bool useMessageFile;

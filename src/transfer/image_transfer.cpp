@@ -180,6 +180,9 @@ bool OrvinGroup::takePacket(const PacketTransfer& transfer) {
     if (packetNumber != transfer.packet) {
         return false;
     }
+    if (reporters.empty()) {
+        fillReporters();
+    }
     clearAcknowledged();
     ++packetNumber;
     return true;
