@@ -21,14 +21,14 @@ using Clock = std::chrono::steady_clock;
 
 // At least two, so that several devices report at the same moment; more than there are processors
 // would stand in each other's way.
-int threadCount() {
-    return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 2U, 4U));
+std::size_t threadCount() {
+    return std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
 }
 
 class RealTimeQueue : public EventQueue {
 public:
     RealTimeQueue() {
-        for (int i = threadCount(); i > 0; --i) {
+        for (std::size_t i = 0; i < threadCount_; ++i) {
             threads_.emplace_back([this] { runEvents(); });
         }
     }
@@ -83,14 +83,30 @@ private:
                 changed_.wait_until(lock, start_ + std::chrono::microseconds(first->first));
                 continue;
             }
-            const Event event = std::move(first->second);
-            events_.erase(first);
+            const std::vector<Event> share = takeShare();
             lock.unlock();
-            event();
+            for (const Event& event : share) {
+                event();
+            }
             lock.lock();
         }
     }
 
+    // What is due, but no more than leaves as much for every other thread. If they took one event
+    // at a time, they would meet at every lock while 63 devices answer.
+    std::vector<Event> takeShare() {
+        std::vector<Event> share(events_.size() / threadCount_ + 1);
+        const Microseconds time = now();
+        std::size_t taken = 0;
+        while (taken < share.size() && !events_.empty() && events_.begin()->first <= time) {
+            share[taken++] = std::move(events_.begin()->second);
+            events_.erase(events_.begin());
+        }
+        share.resize(taken);
+        return share;
+    }
+
+    const std::size_t threadCount_ = threadCount();
     const Clock::time_point start_ = Clock::now();
     std::mutex mutex_;  // guards events_ and stopped_
     std::condition_variable changed_;
