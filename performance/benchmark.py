@@ -34,17 +34,12 @@ class Benchmark:
 
     # ---- transfers ----
 
-    def send(self, devices, acknowledge_us, image, sender):
-        bus = buses.write_bus(self.work, devices, acknowledge_us)
-        run = subprocess.run([self.program("transfer-benchmark"), bus, image, sender], check=True,
+    def round(self, acknowledge_us, image):
+        """One transfer by the tool and one by the floor for each number of devices, all of them in turns."""
+        paths = [buses.write_bus(self.work, devices, acknowledge_us) for devices in DEVICES]
+        run = subprocess.run([self.program("transfer-benchmark"), image, *paths], check=True,
                              stdout=subprocess.PIPE, timeout=TIMEOUT_S)
-        return json.loads(run.stdout)
-
-    def round(self, acknowledge_us, image, number):
-        """A pair of transfers, by tool and by floor, for each number of devices; the order changes."""
-        senders = ("tool", "floor") if number % 2 == 0 else ("floor", "tool")
-        return {devices: {sender: self.send(devices, acknowledge_us, image, sender) for sender in senders}
-                for devices in (DEVICES if number % 2 == 0 else reversed(DEVICES))}
+        return dict(zip(DEVICES, json.loads(run.stdout), strict=True))
 
     def transfers(self):
         image = buses.make_image(self.build, self.work, self.packets)
@@ -53,7 +48,7 @@ class Benchmark:
             rounds = []
             for number in range(self.repeat):
                 progress(f"transfers acknowledged after {delay} us, round {number + 1} of {self.repeat}")
-                rounds.append(self.round(delay, image, number))
+                rounds.append(self.round(delay, image))
             rows += [self.summary(devices, delay, rounds) for devices in DEVICES]
         return rows
 
@@ -68,8 +63,8 @@ class Benchmark:
             "floor_polls_per_packet": spread(floor["polls"] / self.packets for _, floor in pairs),
             "cpu_us_per_packet": spread(tool["cpu"] / self.packets * 1e6 for tool, _ in pairs),
             "cpu_to_floor": spread(tool["cpu"] / floor["cpu"] for tool, floor in pairs),
-            "time_to_one_device": spread(round[devices]["tool"]["wall"] / round[1]["tool"]["wall"]
-                                         for round in rounds),
+            **{f"{sender}_time_to_one_device": spread(round[devices][sender]["wall"] / round[1][sender]["wall"]
+                                                      for round in rounds) for sender in ("tool", "floor")},
         }
 
     # ---- whole upgrades ----
@@ -141,6 +136,10 @@ class Benchmark:
         return {"small_kb": spread(peaks["small"]), "large_kb": spread(peaks["large"]),
                 "ratio": statistics.median(peaks["large"]) / statistics.median(peaks["small"])}
 
+    def instructions(self):
+        progress("instructions")
+        return [instructions.measure(self.build, devices) for devices in DEVICES]
+
     def poll(self):
         runs = [json.loads(subprocess.run([self.program("poll-length")], check=True,
                                           stdout=subprocess.PIPE).stdout) for _ in range(5)]
@@ -149,6 +148,12 @@ class Benchmark:
 
 def progress(text):
     print(text, file=sys.stderr, flush=True)
+
+
+def save(figures, path):
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(figures, file, indent=2)
+        file.write("\n")
 
 
 def spread(values):
@@ -169,15 +174,16 @@ def machine():
 
 def print_tables(results):
     print(f"{results['machine']['processor']}, {results['machine']['cores']} cores, Linux "
-          f"{results['machine']['kernel']}; {results['packets']} packets, {results['repeat']} pairs: median "
+          f"{results['machine']['kernel']}; {results['packets']} packets, {results['repeat']} rounds: median "
           "(least-most)\n")
     print("| acknowledged after | devices | packets/s | of the floor's | polls/packet (floor's) | CPU us/packet "
-          "| CPU, x the floor's | time, x that of 1 device |\n|---|---|---|---|---|---|---|---|")
+          "| CPU, x the floor's | time, x that of 1 device (floor's) |\n|---|---|---|---|---|---|---|---|")
     for row in results["transfers"]:
         print(f"| {row['acknowledge_us'] / 1000:g} ms | {row['devices']} | {show(row['packets_per_second'], '.0f')} "
               f"| {show(row['of_floor'], '.3f')} | {row['polls_per_packet']['median']:.2f} "
               f"({row['floor_polls_per_packet']['median']:.2f}) | {show(row['cpu_us_per_packet'], '.0f')} "
-              f"| {show(row['cpu_to_floor'], '.2f')} | {show(row['time_to_one_device'], '.3f')} |")
+              f"| {show(row['cpu_to_floor'], '.2f')} | {show(row['tool_time_to_one_device'], '.3f')} "
+              f"({row['floor_time_to_one_device']['median']:.3f}) |")
     print("\n| devices | instructions/packet | identifier comparisons/packet | instructions for each further poll |"
           "\n|---|---|---|---|")
     for row in results["instructions"]:
@@ -210,9 +216,7 @@ def check(build, update):
     """Compares the instructions of a fixed transfer with the committed ones. No clock takes part in it."""
     measured = {"of": compiler(), "figures": [instructions.measure(build, devices) for devices in (1, 63)]}
     if update:
-        with open(COMMITTED, "w", encoding="utf-8") as file:
-            json.dump(measured, file, indent=2)
-            file.write("\n")
+        save(measured, COMMITTED)
         return True
     with open(COMMITTED, encoding="utf-8") as file:
         committed = json.load(file)
@@ -224,7 +228,7 @@ def check(build, update):
 
 
 def compare(now, then, figure):
-    more = now[figure] / then[figure] - 1
+    more = (now[figure] - then[figure]) / max(then[figure], 1)
     verdict = "too many" if more > MARGIN else "fewer: ./bench --update" if more < -MARGIN else "as before"
     print(f"{now['devices']} devices, {figure}: {now[figure]}, committed {then[figure]} ({more:+.1%}): {verdict}")
     return more <= MARGIN
@@ -243,13 +247,13 @@ def main():
         return 0 if check(chosen.build, chosen.update) else 1
     with tempfile.TemporaryDirectory(prefix="orvin-bench-") as work:
         benchmark = Benchmark(chosen.build, chosen.packets, chosen.repeat, work)
-        results = {"machine": machine(), "packets": chosen.packets, "repeat": chosen.repeat,
-                   "poll": benchmark.poll(), "memory": benchmark.memory(), "processes": benchmark.processes(),
-                   "instructions": [instructions.measure(chosen.build, devices) for devices in DEVICES],
-                   "upgrades": benchmark.upgrades(), "transfers": benchmark.transfers()}
-    with open(chosen.output, "w", encoding="utf-8") as file:
-        json.dump(results, file, indent=2)
-        file.write("\n")
+        results = {"machine": machine(), "packets": chosen.packets, "repeat": chosen.repeat}
+        for name, measure in (
+                ("poll", benchmark.poll), ("memory", benchmark.memory), ("processes", benchmark.processes),
+                ("instructions", benchmark.instructions), ("upgrades", benchmark.upgrades),
+                ("transfers", benchmark.transfers)):
+            results[name] = measure()
+            save(results, chosen.output)
     print_tables(results)
     return 0
 

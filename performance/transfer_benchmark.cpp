@@ -1,21 +1,22 @@
-// Sends one image on the simulated bus with real threads and in real time, once by the tool's own
-// transfer and once by the barest loop that could do it: the floor that the tool is measured
-// against.
+// Sends one image on simulated buses with real threads and in real time, on each bus once by the
+// tool's own transfer and once by the barest loop that could do it: the floor that the tool is
+// measured against.
 //
-//     transfer-benchmark BUS-FILE IMAGE tool|floor
+//     transfer-benchmark IMAGE BUS-FILE...
 //
-// Prints what it took as one line of JSON.
+// All of them send in turns, so that what is compared was measured in the same minute. Prints what
+// each took, the tool's and the floor's for each bus in the order given, as one line of JSON.
 
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <list>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bus/bus_members.h"
@@ -24,6 +25,7 @@
 #include "core/error_info.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
+#include "performance/turns.h"
 #include "status/message_writer.h"
 #include "transfer/timer_slack.h"
 #include "transfer/transfer_primitives.h"
@@ -32,131 +34,244 @@ namespace {
 
 constexpr std::size_t kPacketBytes = 64;
 constexpr useconds_t kPollMicroseconds = 1'000;
+constexpr std::uint64_t kPacketsPerTurn = 100;
 
-double seconds(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// What the sending thread spent in the bus library, and how often it slept.
-double libraryCpu = 0;
-std::uint64_t polls = 0;
-
-// Wall clock, and processor time of the calling thread without the bus library's.
-class Stopwatch {
-public:
-    double wall() const { return seconds(CLOCK_MONOTONIC) - wall_; }
-    double cpu() const { return seconds(CLOCK_THREAD_CPUTIME_ID) - cpu_ - libraryCpu; }
-
-private:
-    double wall_ = seconds(CLOCK_MONOTONIC);
-    double cpu_ = seconds(CLOCK_THREAD_CPUTIME_ID);
-};
-
-struct Measured {
-    double wall;
-    double cpu;
-};
-
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what);
 }
 
-Measured sendByTool(BusSession& session, const std::list<std::string>& devices,
-                    FirmwareImage& image) {
-    // For good: a callback may still be leaving it.
-    OrvinGroup& group = *new OrvinGroup(&session, false);
-    for (const std::string& device : devices) {
-        group.addOrvin(device);
-    }
-    group.initializeTransfers(image);
-    const Stopwatch watch;
-    const int result = group.transferData(image);
-    const Measured measured{watch.wall(), watch.cpu()};
-    if (result != 0 || group.count() != static_cast<int>(devices.size())) {
-        fail("the transfer failed");
-    }
-    return measured;
-}
+// A clock that can be stopped.
+class Stopwatch {
+public:
+    explicit Stopwatch(clockid_t clock) : clock_(clock) {}
 
-void countAcknowledgement(std::int32_t result, void* counter, vanid_t, vanid_t, std::uint32_t,
-                          std::uint32_t) {
-    if (result == 0) {
-        ++*static_cast<std::atomic<std::uint64_t>*>(counter);
-    }
-}
+    void start() { total_ -= now(); }
+    void stop() { total_ += now(); }
+    double seconds() const { return static_cast<double>(total_) / 1e9; }  // once it is stopped
 
-// The same packets from memory, the same polls, and nothing else.
-void sendFromMemory(const BusSession& session, const std::vector<std::uint8_t>& content,
-                    std::size_t devices, const std::atomic<std::uint64_t>& acknowledged) {
-    const std::size_t packets = content.size() / kPacketBytes;
-    for (std::size_t packet = 0; packet < packets; ++packet) {
-        if (sendChunk(session, broadcastVanid, &content[packet * kPacketBytes],
-                      static_cast<std::uint32_t>(packet)) != kSentToAll) {
-            fail("a packet was refused");
-        }
-        const std::uint64_t expected = devices * (packet + 1);
-        while (acknowledged.load(std::memory_order_acquire) < expected) {
-            usleep(kPollMicroseconds);
-        }
+private:
+    std::int64_t now() const {
+        timespec time{};
+        clock_gettime(clock_, &time);
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
     }
-}
 
-Measured sendByFloor(const BusSession& session, const std::list<std::string>& devices,
-                     FirmwareImage& image) {
-    std::vector<std::uint8_t> content(image.getHeader().contentSize);
-    if (image.read(content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-        fail("the image cannot be read");
-    }
-    for (const std::string& device : devices) {
-        vanid_t id{};
-        if (!parseVanid(id, device) || !initializeTransfer(session, id, image.getHeader())) {
-            fail("the image cannot be announced");
-        }
-    }
-    std::atomic<std::uint64_t> acknowledged{0};
-    const TransferCallback callback = countAcknowledgement;
-    const CallbackSlot slot{reinterpret_cast<void (*)()>(callback), &acknowledged};
-    TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
-    const TimerSlack slack;  // the same waits as the tool's
-    const Stopwatch watch;
-    sendFromMemory(session, content, devices.size(), acknowledged);
-    const Measured measured{watch.wall(), watch.cpu()};
-    const CallbackSlot none{nullptr, nullptr};
-    TalmApiSetCallback(session.handle, 2, 255, 2, &none, 0);
-    return measured;
-}
+    const clockid_t clock_;
+    std::int64_t total_ = 0;  // nanoseconds
+};
 
-Measured send(const std::string& busFile, const std::string& imagePath, bool byTool) {
-    BusSession session;
-    session.handle = TalmApiInitialize();
-    if (TalmApiOpen(session.handle, ("sim:" + busFile).c_str(), 0) != 0) {
+// One transfer on a bus of its own, on a thread of its own.
+class Sender {
+public:
+    Sender(const std::string& busFile, const std::string& imagePath);
+    virtual ~Sender();
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+    // Sends the whole image, in turns with others. Whoever reads the outcome has joined the thread.
+    void run(Turns& turns, std::size_t number);
+    const std::string& failure() const { return failure_; }
+    void print(int file, const char* name) const;
+
+    // The sender of the calling thread, null on any other.
+    static Sender*& current() {
+        static thread_local Sender* sender = nullptr;
+        return sender;
+    }
+
+    void countPoll() { ++polls_; }
+    void startPacket();
+    void enterLibrary() { cpu_.stop(); }
+    void leaveLibrary() { cpu_.start(); }
+
+protected:
+    virtual void send() = 0;
+
+    BusSession session_;
+    std::list<std::string> devices_;
+    ErrorInfo error_;
+    FirmwareImage image_{&error_};
+
+private:
+    Stopwatch wall_{CLOCK_MONOTONIC};
+    Stopwatch cpu_{CLOCK_THREAD_CPUTIME_ID};  // without what is spent in the bus library
+    std::uint64_t polls_ = 0;
+    std::uint64_t packets_ = 0;
+    Turns* turns_ = nullptr;
+    std::size_t number_ = 0;
+    std::string failure_;
+};
+
+Sender::Sender(const std::string& busFile, const std::string& imagePath) {
+    session_.handle = TalmApiInitialize();
+    if (TalmApiOpen(session_.handle, ("sim:" + busFile).c_str(), 0) != 0) {
         fail("the bus cannot be opened");
     }
-    session.open = true;
-    ErrorInfo error;
-    FirmwareImage image(&error);
-    if (!image.open(imagePath)) {
-        fail(error.message.c_str());
+    session_.open = true;
+    if (!image_.open(imagePath)) {
+        fail(error_.message);
     }
-    std::list<std::string> devices;
-    describeBusMembers(session, devices, true);
-    const Measured measured =
-        byTool ? sendByTool(session, devices, image) : sendByFloor(session, devices, image);
-    TalmApiCleanup(session.handle);
-    TalmApiClose(session.handle);
-    return measured;
+    describeBusMembers(session_, devices_, true);
+}
+
+Sender::~Sender() {
+    TalmApiCleanup(session_.handle);
+    TalmApiClose(session_.handle);
+}
+
+void Sender::run(Turns& turns, std::size_t number) {
+    turns_ = &turns;
+    number_ = number;
+    current() = this;
+    turns.begin(number);
+    wall_.start();
+    cpu_.start();
+    try {
+        send();
+    } catch (const std::exception& error) {
+        failure_ = error.what();
+    }
+    cpu_.stop();
+    wall_.stop();
+    turns.leave();
+}
+
+void Sender::startPacket() {
+    if (++packets_ % kPacketsPerTurn != 1 || packets_ == 1) {
+        return;
+    }
+    cpu_.stop();
+    wall_.stop();
+    turns_->pass(number_);
+    wall_.start();
+    cpu_.start();
+}
+
+void Sender::print(int file, const char* name) const {
+    dprintf(file, R"("%s": {"wall": %.9f, "cpu": %.9f, "polls": %llu})", name, wall_.seconds(),
+            cpu_.seconds(), static_cast<unsigned long long>(polls_));
+}
+
+class ToolSender : public Sender {
+public:
+    ToolSender(const std::string& busFile, const std::string& imagePath)
+        : Sender(busFile, imagePath) {
+        for (const std::string& device : devices_) {
+            group_.addOrvin(device);
+        }
+        group_.initializeTransfers(image_);
+    }
+
+private:
+    void send() override {
+        const int result = group_.transferData(image_);
+        if (result != 0 || group_.count() != static_cast<int>(devices_.size())) {
+            fail("the tool's transfer failed");
+        }
+    }
+
+    // For good: a callback may still be leaving it.
+    OrvinGroup& group_ = *new OrvinGroup(&session_, false);
+};
+
+// The same packets from memory, the same polls, and nothing else.
+class FloorSender : public Sender {
+public:
+    FloorSender(const std::string& busFile, const std::string& imagePath)
+        : Sender(busFile, imagePath), content_(image_.getHeader().contentSize) {
+        if (image_.read(content_.data(), content_.size()) !=
+            static_cast<ssize_t>(content_.size())) {
+            fail("the image cannot be read");
+        }
+        for (const std::string& device : devices_) {
+            vanid_t id{};
+            if (!parseVanid(id, device) || !initializeTransfer(session_, id, image_.getHeader())) {
+                fail("the image cannot be announced");
+            }
+        }
+        const TransferCallback callback = countAcknowledgement;
+        setCallback({reinterpret_cast<void (*)()>(callback), &acknowledged_});
+    }
+
+    ~FloorSender() override { setCallback({nullptr, nullptr}); }
+
+private:
+    static void countAcknowledgement(std::int32_t result, void* counter, vanid_t, vanid_t,
+                                     std::uint32_t, std::uint32_t) {
+        if (result == 0) {
+            ++*static_cast<std::atomic<std::uint64_t>*>(counter);
+        }
+    }
+
+    void setCallback(const CallbackSlot& slot) {
+        TalmApiSetCallback(session_.handle, 2, 255, 2, &slot, 0);
+    }
+
+    void send() override {
+        const TimerSlack slack;  // the same waits as the tool's
+        const std::size_t packets = content_.size() / kPacketBytes;
+        for (std::size_t packet = 0; packet < packets; ++packet) {
+            if (sendChunk(session_, broadcastVanid, &content_[packet * kPacketBytes],
+                          static_cast<std::uint32_t>(packet)) != kSentToAll) {
+                fail("a packet of the floor's was refused");
+            }
+            const std::uint64_t expected = devices_.size() * (packet + 1);
+            while (acknowledged_.load(std::memory_order_acquire) < expected) {
+                usleep(kPollMicroseconds);
+            }
+        }
+    }
+
+    std::vector<std::uint8_t> content_;
+    std::atomic<std::uint64_t> acknowledged_{0};
+};
+
+using Senders = std::vector<std::unique_ptr<Sender>>;
+
+void sendInTurns(const Senders& senders) {
+    Turns turns(senders.size());
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < senders.size(); ++i) {
+        threads.emplace_back([&, i] { senders[i]->run(turns, i); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const auto& sender : senders) {
+        if (!sender->failure().empty()) {
+            fail(sender->failure());
+        }
+    }
+}
+
+void measure(const std::string& imagePath, const std::vector<std::string>& busFiles, int report) {
+    Senders senders;
+    for (const std::string& busFile : busFiles) {
+        senders.push_back(std::make_unique<ToolSender>(busFile, imagePath));
+        senders.push_back(std::make_unique<FloorSender>(busFile, imagePath));
+    }
+    sendInTurns(senders);
+    for (std::size_t i = 0; i < senders.size(); i += 2) {
+        dprintf(report, i == 0 ? "[{" : ", {");
+        senders[i]->print(report, "tool");
+        dprintf(report, ", ");
+        senders[i + 1]->print(report, "floor");
+        dprintf(report, "}");
+    }
+    dprintf(report, "]\n");
 }
 
 }  // namespace
 
-// The linker sends the calls of both senders through these.
+// The linker sends the calls of all senders through these. It is the linker's option --wrap, too,
+// that asks for such names: NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 int __real_usleep(useconds_t duration);
 int __wrap_usleep(useconds_t duration) {
-    ++polls;
+    if (Sender* const sender = Sender::current()) {
+        sender->countPoll();
+    }
     return __real_usleep(duration);
 }
 
@@ -166,17 +281,20 @@ int __real_ImageTransfer_data(TalmApiHandle handle, vanid_t device, std::uint32_
 int __wrap_ImageTransfer_data(TalmApiHandle handle, vanid_t device, std::uint32_t packetNumber,
                               const std::uint8_t* data, std::uint32_t* first,
                               std::uint32_t* second) {
-    const double before = seconds(CLOCK_THREAD_CPUTIME_ID);
+    Sender& sender = *Sender::current();
+    sender.startPacket();
+    sender.enterLibrary();
     const int result = __real_ImageTransfer_data(handle, device, packetNumber, data, first, second);
-    libraryCpu += seconds(CLOCK_THREAD_CPUTIME_ID) - before;
+    sender.leaveLibrary();
     return result;
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::fputs("Usage: transfer-benchmark BUS-FILE IMAGE tool|floor\n", stderr);
+    if (argc < 3) {
+        std::fputs("Usage: transfer-benchmark IMAGE BUS-FILE...\n", stderr);
         return 2;
     }
     // The tool's progress goes where it costs what a write costs, and disturbs nobody.
@@ -186,9 +304,7 @@ int main(int argc, char** argv) {
     }
     MessageWriter::init("");
     try {
-        const Measured measured = send(argv[1], argv[2], std::strcmp(argv[3], "tool") == 0);
-        dprintf(report, "{\"wall\": %.9f, \"cpu\": %.9f, \"polls\": %llu}\n", measured.wall,
-                measured.cpu, static_cast<unsigned long long>(polls));
+        measure(argv[1], {argv + 2, argv + argc}, report);
         return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "transfer-benchmark: %s\n", error.what());
