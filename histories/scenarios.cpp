@@ -6,6 +6,7 @@
 
 #include "histories/memory_system.h"
 #include "orvin-image/image_file.h"
+#include "sim/device.h"
 #include "sim/identifier.h"
 
 namespace histories {
@@ -77,7 +78,6 @@ std::vector<int> failures(Call call) {
         return {-1, 0, 1000};
     case Call::Info:
     case Call::Check:
-        return {-1, -2, 5};
     case Call::WriteRequest:
     case Call::Start:
         return {-1, -2, 5};
@@ -208,7 +208,7 @@ ImageFile randomImage(Dice& dice, const std::string& name) {
         makeImage(name, target, dice.oneIn(8) ? kOldVersion : kNewVersion, 12 + dice.below(900));
     if (dice.oneIn(12)) {
         image.content.clear();
-        image.bytes.resize(dice.below(2) * 40);  // a broken file, or none
+        image.bytes.resize(dice.below(2) * std::size_t{40});  // a broken file, or none
     }
     return image;
 }
@@ -245,9 +245,10 @@ std::vector<std::string> randomArguments(Dice& dice, const Scenario& scenario) {
 }  // namespace
 
 std::vector<Scenario> baseScenarios() {
-    const ImageFile arm = makeImage("arm", kArm, kNewVersion, 64 * 3 + 20);
-    const ImageFile dsp = makeImage("dsp", kDsp, kNewVersion, 64 * 2);
-    const ImageFile booster = makeImage("booster", kBoosterArm, kNewVersion, 64 * 2 + 1);
+    const ImageFile arm = makeImage("arm", kArm, kNewVersion, 3 * sim::kPacketBytes + 20);
+    const ImageFile dsp = makeImage("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes);
+    const ImageFile booster =
+        makeImage("booster", kBoosterArm, kNewVersion, 2 * sim::kPacketBytes + 1);
     const ImageFile same = makeImage("same", kArm, kOldVersion, 100);
 
     std::vector<Scenario> scenarios = {
