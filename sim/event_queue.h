@@ -12,14 +12,15 @@ using Event = std::function<void()>;
 
 // The clock of a simulated bus, and what is to happen on it. Events run in the order of their
 // times, those of the same time in the order in which they were scheduled; with several threads of
-// its own the queue may run several at once. An event may schedule others.
+// its own the queue may run several at once, and those that are due together in any order: an event
+// that blocks may hold up some of the others then. An event may schedule others.
 class EventQueue {
 public:
     // Stops.
     virtual ~EventQueue() = default;
 
-    // Once it returns no event runs any more; those still waiting, and any scheduled later, are
-    // dropped. Not to be called from an event. The clock goes on.
+    // Once it returns no event runs any more; those that no thread has taken yet, and any
+    // scheduled later, are dropped. Not to be called from an event. The clock goes on.
     virtual void stop() = 0;
 
     virtual Microseconds now() const = 0;

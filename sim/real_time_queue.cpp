@@ -83,26 +83,26 @@ private:
                 changed_.wait_until(lock, start_ + std::chrono::microseconds(first->first));
                 continue;
             }
-            const std::vector<Event> share = takeShare();
+            std::vector<Event> share = takeShare();
             lock.unlock();
             for (const Event& event : share) {
                 event();
             }
+            share.clear();
             lock.lock();
         }
     }
 
-    // What is due, but no more than leaves as much for every other thread. If they took one event
-    // at a time, they would meet at every lock while 63 devices answer.
+    // This thread's part of what is due, when every other thread gets as much. If they took one
+    // event at a time, they would meet at every lock while 63 devices answer.
     std::vector<Event> takeShare() {
-        std::vector<Event> share(events_.size() / threadCount_ + 1);
-        const Microseconds time = now();
-        std::size_t taken = 0;
-        while (taken < share.size() && !events_.empty() && events_.begin()->first <= time) {
-            share[taken++] = std::move(events_.begin()->second);
+        const auto due = std::distance(events_.begin(), events_.upper_bound(now()));
+        const auto count = (static_cast<std::size_t>(due) + threadCount_ - 1) / threadCount_;
+        std::vector<Event> share(count);
+        for (Event& event : share) {
+            event = std::move(events_.begin()->second);
             events_.erase(events_.begin());
         }
-        share.resize(taken);
         return share;
     }
 
