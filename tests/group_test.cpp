@@ -3,6 +3,7 @@
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
 #include "core/error_info.h"
+#include "core/exit_status.h"
 #include "image/firmware_image.h"
 #include "status/message_writer.h"
 #include "support/tool_run.h"
@@ -30,7 +31,7 @@ protected:
         ErrorInfo error;
         FirmwareImage image(&error);
         ASSERT_TRUE(image.open(this->image("arm", kArm)));
-        captureOutput([&] { EXPECT_EQ(group.transferData(image), 135); });
+        captureOutput([&] { EXPECT_EQ(group.transferData(image), exit_status::kSendFailed); });
     }
 
     BusSession nowhere;
@@ -76,14 +77,30 @@ TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
     EXPECT_FALSE(acknowledgedBy({1, 3}));
     EXPECT_FALSE(acknowledgedBy({2}));
     EXPECT_TRUE(acknowledgedBy({2, 1}));
-    captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
-    EXPECT_FALSE(acknowledgedBy({1}));
-    EXPECT_TRUE(acknowledgedBy({2}));
-    group.restoreFromFullList();
-    EXPECT_FALSE(acknowledgedBy({2}));
-    EXPECT_TRUE(acknowledgedBy({2, 1}));
     group.addOrvin(orvinId(2));
     EXPECT_TRUE(acknowledgedBy({2, 1}));
+
+    putPacketInFlight();
+    captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
+    group.onTransferResult(0, vanid(1), 0);
+    group.onTransferResult(0, vanid(2), 0);
+    EXPECT_TRUE(group.allAcknowledged());
+    group.restoreFromFullList();
+    EXPECT_FALSE(group.allAcknowledged()) << "a device that was dropped acknowledges nothing";
+}
+
+TEST_F(Group, CountsAnAcknowledgementForARecordThatCameBack) {
+    group.addOrvin(orvinId(1));
+    putPacketInFlight();
+    group.onTransferResult(0, vanid(1), 0);
+    group.addOrvin(orvinId(1));
+    captureOutput([&] { group.removeUnacknowledged(); });
+    EXPECT_EQ(group.count(), 1);
+    putPacketInFlight();
+    group.restoreFromFullList();
+    putPacketInFlight();
+    group.onTransferResult(0, vanid(1), 0);
+    EXPECT_TRUE(group.allAcknowledged());
 }
 
 TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {

@@ -66,15 +66,16 @@ void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
     if (result == kPacketReceived && acknowledge(source)) {
         return;
     }
-    // To the end of the list: the same device may have been added twice.
+    // Another result, or a device that `reporters` does not know: it is empty just after a removal,
+    // and the device may be none of ours. To the end of the list: one may have been added twice.
     for (auto member = orvins.begin(); member != orvins.end();) {
         const bool reports = vanid_equal(&(*member)->vanid, &source) != 0;
         member = reports ? applyTransferResult(member, result, packet) : std::next(member);
     }
 }
 
-// Every device acknowledges every packet. Held against the whole list each time, that would be
-// 3969 comparisons for a packet to 63 devices. On the main thread: callbacks allocate nothing.
+// Comparing every acknowledgement with every device would be 3969 calls into the library for a
+// packet to 63 devices. For the main thread: callbacks are not to allocate.
 void OrvinGroup::fillReporters() {
     for (const auto& source : orvins) {
         if (reporters.count(bytesOf(source->vanid)) != 0) {

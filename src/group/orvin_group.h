@@ -116,6 +116,14 @@ public:
 private:
     using OrvinList = std::list<boost::shared_ptr<Orvin>>;
 
+    // Not std::hash itself: the standard library takes that for slow and would rather walk through
+    // a table of up to 20.
+    struct BytesHash {
+        std::size_t operator()(std::string_view bytes) const {
+            return std::hash<std::string_view>()(bytes);
+        }
+    };
+
     // Unlinks the device and returns its successor.
     OrvinList::iterator eraseMember(OrvinList::iterator member) REQUIRES(listMutex);
 
@@ -155,8 +163,9 @@ private:
     std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
     OrvinList orvins GUARDED_BY(listMutex);
     // The members of `orvins` that an acknowledgement is about, by the bytes of the identifier that
-    // acknowledges: of every member's identifier, or empty since `orvins` changed.
-    std::unordered_multimap<std::string_view, Orvin*> reporters GUARDED_BY(listMutex);
+    // acknowledges: of every member's identifier, or empty since `orvins` changed. The records in
+    // `orvins` are what the pointers and views lead to.
+    std::unordered_multimap<std::string_view, Orvin*, BytesHash> reporters GUARDED_BY(listMutex);
     OrvinList allOrvins GUARDED_BY(fullListMutex);
     BusSession* const session;
     const bool useMessageFile;
