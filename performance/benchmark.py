@@ -38,7 +38,7 @@ class Benchmark:
         """One transfer by the tool and one by the floor for each number of devices, all of them in turns."""
         paths = [buses.write_bus(self.work, devices, acknowledge_us) for devices in DEVICES]
         run = subprocess.run([self.program("transfer-benchmark"), image, *paths], check=True,
-                             stdout=subprocess.PIPE, timeout=TIMEOUT_S)
+                             stdout=subprocess.PIPE, timeout=TIMEOUT_S + self.packets / 10)
         return dict(zip(DEVICES, json.loads(run.stdout), strict=True))
 
     def transfers(self):

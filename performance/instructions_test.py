@@ -5,7 +5,7 @@ import unittest
 import instructions
 
 # The tool (50 itself) calls the bus library (7), which calls back into the tool (20), which asks the identifier
-# library (3) four times and libc (11) once. Names are given once and then by their number.
+# library four times (3 each) and libc (14) once. Names are given once and then by their number.
 PROFILE = """
 # callgrind format
 positions: line

@@ -4,8 +4,8 @@
 //
 //     transfer-benchmark IMAGE BUS-FILE...
 //
-// All of them send in turns, so that what is compared was measured in the same minute. Prints what
-// each took, the tool's and the floor's for each bus in the order given, as one line of JSON.
+// All of them send in turns, so that what is compared was measured within a second or two. Prints
+// what each took, the tool's and the floor's for each bus in the order given, as one line of JSON.
 
 #include <unistd.h>
 
@@ -34,7 +34,7 @@ namespace {
 
 constexpr std::size_t kPacketBytes = 64;
 constexpr useconds_t kPollMicroseconds = 1'000;
-constexpr std::uint64_t kPacketsPerTurn = 100;
+constexpr std::uint64_t kSendsPerTurn = 100;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what);
@@ -80,7 +80,7 @@ public:
     }
 
     void countPoll() { ++polls_; }
-    void startPacket();
+    void startSend();
     void enterLibrary() { cpu_.stop(); }
     void leaveLibrary() { cpu_.start(); }
 
@@ -96,7 +96,7 @@ private:
     Stopwatch wall_{CLOCK_MONOTONIC};
     Stopwatch cpu_{CLOCK_THREAD_CPUTIME_ID};  // without what is spent in the bus library
     std::uint64_t polls_ = 0;
-    std::uint64_t packets_ = 0;
+    std::uint64_t sends_ = 0;
     Turns* turns_ = nullptr;
     std::size_t number_ = 0;
     std::string failure_;
@@ -136,8 +136,8 @@ void Sender::run(Turns& turns, std::size_t number) {
     turns.leave();
 }
 
-void Sender::startPacket() {
-    if (++packets_ % kPacketsPerTurn != 1 || packets_ == 1) {
+void Sender::startSend() {
+    if (++sends_ % kSendsPerTurn != 1 || sends_ == 1) {
         return;
     }
     cpu_.stop();
@@ -282,7 +282,7 @@ int __wrap_ImageTransfer_data(TalmApiHandle handle, vanid_t device, std::uint32_
                               const std::uint8_t* data, std::uint32_t* first,
                               std::uint32_t* second) {
     Sender& sender = *Sender::current();
-    sender.startPacket();
+    sender.startSend();
     sender.enterLibrary();
     const int result = __real_ImageTransfer_data(handle, device, packetNumber, data, first, second);
     sender.leaveLibrary();
