@@ -117,7 +117,7 @@ private:
     using OrvinList = std::list<boost::shared_ptr<Orvin>>;
 
     // Not std::hash itself: the standard library takes that for slow and would rather walk through
-    // a table of up to 20.
+    // a table of up to 20. Not noexcept: it would compute the hashes of what it holds again.
     struct BytesHash {
         std::size_t operator()(std::string_view bytes) const {
             return std::hash<std::string_view>()(bytes);
