@@ -152,15 +152,23 @@ int Bus::writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t con
 }
 
 int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes) {
-    const Lock lock(mutex_);
-    if (const int fault = dataCalls_.next(description_.data)) {
-        return fault;
+    std::vector<TimedEvent> answers;
+    int result = 0;
+    {
+        const Lock lock(mutex_);
+        answers.reserve(devices_.size());
+        if (const int fault = dataCalls_.next(description_.data)) {
+            return fault;
+        }
+        const Microseconds sent = queue_->now();
+        result = request(id, [&](Device& device) {
+            passPacketTo(device, packet, bytes, sent, answers);
+            return 0;
+        });
     }
-    const Microseconds sent = queue_->now();
-    return request(id, [&](Device& device) {
-        passPacketTo(device, packet, bytes, sent);
-        return 0;
-    });
+    // The bus is free again: reporting an answer takes its lock.
+    queue_->schedule(std::move(answers));
+    return result;
 }
 
 std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
@@ -177,7 +185,7 @@ std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
 }
 
 void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                       Microseconds sent) {
+                       Microseconds sent, std::vector<TimedEvent>& answers) {
     const std::optional<PacketFault> fault = takePacketFault(device);
     if (fault && fault->kind == PacketFault::Kind::Lost) {
         return;
@@ -191,9 +199,9 @@ void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t*
         delay += disturbAnswer(device, *fault, *answer);
     }
     for (int i = 1; i <= answer->times; ++i) {
-        queue_->schedule(sent + i * delay, [this, &device, answer] {
-            reportTransferResult(device.description().id, *answer);
-        });
+        answers.push_back({sent + i * delay, [this, &device, answer] {
+                               reportTransferResult(device.description().id, *answer);
+                           }});
     }
 }
 
@@ -386,7 +394,7 @@ void Bus::reportBusChange(const vanid_t& member, std::uint32_t event) {
 }
 
 void Bus::after(Microseconds delay, Event event) {
-    queue_->schedule(queue_->now() + delay, std::move(event));
+    queue_->schedule({{queue_->now() + delay, std::move(event)}});
 }
 
 std::shared_ptr<Bus> openBusFile(const std::string& path) {

@@ -93,9 +93,10 @@ private:
     std::optional<PacketFault> takePacketFault(const Device& device);
     Microseconds answerDelay(const Device& device);
     Microseconds disturbAnswer(Device& device, const PacketFault& fault, PacketAnswer& answer);
-    // `sent`: a packet to all devices reaches them at the same moment, however many they are.
+    // Appends the device's answers. `sent`: a packet to all devices reaches them at the same
+    // moment, however many they are.
     void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                      Microseconds sent);
+                      Microseconds sent, std::vector<TimedEvent>& answers);
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
     void finishInstallation(Device& device, std::uint32_t turn);

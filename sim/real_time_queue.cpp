@@ -55,16 +55,18 @@ public:
         std::this_thread::sleep_for(std::chrono::microseconds(duration));
     }
 
-    void schedule(Microseconds when, Event event) override {
-        bool isFirst = false;
+    void schedule(std::vector<TimedEvent> events) override {
+        bool hasNewFirst = false;
         {
             const std::lock_guard<std::mutex> lock(mutex_);
-            const auto entry = events_.emplace(when, std::move(event));
-            isFirst = entry == events_.begin();
+            for (TimedEvent& each : events) {
+                const auto entry = events_.emplace(each.when, std::move(each.event));
+                hasNewFirst = hasNewFirst || entry == events_.begin();
+            }
         }
         // No idle thread waits for longer than until the first event: whoever makes an event the
         // first one wakes them all.
-        if (isFirst) {
+        if (hasNewFirst) {
             changed_.notify_all();
         }
     }

@@ -31,10 +31,13 @@ public:
 
     void sleep(Microseconds duration) override { VirtualTime::instance().advance(duration); }
 
-    void schedule(Microseconds when, Event event) override {
-        if (!stopped_) {
-            VirtualTime::instance().events_.emplace(when,
-                                                    VirtualTime::Entry{this, std::move(event)});
+    void schedule(std::vector<TimedEvent> events) override {
+        if (stopped_) {
+            return;
+        }
+        for (TimedEvent& each : events) {
+            VirtualTime::instance().events_.emplace(
+                each.when, VirtualTime::Entry{this, std::move(each.event)});
         }
     }
 
