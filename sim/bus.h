@@ -86,6 +86,13 @@ public:
 private:
     using Lock = std::lock_guard<std::mutex>;
 
+    struct Answer {
+        Microseconds due;
+        const Device* device;
+        PacketAnswer answer;
+    };
+    using Answers = std::vector<Answer>;
+
     bool isLinkUp() const;
     Device* find(const vanid_t& id);
     Device* findOnBus(const vanid_t& id);
@@ -96,7 +103,8 @@ private:
     // Appends the device's answers. `sent`: a packet to all devices reaches them at the same
     // moment, however many they are.
     void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                      Microseconds sent, std::vector<TimedEvent>& answers);
+                      Microseconds sent, Answers& answers);
+    void scheduleReports(const std::shared_ptr<const Answers>& answers);
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
     void finishInstallation(Device& device, std::uint32_t turn);

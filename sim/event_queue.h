@@ -16,10 +16,9 @@ struct TimedEvent {
     Event event;
 };
 
-// The clock of a simulated bus, and what is to happen on it. Events run in the order of their
+// The clock of a simulated bus, and what is to happen on it. Events start in the order of their
 // times, those of the same time in the order in which they were scheduled; with several threads of
-// its own the queue may run several at once, and those that are due together in any order: an event
-// that blocks may hold up some of the others then. An event may schedule others.
+// its own the queue may run several at once. An event may schedule others.
 class EventQueue {
 public:
     // Stops.

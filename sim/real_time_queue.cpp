@@ -33,7 +33,7 @@ std::size_t threadCount() {
 class RealTimeQueue : public EventQueue {
 public:
     RealTimeQueue() {
-        for (std::size_t i = 0; i < threadCount_; ++i) {
+        for (std::size_t i = 0; i < threadCount(); ++i) {
             threads_.emplace_back([this] { runEvents(); });
         }
     }
@@ -85,12 +85,12 @@ private:
                 rest(lock);
                 continue;
             }
-            std::vector<Event> share = takeShare();
+            const auto first = events_.begin();
+            Event event = std::move(first->second);
+            events_.erase(first);
             lock.unlock();
-            for (const Event& event : share) {
-                event();
-            }
-            share.clear();
+            event();
+            event = nullptr;
             lock.lock();
         }
     }
@@ -120,20 +120,6 @@ private:
         lock.lock();
     }
 
-    // This thread's part of what is due, when every other thread gets as much. If they took one
-    // event at a time, they would meet at every lock while 63 devices answer.
-    std::vector<Event> takeShare() {
-        const auto due = std::distance(events_.begin(), events_.upper_bound(now()));
-        const auto count = (static_cast<std::size_t>(due) + threadCount_ - 1) / threadCount_;
-        std::vector<Event> share(count);
-        for (Event& event : share) {
-            event = std::move(events_.begin()->second);
-            events_.erase(events_.begin());
-        }
-        return share;
-    }
-
-    const std::size_t threadCount_ = threadCount();
     const Clock::time_point start_ = Clock::now();
     std::mutex mutex_;  // guards events_ and stopped_
     std::condition_variable changed_;
