@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint32_t kJoined = 0;
 constexpr std::uint32_t kLeft = 1;
 constexpr std::uint32_t kLastWord = 0;
-constexpr std::size_t kReportsAtOnce = 4;
+constexpr std::size_t kReportParts = 4;
 constexpr vanid_t kController{};  // the second identifier of a transfer result
 
 const char* targetName(std::uint32_t target) {
@@ -153,37 +153,37 @@ int Bus::writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t con
 }
 
 int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes) {
-    const auto answers = std::make_shared<Answers>();
+    const auto reports = std::make_shared<Reports>();
+    reports->reserve(isBroadcast(id) ? devices_.size() : 1);
     int result = 0;
     {
         const Lock lock(mutex_);
-        answers->reserve(devices_.size());
         if (const int fault = dataCalls_.next(description_.data)) {
             return fault;
         }
         const Microseconds sent = queue_->now();
         result = request(id, [&](Device& device) {
-            passPacketTo(device, packet, bytes, sent, *answers);
+            passPacketTo(device, packet, bytes, sent, *reports);
             return 0;
         });
     }
-    scheduleReports(answers);
+    scheduleReports(reports);
     return result;
 }
 
-// In a few parts: several devices report at once, and the call takes hardly longer for 63 devices
-// than for one. A callback that blocks holds up the others of its part. Called without the lock,
-// which a report takes.
-void Bus::scheduleReports(const std::shared_ptr<const Answers>& answers) {
-    const std::size_t partSize = (answers->size() + kReportsAtOnce - 1) / kReportsAtOnce;
+// In about kReportParts events instead of one for each answer, whose memory would cost the call
+// time; in more when reports are due at different times. Several threads report at once; a callback
+// that blocks holds up the rest of its part. Called without the lock, which a report takes.
+void Bus::scheduleReports(const std::shared_ptr<const Reports>& reports) {
+    const std::size_t partSize = (reports->size() + kReportParts - 1) / kReportParts;
     std::vector<TimedEvent> events;
-    for (auto first = answers->begin(); first != answers->end();) {
-        const auto sameTime = [first](const Answer& each) { return each.due == first->due; };
-        const auto left = static_cast<std::size_t>(answers->end() - first);
+    for (auto first = reports->begin(); first != reports->end();) {
+        const auto sameTime = [first](const Report& each) { return each.due == first->due; };
+        const auto left = static_cast<std::size_t>(reports->end() - first);
         const auto limit = first + static_cast<std::ptrdiff_t>(std::min(partSize, left));
         const auto last = std::find_if_not(first, limit, sameTime);
-        events.push_back({first->due, [this, answers, first, last] {
-                              std::for_each(first, last, [this](const Answer& each) {
+        events.push_back({first->due, [this, reports, first, last] {
+                              std::for_each(first, last, [this](const Report& each) {
                                   reportTransferResult(each.device->description().id, each.answer);
                               });
                           }});
@@ -206,7 +206,7 @@ std::optional<PacketFault> Bus::takePacketFault(const Device& device) {
 }
 
 void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                       Microseconds sent, Answers& answers) {
+                       Microseconds sent, Reports& reports) {
     const std::optional<PacketFault> fault = takePacketFault(device);
     if (fault && fault->kind == PacketFault::Kind::Lost) {
         return;
@@ -220,7 +220,7 @@ void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t*
         delay += disturbAnswer(device, *fault, *answer);
     }
     for (int i = 1; i <= answer->times; ++i) {
-        answers.push_back({sent + i * delay, &device, *answer});
+        reports.push_back({sent + i * delay, &device, *answer});
     }
 }
 

@@ -86,12 +86,12 @@ public:
 private:
     using Lock = std::lock_guard<std::mutex>;
 
-    struct Answer {
+    struct Report {
         Microseconds due;
         const Device* device;
         PacketAnswer answer;
     };
-    using Answers = std::vector<Answer>;
+    using Reports = std::vector<Report>;
 
     bool isLinkUp() const;
     Device* find(const vanid_t& id);
@@ -100,11 +100,11 @@ private:
     std::optional<PacketFault> takePacketFault(const Device& device);
     Microseconds answerDelay(const Device& device);
     Microseconds disturbAnswer(Device& device, const PacketFault& fault, PacketAnswer& answer);
-    // Appends the device's answers. `sent`: a packet to all devices reaches them at the same
+    // Appends what the device answers. `sent`: a packet to all devices reaches them at the same
     // moment, however many they are.
     void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                      Microseconds sent, Answers& answers);
-    void scheduleReports(const std::shared_ptr<const Answers>& answers);
+                      Microseconds sent, Reports& reports);
+    void scheduleReports(const std::shared_ptr<const Reports>& reports);
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
     void finishInstallation(Device& device, std::uint32_t turn);

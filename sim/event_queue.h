@@ -16,9 +16,10 @@ struct TimedEvent {
     Event event;
 };
 
-// The clock of a simulated bus, and what is to happen on it. Events start in the order of their
+// The clock of a simulated bus, and what is to happen on it. Events are taken in the order of their
 // times, those of the same time in the order in which they were scheduled; with several threads of
-// its own the queue may run several at once. An event may schedule others.
+// its own the queue may run several at once, and a later one may overtake. An event may schedule
+// others.
 class EventQueue {
 public:
     // Stops.
@@ -30,7 +31,7 @@ public:
 
     virtual Microseconds now() const = 0;
     virtual void sleep(Microseconds duration) = 0;
-    // Several at once are one disturbance for the threads that wait.
+    // Several at once wake the waiting threads only once.
     virtual void schedule(std::vector<TimedEvent> events) = 0;
 };
 

@@ -33,7 +33,8 @@ std::size_t threadCount() {
 class RealTimeQueue : public EventQueue {
 public:
     RealTimeQueue() {
-        for (std::size_t i = 0; i < threadCount(); ++i) {
+        const std::size_t count = threadCount();
+        for (std::size_t i = 0; i < count; ++i) {
             threads_.emplace_back([this] { runEvents(); });
         }
     }
@@ -78,11 +79,11 @@ public:
 
 private:
     void runEvents() {
-        keepTime();
+        setUpScheduling();
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stopped_) {
             if (events_.empty() || events_.begin()->first > now()) {
-                rest(lock);
+                awaitNextEvent(lock);
                 continue;
             }
             const auto first = events_.begin();
@@ -95,17 +96,17 @@ private:
         }
     }
 
-    // Answers come when they are due, but never by taking the processor from the thread that is
-    // just sending: whether one without delay is there when the call returns would otherwise be up
-    // to the scheduler.
-    static void keepTime() {
-        const sched_param none{};
-        sched_setscheduler(0, SCHED_BATCH, &none);
+    // Batch threads do not preempt the sender when they are woken, so that it is less up to the
+    // scheduler whether an answer without delay is there when the call returns. On a busy machine
+    // answers are later for it.
+    static void setUpScheduling() {
+        const sched_param priority{};  // 0, as the policy wants it
+        sched_setscheduler(0, SCHED_BATCH, &priority);
         prctl(PR_SET_TIMERSLACK, 1UL);
     }
 
-    // Until something may be due, or is stopped.
-    void rest(std::unique_lock<std::mutex>& lock) {
+    // Returns when an event may be due or the queue was stopped; maybe earlier.
+    void awaitNextEvent(std::unique_lock<std::mutex>& lock) {
         if (events_.empty()) {
             changed_.wait(lock);
             return;

@@ -132,6 +132,10 @@ TEST_F(Threads, ReportsComeSeveralAtOnceAndNeverOnTheCallersThread) {
         std::fill_n(everybody.bytes, sizeof everybody.bytes, std::uint8_t{0xff});
         ASSERT_EQ(ImageTransfer_data(session.handle, everybody, number, packet, &ignored, &ignored),
                   -2);
+        std::unique_lock<std::mutex> lock(reports.mutex);
+        EXPECT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(5), [&] {
+            return reports.threads.size() > 1;
+        })) << "those to the first packet do not come side by side";
     }
     {
         std::unique_lock<std::mutex> lock(reports.mutex);
