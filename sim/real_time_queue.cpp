@@ -96,9 +96,9 @@ private:
         }
     }
 
-    // Batch threads do not preempt the sender when they are woken, so that it is less up to the
-    // scheduler whether an answer without delay is there when the call returns. On a busy machine
-    // answers are later for it.
+    // Batch threads do not preempt the sender when they are woken. Otherwise the scheduler would
+    // decide for each packet whether an answer without delay is there when the call returns; now it
+    // nearly never is, even where a processor is idle, and on a busy machine it is later still.
     static void setUpScheduling() {
         const sched_param priority{};  // 0, as the policy wants it
         sched_setscheduler(0, SCHED_BATCH, &priority);

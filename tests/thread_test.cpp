@@ -8,12 +8,14 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
 #include "core/error_info.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
+#include "sim/event_queue.h"
 #include "status/message_writer.h"
 #include "support/bus_builder.h"
 #include "support/files.h"
@@ -89,6 +91,36 @@ TEST_F(Threads, TransferTo63DevicesThatAllReportAtOnce) {
     const std::string content = readText(directory / "image").substr(36);
     EXPECT_EQ(readText(directory / ("store/" + orvinId(1) + ".arm")), content);
     EXPECT_EQ(readText(directory / ("store/" + orvinId(7) + ".arm")), content);
+}
+
+// The queue wakes early, which must not make an answer earlier than the bus file says.
+TEST(RealTimeQueue, RunsAllThatIsScheduledAndNothingBeforeItsTime) {
+    constexpr int kEvents = 40;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+    int early = 0;
+    const auto queue = sim::makeEventQueue();
+    std::vector<sim::TimedEvent> events;
+    const sim::Microseconds start = queue->now();
+    for (int number = 1; number <= kEvents; ++number) {
+        const sim::Microseconds when = start + sim::Microseconds{70} * number;
+        events.push_back({when, [&, when] {
+                              const bool isEarly = queue->now() < when;
+                              const std::lock_guard<std::mutex> lock(mutex);
+                              early += isEarly ? 1 : 0;
+                              ++count;
+                              changed.notify_all();
+                          }});
+    }
+    queue->schedule(std::move(events));
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        EXPECT_TRUE(
+            changed.wait_for(lock, std::chrono::seconds(60), [&] { return count == kEvents; }));
+    }
+    queue->stop();
+    EXPECT_EQ(early, 0);
 }
 
 // Meets on the callers' threads: a report waits until another one is there at the same time.
