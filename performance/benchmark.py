@@ -19,6 +19,7 @@ DEVICES = (1, 10, 63)
 ACKNOWLEDGE_US = (0, 300, 2000)
 UPGRADE_PACKETS = 2_000
 PEERS = {"dfu-util": "--version", "stm32flash": "-h", "avrdude": "-?"}
+SMALLEST = "print-character (C++ library)"
 LISTING = "orvin-firmware-upgrade -l, 63 members"
 TIMEOUT_S = 600
 COMMITTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "instructions.json")
@@ -113,6 +114,7 @@ class Benchmark:
         bus = buses.write_bus(self.work, 63, 300)
         commands = {"orvin-firmware-upgrade -v": ([tool, "-v"], instant)}
         commands.update((f"{peer} {option}", ([peer, option], "")) for peer, option in PEERS.items())
+        commands[SMALLEST] = ([self.program("print-character")], "")
         runs = {name: [] for name in commands}
         for _ in range(50):
             for name, (command, libraries) in commands.items():
@@ -138,7 +140,8 @@ class Benchmark:
 
     def instructions(self):
         progress("instructions")
-        return [instructions.measure(self.build, devices) for devices in DEVICES]
+        return [{**instructions.measure(self.build, devices),
+                 "floor": instructions.measure(self.build, devices, instructions.FLOOR)} for devices in DEVICES]
 
     def poll(self):
         runs = [json.loads(subprocess.run([self.program("poll-length")], check=True,
@@ -184,12 +187,14 @@ def print_tables(results):
               f"({row['floor_polls_per_packet']['median']:.2f}) | {show(row['cpu_us_per_packet'], '.0f')} "
               f"| {show(row['cpu_to_floor'], '.2f')} | {show(row['tool_time_to_one_device'], '.3f')} "
               f"({row['floor_time_to_one_device']['median']:.3f}) |")
-    print("\n| devices | instructions/packet | identifier comparisons/packet | instructions for each further poll |"
-          "\n|---|---|---|---|")
+    print("\n| devices | instructions/packet | x the floor's | identifier comparisons/packet "
+          "| instructions for each further poll | x the floor's |\n|---|---|---|---|---|---|")
     for row in results["instructions"]:
-        print(f"| {row['devices']} | {row['packet']} | {row['comparisons']} | {row['poll']} |")
+        floor = row["floor"]
+        print(f"| {row['devices']} | {row['packet']} | {row['packet'] / floor['packet']:.1f} | {row['comparisons']} "
+              f"| {row['poll']} | {row['poll'] / floor['poll']:.1f} |")
     print("\n| process | CPU ms | peak memory kB | shared libraries | stripped bytes |\n|---|---|---|---|---|")
-    peers = [row for row in results["processes"] if not row["name"].startswith("orvin")]
+    peers = [row for row in results["processes"] if row["name"].split()[0] in PEERS]
     least = {figure: min(row[figure]["median"] for row in peers) for figure in ("cpu_us", "peak_kb")}
     smallest = min(row["stripped_bytes"] for row in peers)
     for row in results["processes"]:
@@ -197,7 +202,7 @@ def print_tables(results):
         print(f"| `{row['name']}` | {show(cpu, '.2f')}, x {row['cpu_us']['median'] / least['cpu_us']:.2f} "
               f"| {show(row['peak_kb'], '.0f')}, x {row['peak_kb']['median'] / least['peak_kb']:.2f} "
               f"| {row['libraries']} | {row['stripped_bytes']}, x {row['stripped_bytes'] / smallest:.2f} |")
-    print("\n(x: that of the least of the three others)")
+    print("\n(x: that of the least of the three other updaters)")
     upgrades, memory, poll = results["upgrades"], results["memory"], results["poll"]
     print(f"\nA poll of 1000 us takes {show(poll['usual'], '.0f')} us with the usual timer slack, "
           f"{show(poll['transfer'], '.0f')} us with that of a transfer.")

@@ -1,7 +1,8 @@
-"""Instructions that the tool executes in a transfer, counted by callgrind in virtual time.
+"""Instructions that the tool or the floor executes in a transfer, counted by callgrind in virtual time.
 
-They are the same on every run of the same build. The bus libraries' share is left out: what the calls into them
-cost is taken off, and what their callbacks cost in the tool is added again.
+No clock takes part. On every run of the same build they are the same to half a per cent: where the programs stand
+and how long their paths are moves a little of it. The bus libraries' share is left out: what the calls into them
+cost is taken off, and what their callbacks cost in the program is added again.
 """
 
 import os
@@ -11,6 +12,7 @@ import tempfile
 
 import buses
 
+TOOL, FLOOR = "orvin-firmware-upgrade", "floor-transfer"
 PACKETS = (100, 400)  # the difference leaves out everything but the packets
 ONE_POLL_US = 300
 TEN_POLLS_MORE_US = 10_300  # of the last device: each further poll walks past all others
@@ -20,11 +22,11 @@ def is_bus_library(name):
     return "libtalm-api-v2" in name or "libvanid" in name
 
 
-def is_tool(name):
-    return name.endswith("/orvin-firmware-upgrade")
+def is_program(name):
+    return name.endswith((f"/{TOOL}", f"/{FLOOR}"))
 
 
-def tool_instructions(profile):
+def program_instructions(profile):
     """Of a callgrind profile, which has costs by object, and for each call the inclusive cost of the callee.
 
     Also how often the identifier library was called.
@@ -54,38 +56,39 @@ def tool_instructions(profile):
                 total += cost
             elif is_bus_library(callee) and not is_bus_library(caller):
                 total -= cost
-            elif is_tool(callee) and is_bus_library(caller):
+            elif is_program(callee) and is_bus_library(caller):
                 total += cost
             callee = caller
             is_call = False
     return total, comparisons
 
 
-def count(build, devices, packets, last_acknowledges_us):
+def count(build, program, devices, packets, last_acknowledges_us):
     with tempfile.TemporaryDirectory(prefix="orvin-bench-") as work:
         bus = buses.write_bus(work, devices, ONE_POLL_US, last_acknowledges_us)
         image = buses.make_image(build, work, packets)
         profile = os.path.join(work, "profile")
         libraries = f"{build}/virtual-time:{build}/lib"
+        arguments, status = {TOOL: (["-B", "-c", f"sim:{bus}", image], devices), FLOOR: ([image, bus], 0)}[program]
         run = subprocess.run(
-            ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={profile}",
-             f"{build}/bin/orvin-firmware-upgrade", "-B", "-c", f"sim:{bus}", image],
+            ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={profile}", f"{build}/bin/{program}",
+             *arguments],
             env={"LD_LIBRARY_PATH": libraries, "LC_ALL": "C", "PATH": os.environ["PATH"]},
             stdout=subprocess.DEVNULL, check=False)
-        if run.returncode != devices:
-            raise RuntimeError(f"the upgrade of {devices} devices ended with {run.returncode}")
+        if run.returncode != status:
+            raise RuntimeError(f"{program} with {devices} devices ended with {run.returncode}")
         with open(profile, encoding="utf-8", errors="replace") as lines:
-            return tool_instructions(lines)
+            return program_instructions(lines)
 
 
-def per_packet(build, devices, last_acknowledges_us):
-    few, many = (count(build, devices, packets, last_acknowledges_us) for packets in PACKETS)
+def per_packet(build, program, devices, last_acknowledges_us):
+    few, many = (count(build, program, devices, packets, last_acknowledges_us) for packets in PACKETS)
     return [(more - less) / (PACKETS[1] - PACKETS[0]) for less, more in zip(few, many)]
 
 
-def measure(build, devices):
-    """The tool's instructions for a packet that is acknowledged at the first poll, and for each further poll."""
-    one_poll, comparisons = per_packet(build, devices, ONE_POLL_US)
-    more_polls, _ = per_packet(build, devices, TEN_POLLS_MORE_US)
+def measure(build, devices, program=TOOL):
+    """The instructions for a packet that is acknowledged at the first poll, and for each further poll."""
+    one_poll, comparisons = per_packet(build, program, devices, ONE_POLL_US)
+    more_polls, _ = per_packet(build, program, devices, TEN_POLLS_MORE_US)
     return {"devices": devices, "packet": round(one_poll), "poll": round((more_polls - one_poll) / 10),
             "comparisons": round(comparisons)}

@@ -47,7 +47,7 @@ fn=(5)
 
 class Instructions(unittest.TestCase):
     def test_leave_out_the_bus_libraries_and_keep_what_they_call_back(self):
-        total, comparisons = instructions.tool_instructions(PROFILE)
+        total, comparisons = instructions.program_instructions(PROFILE)
         self.assertEqual(total, 50 + 20 + 14)
         self.assertEqual(comparisons, 4)
 

@@ -9,31 +9,24 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <ctime>
-#include <list>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "bus/bus_members.h"
-#include "bus/vanid_text.h"
-#include "core/bus_session.h"
 #include "core/error_info.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
+#include "performance/floor.h"
+#include "performance/measured_bus.h"
 #include "performance/turns.h"
 #include "status/message_writer.h"
-#include "transfer/timer_slack.h"
-#include "transfer/transfer_primitives.h"
 
 namespace {
 
-constexpr std::size_t kPacketBytes = 64;
-constexpr useconds_t kPollMicroseconds = 1'000;
 constexpr std::uint64_t kSendsPerTurn = 100;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -64,7 +57,7 @@ private:
 class Sender {
 public:
     Sender(const std::string& busFile, const std::string& imagePath);
-    virtual ~Sender();
+    virtual ~Sender() = default;
     Sender(const Sender&) = delete;
     Sender& operator=(const Sender&) = delete;
 
@@ -87,8 +80,7 @@ public:
 protected:
     virtual void send() = 0;
 
-    BusSession session_;
-    std::list<std::string> devices_;
+    MeasuredBus bus_;
     ErrorInfo error_;
     FirmwareImage image_{&error_};
 
@@ -102,21 +94,10 @@ private:
     std::string failure_;
 };
 
-Sender::Sender(const std::string& busFile, const std::string& imagePath) {
-    session_.handle = TalmApiInitialize();
-    if (TalmApiOpen(session_.handle, ("sim:" + busFile).c_str(), 0) != 0) {
-        fail("the bus cannot be opened");
-    }
-    session_.open = true;
+Sender::Sender(const std::string& busFile, const std::string& imagePath) : bus_(busFile) {
     if (!image_.open(imagePath)) {
         fail(error_.message);
     }
-    describeBusMembers(session_, devices_, true);
-}
-
-Sender::~Sender() {
-    TalmApiCleanup(session_.handle);
-    TalmApiClose(session_.handle);
 }
 
 void Sender::run(Turns& turns, std::size_t number) {
@@ -156,7 +137,7 @@ class ToolSender : public Sender {
 public:
     ToolSender(const std::string& busFile, const std::string& imagePath)
         : Sender(busFile, imagePath) {
-        for (const std::string& device : devices_) {
+        for (const std::string& device : bus_.devices) {
             group_.addOrvin(device);
         }
         group_.initializeTransfers(image_);
@@ -165,65 +146,24 @@ public:
 private:
     void send() override {
         const int result = group_.transferData(image_);
-        if (result != 0 || group_.count() != static_cast<int>(devices_.size())) {
+        if (result != 0 || group_.count() != static_cast<int>(bus_.devices.size())) {
             fail("the tool's transfer failed");
         }
     }
 
     // For good: a callback may still be leaving it.
-    OrvinGroup& group_ = *new OrvinGroup(&session_, false);
+    OrvinGroup& group_ = *new OrvinGroup(&bus_.session, false);
 };
 
-// The same packets from memory, the same polls, and nothing else.
 class FloorSender : public Sender {
 public:
     FloorSender(const std::string& busFile, const std::string& imagePath)
-        : Sender(busFile, imagePath), content_(image_.getHeader().contentSize) {
-        if (image_.read(content_.data(), content_.size()) !=
-            static_cast<ssize_t>(content_.size())) {
-            fail("the image cannot be read");
-        }
-        for (const std::string& device : devices_) {
-            vanid_t id{};
-            if (!parseVanid(id, device) || !initializeTransfer(session_, id, image_.getHeader())) {
-                fail("the image cannot be announced");
-            }
-        }
-        const TransferCallback callback = countAcknowledgement;
-        setCallback({reinterpret_cast<void (*)()>(callback), &acknowledged_});
-    }
-
-    ~FloorSender() override { setCallback({nullptr, nullptr}); }
+        : Sender(busFile, imagePath), floor_(bus_, image_) {}
 
 private:
-    static void countAcknowledgement(std::int32_t result, void* counter, vanid_t, vanid_t,
-                                     std::uint32_t, std::uint32_t) {
-        if (result == 0) {
-            ++*static_cast<std::atomic<std::uint64_t>*>(counter);
-        }
-    }
+    void send() override { floor_.send(); }
 
-    void setCallback(const CallbackSlot& slot) {
-        TalmApiSetCallback(session_.handle, 2, 255, 2, &slot, 0);
-    }
-
-    void send() override {
-        const TimerSlack slack;  // the same waits as the tool's
-        const std::size_t packets = content_.size() / kPacketBytes;
-        for (std::size_t packet = 0; packet < packets; ++packet) {
-            if (sendChunk(session_, broadcastVanid, &content_[packet * kPacketBytes],
-                          static_cast<std::uint32_t>(packet)) != kSentToAll) {
-                fail("a packet of the floor's was refused");
-            }
-            const std::uint64_t expected = devices_.size() * (packet + 1);
-            while (acknowledged_.load(std::memory_order_acquire) < expected) {
-                usleep(kPollMicroseconds);
-            }
-        }
-    }
-
-    std::vector<std::uint8_t> content_;
-    std::atomic<std::uint64_t> acknowledged_{0};
+    Floor floor_;
 };
 
 using Senders = std::vector<std::unique_ptr<Sender>>;
