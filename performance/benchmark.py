@@ -19,7 +19,7 @@ DEVICES = (1, 10, 63)
 ACKNOWLEDGE_US = (0, 300, 2000)
 UPGRADE_PACKETS = 2_000
 PEERS = {"dfu-util": "--version", "stm32flash": "-h", "avrdude": "-?"}
-SMALLEST = "print-character (C++ library)"
+CPP_PROGRAM = "print-character (C++ library)"
 LISTING = "orvin-firmware-upgrade -l, 63 members"
 TIMEOUT_S = 600
 COMMITTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "instructions.json")
@@ -108,13 +108,13 @@ class Benchmark:
         return {"libraries": len(re.findall(r"=> /", loaded)), "stripped_bytes": os.path.getsize(stripped)}
 
     def processes(self):
-        """Start-up of the tool and of its peers in turns; the tool's with bus libraries that need nothing."""
+        """Start-up of the tool, its peers and a C++ program in turns; the tool's with bus libraries that need nothing."""
         progress("start-up and listing")
         tool, instant = self.program("orvin-firmware-upgrade"), f"{self.build}/instant:{self.build}/lib"
         bus = buses.write_bus(self.work, 63, 300)
         commands = {"orvin-firmware-upgrade -v": ([tool, "-v"], instant)}
         commands.update((f"{peer} {option}", ([peer, option], "")) for peer, option in PEERS.items())
-        commands[SMALLEST] = ([self.program("print-character")], "")
+        commands[CPP_PROGRAM] = ([self.program("print-character")], "")
         runs = {name: [] for name in commands}
         for _ in range(50):
             for name, (command, libraries) in commands.items():

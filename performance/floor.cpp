@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::size_t kPacketBytes = 64;
 constexpr useconds_t kPollMicroseconds = 1'000;
 
 void countAcknowledgement(std::int32_t result, void* counter, vanid_t, vanid_t, std::uint32_t,
@@ -49,9 +48,9 @@ Floor::~Floor() {
 
 void Floor::send() {
     const TimerSlack slack;  // the same waits as the tool's
-    const std::size_t packets = content_.size() / kPacketBytes;
+    const std::size_t packets = content_.size() / ImageChunkSize;
     for (std::size_t packet = 0; packet < packets; ++packet) {
-        if (sendChunk(bus_.session, broadcastVanid, &content_[packet * kPacketBytes],
+        if (sendChunk(bus_.session, broadcastVanid, &content_[packet * ImageChunkSize],
                       static_cast<std::uint32_t>(packet)) != kSentToAll) {
             throw std::runtime_error("a packet of the floor's was refused");
         }

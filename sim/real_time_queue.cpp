@@ -20,8 +20,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A virtual machine takes 20 to 90 us to wake a thread, which would make every answer as much later
-// than the bus file says.
+// A virtual machine takes 20 to 90 us to wake a thread, which would make every answer that much
+// later than the bus file says.
 constexpr Microseconds kWakesEarly = 100;
 
 // At least two, so that several devices report at the same moment; more than there are processors
@@ -102,7 +102,7 @@ private:
     static void setUpScheduling() {
         const sched_param priority{};  // 0, as the policy wants it
         sched_setscheduler(0, SCHED_BATCH, &priority);
-        prctl(PR_SET_TIMERSLACK, 1UL);
+        prctl(PR_SET_TIMERSLACK, 1UL);  // the kernel adds up to 50 us to a wait otherwise
     }
 
     // Returns when an event may be due or the queue was stopped; maybe earlier.
