@@ -51,6 +51,9 @@ VirtualTime& VirtualTime::instance() {
 }
 
 void VirtualTime::advance(Microseconds duration) {
+    if (beforeSleep_) {
+        beforeSleep_(duration);
+    }
     const Microseconds end = now_ + duration;
     if (end > limit_) {
         throw TimeLimitReached();

@@ -1,8 +1,10 @@
 #ifndef SIM_VIRTUAL_TIME_H
 #define SIM_VIRTUAL_TIME_H
 
+#include <functional>
 #include <limits>
 #include <map>
+#include <utility>
 
 #include "sim/event_queue.h"
 
@@ -24,6 +26,11 @@ public:
     // Throws TimeLimitReached when that would go beyond the limit.
     void advance(Microseconds duration);
 
+    // Runs before each sleep of the program; none if empty. A reset leaves it.
+    void beforeSleep(std::function<void(Microseconds duration)> look) {
+        beforeSleep_ = std::move(look);
+    }
+
     // For programs that must not hang on what they run. A reset takes it back.
     void setLimit(Microseconds limit) { limit_ = limit; }
 
@@ -39,6 +46,7 @@ private:
         Event event;
     };
 
+    std::function<void(Microseconds)> beforeSleep_;
     Microseconds now_ = 0;
     Microseconds limit_ = kNoLimit;
     std::multimap<Microseconds, Entry> events_;

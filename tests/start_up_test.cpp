@@ -43,7 +43,7 @@ TEST_F(StartUp, TakesAPositiveResultOfOpeningForSuccess) {
 }
 
 TEST_F(StartUp, EndsWithoutAMessageWriterAndClosesTheSession) {
-    SystemHooks::instance().mutexInitFails = true;
+    SystemHooks::instance().failingMutexInit = 1;
     const ToolRun run = this->run({"-l"});
     EXPECT_EQ(run.exitStatus, 128);
     EXPECT_TRUE(run.printed("\nCoult not initialize message writer!\n"));

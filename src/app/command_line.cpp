@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
+#include "core/console.h"
 #include "core/exit_status.h"
 #include "core/run_config.h"
 
@@ -79,18 +79,16 @@ bool parseCommandLine(RunConfig& config, int argc, char** argv) {
 
 void printUsage(const RunConfig& config) {
     const char* program = basename(config.programPath);  // the GNU form: leaves its argument alone
-    std::cout << "Usage:" << std::endl;
-    std::cout << "> List:             "
-              << "  " << program << " -l -c <connection>" << std::endl;
-    std::cout << "> Update:           "
-              << "  " << program << "    -c <connection> -d <orvin vanid> <image file(s)>"
-              << std::endl;
-    std::cout << "> Broadcast Update: "
-              << "  " << program << "    -c <connection> -B <image file(s)>" << std::endl;
-    std::cout << "\n"
-              << "  Options:\n"
-              << "    -D  print debug output\n"
-              << "    -p  pretend; only list Orvins that would be updated\n"
-              << "    -m  <msgfile> write update status messages to given file\n"
-              << "    -f  upgrade even when update and device versions match" << std::endl;
+    printLine("Usage:");
+    printLine("> List:               %s -l -c <connection>", program);
+    printLine("> Update:             %s    -c <connection> -d <orvin vanid> <image file(s)>",
+              program);
+    printLine("> Broadcast Update:   %s    -c <connection> -B <image file(s)>", program);
+    printLine(
+        "\n"
+        "  Options:\n"
+        "    -D  print debug output\n"
+        "    -p  pretend; only list Orvins that would be updated\n"
+        "    -m  <msgfile> write update status messages to given file\n"
+        "    -f  upgrade even when update and device versions match");
 }

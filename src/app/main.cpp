@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "app/run.h"
+#include "core/console.h"
 #include "core/run_config.h"
 
 namespace {
@@ -29,17 +30,17 @@ void secureOutput() {
 
 void setUpMessageCatalogue() {
     if (const char* locale = setlocale(LC_ALL, "")) {
-        printf("Using locale %s\n", locale);
+        printLine("Using locale %s", locale);
     } else {
         fputs("Could not retrieve system locale settings!\n", stderr);
     }
     if (const char* directory = bindtextdomain(kTextDomain, getenv("TEXTDOMAINDIR"))) {
-        printf("Using locales from %s\n", directory);
+        printLine("Using locales from %s", directory);
     } else {
         fputs("Could not bind text domain! Messages will not betranslated.\n", stderr);
     }
     if (const char* domain = textdomain(kTextDomain)) {
-        printf("Using text domain %s\n", domain);
+        printLine("Using text domain %s", domain);
     } else {
         fputs("Could not setup text domain! Messages will not be translated.\n", stderr);
     }

@@ -3,7 +3,6 @@
 #include <libintl.h>
 #include <unistd.h>
 
-#include <iostream>
 #include <list>
 #include <stdexcept>
 #include <string>
@@ -14,6 +13,7 @@
 #include "bus/link_state.h"
 #include "bus/listing.h"
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "core/exit_status.h"
 #include "core/run_config.h"
 #include "status/message_writer.h"
@@ -39,7 +39,7 @@ BusSession& newSession(ErrorInfo& error) {
 void useDefaultConnection(RunConfig& config) {
     config.connection = defaultConnection;
     if (config.debug) {
-        std::cout << "No connnection specified, defaulting to " << config.connection << std::endl;
+        printLine("No connnection specified, defaulting to %s", config.connection.c_str());
     }
 }
 
@@ -73,24 +73,24 @@ int runMode(RunConfig& config) {
 }
 
 int reportSessionFailure(const RunConfig& config, const ErrorInfo& error) {
-    std::cout << "Failed to initialize lumnet lib on " << config.connection << std::endl;
-    std::cout << "Error: " << error.message << std::endl;
+    printLine("Failed to initialize lumnet lib on %s", config.connection.c_str());
+    printLine("Error: %s", error.message.c_str());
     return exit_status::kBusSessionFailed;
 }
 
 // From the open session to the mode's result. The writer stays when the link never comes.
 int runOnBus(RunConfig& config) {
-    std::cout << "Waiting for bus to become ACTIVE..." << std::endl;
+    printLine("Waiting for bus to become ACTIVE...");
     // TRANSLATORS: Lumnet is the name of the field bus.
     MessageWriter::instance()->write(gettext("Waiting for Lumnet bus to become active..."));
     if (!waitForActiveLink(*config.session)) {
-        std::cout << "Bus not ACTIVE, exiting." << std::endl;
+        printLine("Bus not ACTIVE, exiting.");
         // TRANSLATORS: the upgrade has ended without having begun.
         MessageWriter::instance()->write(gettext("Lumnet bus not active, please try again later!"));
         closeSession(*config.session);
         return exit_status::kLinkInactive;
     }
-    std::cout << "Bus ACTIVE, proceeding." << std::endl;
+    printLine("Bus ACTIVE, proceeding.");
     usleep(kSettleMicroseconds);
 
     const int result = runMode(config);
@@ -103,7 +103,7 @@ int runOnBus(RunConfig& config) {
 
 int run(RunConfig& config, int argc, char** argv) {
     config.programPath = argc > 0 ? argv[0] : "";
-    std::cout << ">> Orvin Firmware upgrade v" << kVersion << std::endl;
+    printLine(">> Orvin Firmware upgrade v%s", kVersion);
     config.listDevices = config.queryVersion = config.broadcast = config.force = false;
     if (!parseCommandLine(config, argc, argv)) {
         printUsage(config);
@@ -119,7 +119,7 @@ int run(RunConfig& config, int argc, char** argv) {
         return reportSessionFailure(config, error);
     }
     if (!createMessageWriter(config.messageFile)) {
-        std::cout << "Coult not initialize message writer!" << std::endl;
+        printLine("Coult not initialize message writer!");
         closeSession(session);
         return exit_status::kNoMessageWriter;
     }

@@ -1,7 +1,5 @@
 #include "bus/listing.h"
 
-#include <iomanip>
-#include <iostream>
 #include <list>
 #include <string>
 
@@ -9,16 +7,17 @@
 #include "bus/device_versions.h"
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "core/exit_status.h"
 #include "core/run_config.h"
 
 int listMode(const RunConfig& config) {
     std::list<std::string> lines;
     describeBusMembers(*config.session, lines, false);
-    std::cout << "Available devices:" << std::endl;
+    printLine("Available devices:");
     int number = 0;
     for (const std::string& line : lines) {
-        std::cout << std::setw(2) << ++number << ")  " << line << std::endl;
+        printLine("%2d)  %s", ++number, line.c_str());
     }
     return exit_status::kSuccess;
 }
@@ -26,15 +25,15 @@ int listMode(const RunConfig& config) {
 int versionMode(const RunConfig& config) {
     vanid_t id{};
     if (!parseVanid(id, config.targetVanid)) {
-        std::cout << "Error: invalid vanid: " << config.targetVanid << std::endl;
+        printLine("Error: invalid vanid: %s", config.targetVanid.c_str());
         return exit_status::kVersionQueryFailed;
     }
     DeviceVersions versions;
     if (!getVersion(*config.session, id, versions)) {
-        std::cout << "Error while reading orvin version" << std::endl;
+        printLine("Error while reading orvin version");
         return exit_status::kVersionQueryFailed;
     }
-    std::cout << std::hex << versions.hw << ' ' << versions.arm << ' ' << versions.dsp << ' '
-              << versions.api << ' ' << versions.name << std::dec << std::endl;
+    printLine("%x %x %x %x %s", versions.hw, versions.arm, versions.dsp, unsigned{versions.api},
+              versions.name.c_str());
     return exit_status::kSuccess;
 }

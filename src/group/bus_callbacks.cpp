@@ -1,9 +1,8 @@
 // What the bus library reports to the group, on threads of its own, and the removal of the devices
 // of which it reports nothing.
 
-#include <cstdio>
-
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "group/list_lock.h"
 #include "group/orvin_group.h"
 
@@ -110,8 +109,8 @@ OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::itera
     }
     if (result == kGoBack) {
         if (packetNumber > packet) {
-            printf("Go back in fw: cur: %d new: %d\n", static_cast<int>(packetNumber),
-                   static_cast<int>(packet));
+            printLine("Go back in fw: cur: %d new: %d", static_cast<int>(packetNumber),
+                      static_cast<int>(packet));
             packetNumber = packet;
             if (++orvin.goBackRequests >= kMaxGoBackRequests) {
                 return removeForGoingBack(member);
@@ -121,16 +120,16 @@ OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::itera
         return std::next(member);
     }
     setRestartPendingLocked(orvin.vanidText, false);
-    printf("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)\n", orvin.vanidText.c_str(),
-           result, static_cast<unsigned>(result));
+    printLine("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)", orvin.vanidText.c_str(),
+              result, static_cast<unsigned>(result));
     return eraseMember(member);
 }
 
 OrvinGroup::OrvinList::iterator OrvinGroup::removeForGoingBack(OrvinList::iterator member) {
     const Orvin& orvin = **member;
     setRestartPendingLocked(orvin.vanidText, false);
-    printf("\nRemoving Orvin %s due to endless go back (%d requests)\n", orvin.vanidText.c_str(),
-           orvin.goBackRequests);
+    printLine("\nRemoving Orvin %s due to endless go back (%d requests)", orvin.vanidText.c_str(),
+              orvin.goBackRequests);
     return eraseMember(member);
 }
 
@@ -142,7 +141,7 @@ void OrvinGroup::removeUnacknowledged() {
             continue;
         }
         setRestartPendingLocked((*member)->vanidText, false);
-        printf("\nRemoving Orvin %s due to timeout\n", (*member)->vanidText.c_str());
+        printLine("\nRemoving Orvin %s due to timeout", (*member)->vanidText.c_str());
         member = eraseMember(member);
     }
 }

@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
-#include <iostream>
 
 #include "bus/device_versions.h"
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "group/list_lock.h"
 
 namespace {
@@ -20,10 +20,10 @@ constexpr useconds_t kPauseAfterAnswerMicroseconds = 500'000;
 OrvinGroup::OrvinGroup(BusSession* busSession, bool messageFileInUse)
     : session(busSession), useMessageFile(messageFileInUse) {
     if (listMutex.init(Mutex::Kind::Recursive) != 0) {
-        std::cout << "Could not initialize Orvin list mutex!" << std::endl;
+        printLine("Could not initialize Orvin list mutex!");
     }
     if (fullListMutex.init(Mutex::Kind::Default) != 0) {
-        std::cout << "Could not initialize Orvin full list mutex!" << std::endl;
+        printLine("Could not initialize Orvin full list mutex!");
     }
 }
 
@@ -34,25 +34,25 @@ OrvinGroup::~OrvinGroup() {
 
 void OrvinGroup::lockList() NO_THREAD_SAFETY_ANALYSIS {
     if (listMutex.lock() != 0) {
-        std::cout << "Could not lock Orvin list mutex!" << std::endl;
+        printLine("Could not lock Orvin list mutex!");
     }
 }
 
 void OrvinGroup::unlockList() {
     if (listMutex.unlock() != 0) {
-        std::cout << "Could not unlock Orvin list mutex!" << std::endl;
+        printLine("Could not unlock Orvin list mutex!");
     }
 }
 
 void OrvinGroup::lockFullList() NO_THREAD_SAFETY_ANALYSIS {
     if (fullListMutex.lock() != 0) {
-        std::cout << "Could not lock Orvin full list mutex!" << std::endl;
+        printLine("Could not lock Orvin full list mutex!");
     }
 }
 
 void OrvinGroup::unlockFullList() {
     if (fullListMutex.unlock() != 0) {
-        std::cout << "Could not unlock Orvin full list mutex!" << std::endl;
+        printLine("Could not unlock Orvin full list mutex!");
     }
 }
 
@@ -113,6 +113,10 @@ void OrvinGroup::resetRejoinState() {
 
 void OrvinGroup::clearAcknowledged() {
     ListLock lock(*this);
+    clearAcknowledgedLocked();
+}
+
+void OrvinGroup::clearAcknowledgedLocked() {
     for (const auto& orvin : orvins) {
         orvin->acknowledged = false;
     }

@@ -25,7 +25,8 @@ struct PacketTransfer;
 // device list can be restored for the next image. Records are not unique: adding an identifier
 // twice gives two.
 //
-// Locks: `listMutex` first, then `fullListMutex`; never the other way round. All operations are the
+// Locks: `listMutex` first, then `fullListMutex`; never the other way round. No operation takes a
+// mutex that it holds: one whose initialisation failed is not recursive. All operations are the
 // main thread's, but for onTransferResult and markRejoined, which come on the library's threads.
 //
 // The group outlives its callbacks: one that is still running when it is cleared takes a moment to
@@ -56,22 +57,22 @@ public:
     void lockFullList() ACQUIRE(fullListMutex);
     void unlockFullList() RELEASE(fullListMutex);
 
-    void addOrvin(const std::string& vanidText);
-    int count();
-    void getVanidTexts(std::list<std::string>& out);  // appends
-    void restoreFromFullList();                       // leaves the records' flags alone
-    void setRestartPending(const std::string& vanidText, bool value);
-    void resetRejoinState();
-    void clearAcknowledged();
-    bool allAcknowledged();
-    bool allRejoined();
+    void addOrvin(const std::string& vanidText) EXCLUDES(listMutex);
+    int count() EXCLUDES(listMutex);
+    void getVanidTexts(std::list<std::string>& out) EXCLUDES(listMutex);  // appends
+    void restoreFromFullList() EXCLUDES(listMutex);  // leaves the records' flags alone
+    void setRestartPending(const std::string& vanidText, bool value) EXCLUDES(listMutex);
+    void resetRejoinState() EXCLUDES(listMutex);
+    void clearAcknowledged() EXCLUDES(listMutex);
+    bool allAcknowledged() EXCLUDES(listMutex);
+    bool allRejoined() EXCLUDES(listMutex);
 
     // Counts a device as reported back, each report anew. Callback threads.
-    void markRejoined(const vanid_t& id);
+    void markRejoined(const vanid_t& id) EXCLUDES(listMutex);
 
     // Whether every device answers the version query with a DSP version other than 0. Holds
     // listMutex for the whole scan, with a pause of 0.5 s after each answer.
-    bool allOnline();
+    bool allOnline() EXCLUDES(listMutex);
 
     // ---- transfer results, bus changes and silent devices (bus_callbacks.cpp) ----
 
@@ -81,9 +82,10 @@ public:
     void clearBusChangeCallback();
 
     // What the device `source` made of a packet. Callback threads.
-    void onTransferResult(std::int32_t result, const vanid_t& source, std::uint32_t packet);
+    void onTransferResult(std::int32_t result, const vanid_t& source, std::uint32_t packet)
+        EXCLUDES(listMutex);
 
-    void removeUnacknowledged();
+    void removeUnacknowledged() EXCLUDES(listMutex);
 
     // ---- selection (version_check.cpp) ----
 
@@ -92,26 +94,26 @@ public:
     // image's version to `upToDate`. `verbose`: names those it removes as up to date or of another
     // type. Holds listMutex for the whole scan.
     void checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
-                       bool removeUnreachable, bool verbose);
+                       bool removeUnreachable, bool verbose) EXCLUDES(listMutex);
 
     // ---- one transfer, step by step (src/transfer) ----
 
     // Announces the image to every device and registers the transfer callback. Returns count().
-    int initializeTransfers(const FirmwareImage& image);
+    int initializeTransfers(const FirmwareImage& image) EXCLUDES(listMutex);
 
     // Sends the content to all devices at once, packet by packet, and clears the transfer callback.
     // Returns 0, or 128 no device left, 131 read error, 135 packet refused.
-    int transferData(FirmwareImage& image);
+    int transferData(FirmwareImage& image) EXCLUDES(listMutex);
 
     // Has every device check what it received. Returns count().
-    int verifyAll(std::uint32_t device);
+    int verifyAll(std::uint32_t device) EXCLUDES(listMutex);
 
     // Registers the bus change callback and has every device install the image. Returns count().
-    int startUpdates(std::uint32_t device);
+    int startUpdates(std::uint32_t device) EXCLUDES(listMutex);
 
     // Waits until the devices are back, within a budget that grows with their number, and clears
     // the bus change callback. False when the budget ran out.
-    bool waitForRejoin();
+    bool waitForRejoin() EXCLUDES(listMutex);
 
 private:
     using OrvinList = std::list<boost::shared_ptr<Orvin>>;
@@ -128,6 +130,7 @@ private:
     OrvinList::iterator eraseMember(OrvinList::iterator member) REQUIRES(listMutex);
 
     void setRestartPendingLocked(const std::string& vanidText, bool value) REQUIRES(listMutex);
+    void clearAcknowledgedLocked() REQUIRES(listMutex);
 
     void fillReporters() REQUIRES(listMutex);
     bool acknowledge(const vanid_t& source) REQUIRES(listMutex);
@@ -135,17 +138,18 @@ private:
                                             std::uint32_t packet) REQUIRES(listMutex);
     OrvinList::iterator removeForGoingBack(OrvinList::iterator member) REQUIRES(listMutex);
 
-    void runStep(const char* lineStart, const char* name, const std::function<bool(Orvin&)>& step);
+    void runStep(const char* lineStart, const char* name, const std::function<bool(Orvin&)>& step)
+        EXCLUDES(listMutex);
 
     // The packet loop of transferData.
-    int sendContent(PacketTransfer& transfer);
-    void startCounting();
-    void noteAcknowledged();
-    std::uint32_t nextPacket();
-    bool lookUpPacket(PacketTransfer& transfer);
-    bool takePacket(const PacketTransfer& transfer);
-    void showProgress(const PacketTransfer& transfer);
-    int sendUntilAcknowledged(PacketTransfer& transfer);
+    int sendContent(PacketTransfer& transfer) EXCLUDES(listMutex);
+    void startCounting() EXCLUDES(listMutex);
+    void noteAcknowledged() EXCLUDES(listMutex);
+    std::uint32_t nextPacket() EXCLUDES(listMutex);
+    bool lookUpPacket(PacketTransfer& transfer) EXCLUDES(listMutex);
+    bool takePacket(const PacketTransfer& transfer) EXCLUDES(listMutex);
+    void showProgress(const PacketTransfer& transfer) EXCLUDES(listMutex);
+    int sendUntilAcknowledged(PacketTransfer& transfer) EXCLUDES(listMutex);
     int sendPacket(const PacketTransfer& transfer);
 
     // The phases of waitForRejoin. `budget`: the seconds left to wait.

@@ -1,10 +1,10 @@
 // Which devices need an image.
 
-#include <cstdio>
 #include <optional>
 
 #include "bus/device_versions.h"
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "group/list_lock.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
@@ -46,13 +46,13 @@ void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string
         const char* const text = orvin.vanidText.c_str();
         DeviceVersions versions;
         if (!getVersion(*session, orvin.vanid, versions)) {
-            printf("orvin '%s' getVersion() failed\n", text);
+            printLine("orvin '%s' getVersion() failed", text);
             if (!removeUnreachable) {
                 ++member;
                 continue;
             }
             setRestartPendingLocked(orvin.vanidText, false);
-            printf("Removing Orvin %s because getVersion failed\n", text);
+            printLine("Removing Orvin %s because getVersion failed", text);
             member = eraseMember(member);
             continue;
         }
@@ -66,9 +66,9 @@ void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string
             upToDate.push_back(orvin.vanidText);
         }
         if (verbose) {
-            printf(need == Need::UpToDate ? "Orvin %s is already up to date.\n"
-                                          : "Orvin %s is another type.\n",
-                   text);
+            printLine(need == Need::UpToDate ? "Orvin %s is already up to date."
+                                             : "Orvin %s is another type.",
+                      text);
         }
         member = eraseMember(member);
     }

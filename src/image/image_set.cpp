@@ -1,8 +1,8 @@
 #include "image/image_set.h"
 
-#include <iostream>
 #include <utility>
 
+#include "core/console.h"
 #include "core/error_info.h"
 #include "core/run_config.h"
 #include "image/firmware_image.h"
@@ -51,7 +51,7 @@ std::uint32_t getImageTarget(const std::string& path) {
     ErrorInfo error;
     FirmwareImage image(&error);
     if (!image.open(path)) {
-        std::cout << "Error in '" << path << "': " << error.message << std::endl;
+        printLine("Error in '%s': %s", path.c_str(), error.message.c_str());
         return 0;
     }
     const std::uint32_t target = image.getHeader().device;
@@ -76,7 +76,7 @@ int runImageSet(RunConfig& config, OrvinGroup& group) {
     UpdatedOrvins updated;
     orderImages(config.imageFiles);
     for (const std::string& path : config.imageFiles) {
-        std::cout << "Downloading image " << path << "..." << std::endl;
+        printLine("Downloading image %s...", path.c_str());
         VanidTexts* updatedByTarget = updated.listFor(getImageTarget(path));
         if (updatedByTarget == nullptr) {
             continue;

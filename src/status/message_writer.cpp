@@ -1,4 +1,5 @@
 #include "status/message_writer.h"
+#include "core/console.h"
 
 #include <unistd.h>
 
@@ -21,11 +22,11 @@ bool writeAndClose(int file, const std::string& message) {
     const ssize_t written = write(file, message.data(), message.size());
     close(file);
     if (written < 0) {
-        printf("Error at write message: %s\n", strerror(errno));
+        printLine("Error at write message: %s", strerror(errno));
         return false;
     }
     if (static_cast<size_t>(written) < message.size()) {
-        printf("Incomplete write for message: %s\n", message.c_str());
+        printLine("Incomplete write for message: %s", message.c_str());
         return false;
     }
     return true;
@@ -64,8 +65,8 @@ void MessageWriter::write(const std::string& message) {
     }
     const int lockResult = mutex.lock();
     if (lockResult != 0) {
-        printf("Could not lock message mutex for message \"%s\": %s\n", message.c_str(),
-               strerror(lockResult));
+        printLine("Could not lock message mutex for message \"%s\": %s", message.c_str(),
+                  strerror(lockResult));
         return;
     }
     replaceMessageFile(message);
@@ -77,7 +78,7 @@ void MessageWriter::replaceMessageFile(const std::string& message) {
     memcpy(temporaryFile, kTemporaryFileTemplate, sizeof kTemporaryFileTemplate);
     const int file = mkstemp(temporaryFile);
     if (file < 0) {
-        printf("Could not create temporary file %s: %s\n", temporaryFile, strerror(errno));
+        printLine("Could not create temporary file %s: %s", temporaryFile, strerror(errno));
         return;
     }
     // After a failed write the temporary file stays behind, for whoever looks into the failure.
@@ -85,7 +86,7 @@ void MessageWriter::replaceMessageFile(const std::string& message) {
         return;
     }
     if (rename(temporaryFile, messageFile.c_str()) != 0) {
-        printf("Could not apply message to file %s: %s\n", messageFile.c_str(), strerror(errno));
+        printLine("Could not apply message to file %s: %s", messageFile.c_str(), strerror(errno));
         unlink(temporaryFile);
     }
 }

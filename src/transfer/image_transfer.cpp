@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 
+#include "core/console.h"
 #include "core/exit_status.h"
 #include "group/list_lock.h"
 #include "group/orvin_group.h"
@@ -89,9 +89,9 @@ bool PacketTransfer::readPacket() {
 }
 
 void PacketTransfer::printReport() const {
-    printf("\n>> Transferred %d bytes in %d packet%s\n", static_cast<int>(bytesTransferred),
-           static_cast<int>(packet), packet > 1 ? "s" : "");
-    printf(">> Amount of retransmitted packets: %d\n", retransmissions);
+    printLine("\n>> Transferred %d bytes in %d packet%s", static_cast<int>(bytesTransferred),
+              static_cast<int>(packet), packet > 1 ? "s" : "");
+    printLine(">> Amount of retransmitted packets: %d", retransmissions);
 }
 
 int OrvinGroup::transferData(FirmwareImage& image) {
@@ -114,7 +114,7 @@ int OrvinGroup::sendContent(PacketTransfer& transfer) {
     while (lookUpPacket(transfer)) {
         transfer.reportProgress();
         if (!transfer.readPacket()) {
-            puts("\nError reading firmware file");
+            printLine("\nError reading firmware file");
             return exit_status::kImageReadFailed;
         }
         if (!takePacket(transfer)) {
@@ -122,11 +122,11 @@ int OrvinGroup::sendContent(PacketTransfer& transfer) {
         }
         const int sent = sendUntilAcknowledged(transfer);
         if (sent != kSentToAll) {
-            printf("\nError in sendChunk(): %d\n", sent);
+            printLine("\nError in sendChunk(): %d", sent);
             return exit_status::kSendFailed;
         }
         if (count() == 0) {
-            puts("\nNo Orvins left; aborting");
+            printLine("\nNo Orvins left; aborting");
             return exit_status::kNoOrvinsLeft;
         }
         noteAcknowledged();
@@ -183,7 +183,7 @@ bool OrvinGroup::takePacket(const PacketTransfer& transfer) {
     if (reporters.empty()) {
         fillReporters();
     }
-    clearAcknowledged();
+    clearAcknowledgedLocked();
     ++packetNumber;
     return true;
 }
@@ -192,8 +192,7 @@ void OrvinGroup::showProgress(const PacketTransfer& transfer) {
     const std::uint32_t next = nextPacket();
     const bool wentBack = next <= transfer.packet;
     if (!wentBack && next % kPacketsPerDot == 0) {
-        printf(".");
-        fflush(stdout);
+        printProgress(".");
     }
 }
 
@@ -205,7 +204,7 @@ int OrvinGroup::sendUntilAcknowledged(PacketTransfer& transfer) {
         usleep(kPollMicroseconds);
         ++poll;
         if (poll == kResendPolls) {
-            printf("#");
+            printUnflushed("#");
             ++transfer.retransmissions;
             sent = sendPacket(transfer);
         }

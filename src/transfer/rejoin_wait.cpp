@@ -5,11 +5,10 @@
 #include <libintl.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "bus/bus_members.h"
 #include "bus/link_state.h"
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "group/orvin_group.h"
 #include "status/format_message.h"
 #include "status/message_writer.h"
@@ -35,11 +34,6 @@ void sleepSeconds(int seconds) {
     usleep(static_cast<useconds_t>(seconds) * 1'000'000);
 }
 
-void showWaiting(const char* text) {
-    printf("%s", text);
-    fflush(stdout);
-}
-
 void writeProgress(ssize_t completed, ssize_t total) {
     MessageWriter::instance()->write(formatMessage(
         // TRANSLATORS: the first %zd is the number of devices that are back after they installed
@@ -53,7 +47,7 @@ bool OrvinGroup::waitForRejoin() {
     std::int64_t budget = rejoinBudget(count());
     // TRANSLATORS: shown while the devices restart with their new firmware.
     MessageWriter::instance()->write(gettext("Please wait..."));
-    printf("Will wait %lld seconds for Orvins to rejoin.\n", static_cast<long long>(budget));
+    printLine("Will wait %lld seconds for Orvins to rejoin.", static_cast<long long>(budget));
     waitForLink();
     if (count() == 0) {
         clearBusChangeCallback();
@@ -70,20 +64,20 @@ bool OrvinGroup::waitForRejoin() {
 
 // Not charged to the budget, and no error when the link stays down: the next phases will tell.
 void OrvinGroup::waitForLink() {
-    showWaiting("Waiting for bus to become active...");
+    printProgress("Waiting for bus to become active...");
     for (int waits = 0; !isLinkActive(*session) && waits < kLinkWaits; ++waits) {
         sleepSeconds(kLinkWaitSeconds);
-        showWaiting(".");
+        printProgress(".");
     }
-    puts(" done.");
+    printLine(" done.");
 }
 
 void OrvinGroup::waitForReports(std::int64_t& budget) {
-    showWaiting("Waiting for Orvins to get back online...");
+    printProgress("Waiting for Orvins to get back online...");
     while (!allRejoined() && budget >= 1) {
         budget -= kReportWaitSeconds;
         sleepSeconds(kReportWaitSeconds);
-        showWaiting("<");
+        printProgress("<");
         writeProgress(static_cast<ssize_t>(rejoinedCount), count());
     }
 }
@@ -94,7 +88,7 @@ void OrvinGroup::waitForMembership(std::int64_t& budget) {
         if (countOrvins(*session, &onBus) && onBus >= count()) {
             return;
         }
-        showWaiting("#");
+        printProgress("#");
         writeProgress(onBus, count());
         budget -= kMembershipWaitSeconds;
         sleepSeconds(kMembershipWaitSeconds);
@@ -105,16 +99,16 @@ void OrvinGroup::waitForMembership(std::int64_t& budget) {
 bool OrvinGroup::waitForAnswers(std::int64_t& budget) {
     while (!allOnline()) {
         budget -= kAnswerWaitSeconds;
-        showWaiting("+");
+        printProgress("+");
         sleepSeconds(kAnswerWaitSeconds);
         if (budget < 1) {
-            puts(" timeout!");
+            printLine(" timeout!");
             if (useMessageFile) {
                 sleepSeconds(kFollowersPauseSeconds);
             }
             return false;
         }
     }
-    puts(" done.");
+    printLine(" done.");
     return true;
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "image/firmware_image.h"
 
 const vanid_t broadcastVanid = {{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
@@ -14,7 +15,7 @@ bool initializeTransfer(const BusSession& session, const vanid_t& destination,
         ImageTransfer_write_request(session.handle, destination, header.manufacturer, header.device,
                                     header.contentType, header.contentSize, header.contentChecksum);
     if (result != 0) {
-        printf("Res: %d\n", result);
+        printLine("Res: %d", result);
         return false;
     }
     return true;
@@ -28,8 +29,9 @@ int sendChunk(const BusSession& session, const vanid_t& destination, const std::
 }
 
 bool verifyData(const BusSession& session, const vanid_t& destination, std::uint32_t device) {
+    // Two that differ, so that a library that writes nothing has verified nothing.
     std::uint16_t announced = 0;
-    std::uint16_t computed = 0;
+    std::uint16_t computed = 1;
     const int result = OrvinImageMaintenance_check_image(session.handle, destination, device,
                                                          &announced, &computed);
     return result == 0 && announced == computed;
@@ -42,11 +44,15 @@ bool startUpdate(const BusSession& session, const vanid_t& destination, std::uin
 
 void dumpHex(const std::uint8_t* bytes, std::size_t length) {
     constexpr std::size_t kRowBytes = 8;
+    char text[16];
     for (std::size_t i = 0; i < length; ++i) {
         if (i % kRowBytes == 0) {
-            printf("%s%02d: ", i == 0 ? "" : "\n", static_cast<int>(i / kRowBytes + 1));
+            snprintf(text, sizeof text, "%s%02d: ", i == 0 ? "" : "\n",
+                     static_cast<int>(i / kRowBytes + 1));
+            printUnflushed(text);
         }
-        printf("%02x ", bytes[i]);
+        snprintf(text, sizeof text, "%02x ", bytes[i]);
+        printUnflushed(text);
     }
-    printf("\n");
+    printLine("%s", "");
 }

@@ -2,10 +2,8 @@
 
 #include <libintl.h>
 
-#include <cstdio>
-#include <iostream>
-
 #include "core/bus_session.h"
+#include "core/console.h"
 #include "core/exit_status.h"
 #include "group/list_lock.h"
 #include "group/orvin_group.h"
@@ -18,7 +16,7 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
     const std::uint32_t device = image.getHeader().device;
     group.initializeTransfers(image);
     if (group.transferData(image) != exit_status::kSuccess) {
-        std::cout << "Failed to transfer data to the Orvins" << std::endl;
+        printLine("Failed to transfer data to the Orvins");
         // TRANSLATORS: the firmware could not be sent to the devices.
         MessageWriter::instance()->write(gettext("Failed to transfer firmware!"));
         return false;
@@ -37,8 +35,8 @@ void OrvinGroup::runStep(const char* lineStart, const char* name,
             ++member;
             continue;
         }
-        printf("%sRemoving orvin '%s' after %s() failed\n", lineStart, (*member)->vanidText.c_str(),
-               name);
+        printLine("%sRemoving orvin '%s' after %s() failed", lineStart,
+                  (*member)->vanidText.c_str(), name);
         member = eraseMember(member);
     }
 }

@@ -3,9 +3,8 @@
 #include <libintl.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <iostream>
 
+#include "core/console.h"
 #include "core/error_info.h"
 #include "core/exit_status.h"
 #include "core/run_config.h"
@@ -26,15 +25,15 @@ const char* orvinNoun(int count) {
 }
 
 void printHeader(const FirmwareImageHeader& header) {
-    printf("HS: %d, Man: %x, Dev: %d, CT: %x, CS: %x, CC: %x, V: %08x\n",
-           static_cast<int>(header.headerSize), header.manufacturer,
-           static_cast<int>(header.device), header.contentType, header.contentSize,
-           unsigned{header.contentChecksum}, header.version);
+    printLine("HS: %d, Man: %x, Dev: %d, CT: %x, CS: %x, CC: %x, V: %08x",
+              static_cast<int>(header.headerSize), header.manufacturer,
+              static_cast<int>(header.device), header.contentType, header.contentSize,
+              unsigned{header.contentChecksum}, header.version);
 }
 
 void printVanids(const VanidTexts& vanidTexts) {
     for (const std::string& text : vanidTexts) {
-        std::cout << "  " << text << std::endl;
+        printLine("  %s", text.c_str());
     }
 }
 
@@ -54,7 +53,7 @@ void selectOrvins(const RunConfig& config, OrvinGroup& group, const FirmwareImag
         return;
     }
     for (const std::string& text : upToDate) {
-        std::cout << "orvin '" << text << "' already up to date" << std::endl;
+        printLine("orvin '%s' already up to date", text.c_str());
     }
 }
 
@@ -71,11 +70,10 @@ void transferAndSummarize(const RunConfig& config, OrvinGroup& group, FirmwareIm
 void waitForOrvins(OrvinGroup& group) {
     const int count = group.count();
     if (count > 0) {
-        std::cout << "\nWaiting for " << count << ' ' << orvinNoun(count) << " to rejoin...\n"
-                  << std::endl;
+        printLine("\nWaiting for %d %s to rejoin...\n", count, orvinNoun(count));
     }
     if (!group.waitForRejoin()) {
-        std::cout << "Warning: not all of the updated Orvins are back online!" << std::endl;
+        printLine("Warning: not all of the updated Orvins are back online!");
     }
 }
 
@@ -83,14 +81,16 @@ void announceRetry(OrvinGroup& group, const std::string& targetName) {
     MessageWriter::instance()->write(formatMessage(
         // TRANSLATORS: %s is the processor that the firmware is for, such as "Pellix ARM".
         gettext("Retrying %s update..."), targetName.c_str()));
-    std::cout << "Retrying upgrade on following " << orvinNoun(group.count()) << ": " << std::endl;
+    printLine("Retrying upgrade on following %s: ", orvinNoun(group.count()));
     printDevices(group);
 }
 
-// Up to two attempts. What stays in the device list are the devices that still differ.
+// Up to two attempts. What stays in the device list are the devices that still differ. A late
+// report of a fault may empty it while an announcement is printed, so it is looked at before each
+// attempt.
 void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& image,
                     VanidTexts& upToDate, VanidTexts& updated) {
-    for (int attemptsLeft = kAttempts; attemptsLeft > 0;) {
+    for (int attemptsLeft = kAttempts; attemptsLeft > 0 && group.count() > 0;) {
         transferAndSummarize(config, group, image, updated);
         group.restoreFromFullList();
         waitForOrvins(group);
@@ -106,21 +106,28 @@ void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& i
     }
 }
 
-int upgradeSelected(const RunConfig& config, OrvinGroup& group, FirmwareImage& image,
-                    VanidTexts& upToDate, VanidTexts& updated) {
+// False when there is none.
+bool announceUpgrade(OrvinGroup& group) {
     const int count = group.count();
     if (count == 0) {
-        std::cout << "No Orvins to upgrade.\n" << std::endl;
-        std::cout << "Removing image files from Orvins" << std::endl;
+        printLine("No Orvins to upgrade.\n");
+        return false;
+    }
+    printLine("Upgrading %d %s", count, orvinNoun(count));
+    return group.count() > 0;
+}
+
+int upgradeSelected(const RunConfig& config, OrvinGroup& group, FirmwareImage& image,
+                    VanidTexts& upToDate, VanidTexts& updated) {
+    if (!announceUpgrade(group)) {
+        printLine("Removing image files from Orvins");
         return exit_status::kSuccess;
     }
-    std::cout << "Upgrading " << count << ' ' << orvinNoun(count) << std::endl;
     attemptUpgrade(config, group, image, upToDate, updated);
     if (config.pretend || group.count() == 0) {
         return exit_status::kSuccess;
     }
-    std::cout << "The following " << orvinNoun(group.count())
-              << " could not be upgraded: " << std::endl;
+    printLine("The following %s could not be upgraded: ", orvinNoun(group.count()));
     printDevices(group);
     return exit_status::kOrvinsNotUpgraded;
 }
@@ -132,7 +139,7 @@ int upgradeImage(const RunConfig& config, OrvinGroup& group, const std::string& 
     ErrorInfo error;
     FirmwareImage image(&error);
     if (!image.open(imagePath)) {
-        std::cout << "Error in '" << imagePath << "': " << error.message << std::endl;
+        printLine("Error in '%s': %s", imagePath.c_str(), error.message.c_str());
         return error.code;
     }
     if (config.debug) {
@@ -151,8 +158,7 @@ void printSummary(OrvinGroup& group, std::time_t start, std::time_t end,
     group.getVanidTexts(vanidTexts);
     const int count = static_cast<int>(vanidTexts.size());
     if (count > 0) {
-        std::cout << "Successfully updated " << count << ' ' << orvinNoun(count) << ": "
-                  << std::endl;
+        printLine("Successfully updated %d %s: ", count, orvinNoun(count));
         printVanids(vanidTexts);
         updated.insert(updated.end(), vanidTexts.begin(), vanidTexts.end());
     }
@@ -160,8 +166,6 @@ void printSummary(OrvinGroup& group, std::time_t start, std::time_t end,
     const std::time_t elapsed = end - start;
     const std::time_t minutes = elapsed / 60;
     const std::time_t seconds = elapsed - 60 * minutes;
-    char duration[64];
-    snprintf(duration, sizeof duration, "%u min %02u %s", static_cast<unsigned>(minutes),
-             static_cast<unsigned>(seconds), seconds == 1 ? "second" : "seconds");
-    std::cout << "Update took " << duration << std::endl;
+    printLine("Update took %u min %02u %s", static_cast<unsigned>(minutes),
+              static_cast<unsigned>(seconds), seconds == 1 ? "second" : "seconds");
 }

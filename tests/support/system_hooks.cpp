@@ -29,9 +29,20 @@ extern "C" ssize_t read(int file, void* buffer, size_t length) {
     return syscall(SYS_read, file, buffer, length);
 }
 
+extern "C" int fflush(std::FILE* file) {
+    using Function = int (*)(std::FILE*);
+    static const auto original = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fflush"));
+    const int result = original(file);
+    if (file == stdout && SystemHooks::instance().afterFlush) {
+        SystemHooks::instance().afterFlush();
+    }
+    return result;
+}
+
 extern "C" int pthread_mutex_init(pthread_mutex_t* mutex,
                                   const pthread_mutexattr_t* attributes) noexcept {
-    if (SystemHooks::instance().mutexInitFails) {
+    if (SystemHooks::instance().failingMutexInit > 0 &&
+        --SystemHooks::instance().failingMutexInit == 0) {
         return EAGAIN;
     }
     using Function = int (*)(pthread_mutex_t*, const pthread_mutexattr_t*);

@@ -13,7 +13,11 @@ struct SystemHooks {
     // Before a read of exactly one packet's size: an image's content, nothing else.
     std::function<void()> beforePacketRead;
 
-    bool mutexInitFails = false;
+    // After standard output was flushed.
+    std::function<void()> afterFlush;
+
+    // Which initialisation of a mutex fails, counted from 1 as they come; 0: none.
+    int failingMutexInit = 0;
 
     static SystemHooks& instance();
 };

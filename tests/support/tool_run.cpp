@@ -1,6 +1,6 @@
 #include "support/tool_run.h"
 
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,6 +26,58 @@ void dropMessageWriter() {
     }
 }
 
+// A pipe in place of standard output, read before every sleep: what a reader of the tool has by
+// then.
+class Console {
+public:
+    Console() {
+        std::fflush(stdout);
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[1]);
+        reader_ = ends[0];
+        sim::VirtualTime::instance().beforeSleep([this](sim::Microseconds duration) {
+            receive();
+            std::fflush(stdout);
+            // A packet is sent again without a flush, between two of its polls.
+            const std::string late = receive();
+            EXPECT_TRUE(late.empty() || (late == "#" && duration == kPoll)) << "late: " << late;
+        });
+    }
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+    ~Console() {
+        sim::VirtualTime::instance().beforeSleep({});
+        std::fflush(stdout);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        close(reader_);
+    }
+
+    std::string finish() {
+        std::fflush(stdout);
+        receive();
+        return text_;
+    }
+
+private:
+    static constexpr sim::Microseconds kPoll = 1'000;
+
+    std::string receive() {
+        char buffer[4096];
+        const std::size_t before = text_.size();
+        for (ssize_t count = 0; (count = read(reader_, buffer, sizeof buffer)) > 0;) {
+            text_.append(buffer, static_cast<std::size_t>(count));
+        }
+        return text_.substr(before);
+    }
+
+    std::string text_;
+    const int saved_ = dup(STDOUT_FILENO);
+    int reader_ = -1;
+};
+
 }  // namespace
 
 int ToolRun::calls(const std::string& call) const {
@@ -38,20 +90,9 @@ int ToolRun::calls(const std::string& call) const {
 }
 
 std::string captureOutput(const std::function<void()>& action) {
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    const int captured = memfd_create("console", 0);
-    dup2(captured, STDOUT_FILENO);
+    Console console;
     action();
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-
-    std::string text(static_cast<std::size_t>(lseek(captured, 0, SEEK_END)), '\0');
-    const ssize_t count = pread(captured, text.data(), text.size(), 0);
-    close(captured);
-    EXPECT_EQ(count, static_cast<ssize_t>(text.size()));
-    return text;
+    return console.finish();
 }
 
 ToolTest::ToolTest() {
