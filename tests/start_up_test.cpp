@@ -51,6 +51,22 @@ TEST_F(StartUp, EndsWithoutAMessageWriterAndClosesTheSession) {
     EXPECT_EQ(run.calls("TalmApiClose"), 1);
 }
 
+TEST_F(StartUp, GoesOnWithoutAMutexOfTheGroup) {
+    bus.orvin(1, {{"fault_result", {{{"at", 3}}}}}).orvin(2);
+    const struct {
+        int failing;
+        const char* line;
+    } cases[] = {{2, "\nCould not initialize Orvin list mutex!\n"},
+                 {3, "\nCould not initialize Orvin full list mutex!\n"}};
+    for (const auto& example : cases) {
+        SystemHooks::instance().failingMutexInit = example.failing;
+        const ToolRun run = upgradeAll({"-f", image("arm", kArm)});
+        EXPECT_EQ(run.exitStatus, 139);
+        EXPECT_TRUE(run.printed(example.line)) << run.console;
+        EXPECT_TRUE(installed(2, "arm", directory / "arm"));
+    }
+}
+
 TEST_F(StartUp, WaitsForTheLinkTwentyPollsAndNoLonger) {
     const struct {
         int activeAfterMilliseconds;

@@ -1,8 +1,14 @@
 #include "transfer/upgrade_image.h"
 
 #include <limits>
+#include <utility>
 
+#include "bus/vanid_text.h"
+#include "core/bus_session.h"
+#include "core/run_config.h"
 #include "group/orvin_group.h"
+#include "status/message_writer.h"
+#include "support/system_hooks.h"
 #include "support/tool_run.h"
 
 namespace {
@@ -43,6 +49,50 @@ TEST_F(Upgrade, OfSomethingThatIsNoIdentifierEndsWell) {
     EXPECT_EQ(run.exitStatus, 0);
     EXPECT_TRUE(run.printed("Removing Orvin pump room because getVersion failed\n"));
     EXPECT_EQ(storedVersion(0, "arm"), kOldVersion);
+}
+
+// A report of a fault may still be on its way when the callback was cleared.
+TEST_F(Upgrade, StartsNoAttemptOnceALateFaultTookTheLastDevice) {
+    bus.orvin(1, {{"keeps_old_version", "always"}});
+    writeText(directory / "bus.json", bus.text());
+    BusSession session{true, TalmApiInitialize(), nullptr};
+    ASSERT_EQ(TalmApiOpen(session.handle, ("sim:" + directory / "bus.json").c_str(), 0), 0);
+    MessageWriter::init(directory / "status");
+    vanid_t id{};
+    ASSERT_TRUE(parseVanid(id, first));
+    RunConfig config;
+    const std::string arm = image("arm", kArm);
+    for (const int attempts : {0, 1}) {
+        OrvinGroup group(&session, false);
+        group.addOrvin(first);
+        bool late = false;
+        const auto reportFault = [&] {
+            if (!std::exchange(late, true)) {
+                group.onTransferResult(9, id, 0);
+            }
+        };
+        auto& hooks = SystemHooks::instance();
+        std::list<std::string> updated;
+        const std::string console = captureOutput([&] {
+            if (attempts == 0) {
+                hooks.afterFlush = reportFault;  // after "Upgrading 1 Orvin"
+            } else {
+                hooks.beforeRename = [&](const std::string& from, const std::string&) {
+                    if (readText(from) == "Retrying Pellix ARM update...") {
+                        reportFault();
+                    }
+                };
+            }
+            std::list<std::string> upToDate;
+            EXPECT_EQ(upgradeImage(config, group, arm, upToDate, updated), 0);
+            hooks = SystemHooks();
+        });
+        EXPECT_TRUE(late);
+        EXPECT_EQ(occurrences(readText(directory / "trace.txt"), "write_request"), attempts);
+        EXPECT_EQ(occurrences(console, "\nRemoving image files from Orvins\n"), 1 - attempts);
+    }
+    TalmApiClose(session.handle);
+    delete MessageWriter::instance();
 }
 
 TEST(Summary, TellsMinutesAndSeconds) {
