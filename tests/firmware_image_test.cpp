@@ -31,6 +31,33 @@ protected:
     FirmwareImage image{&error};
 };
 
+TEST_F(FirmwareImageFile, HoldsOneFileWhileItIsOpenAndNoneAfterAFailure) {
+    const auto freeDescriptor = [] {
+        const int file = dup(STDIN_FILENO);
+        close(file);
+        return file;
+    };
+    const int unused = freeDescriptor();
+    char content[64] = {};
+    const auto opensTwice = [&] {
+        const Bytes bytes = makeImage(kArm, kNewVersion, 64);
+        return open(bytes) && open(bytes) && image.read(content, 64) == 64;
+    };
+    ASSERT_TRUE(opensTwice());
+    EXPECT_EQ(freeDescriptor(), unused + 1);
+    for (const char* unusable : {"missing", "short"}) {
+        writeText(directory / "short", "tevu");
+        ASSERT_TRUE(opensTwice());
+        EXPECT_FALSE(image.open(directory / unusable));
+        EXPECT_EQ(freeDescriptor(), unused) << unusable;
+        EXPECT_EQ(image.read(content, 64), -1);
+    }
+    EXPECT_EQ(error.code, 130) << "a short file leaves the record as it was";
+    ASSERT_TRUE(opensTwice());
+    image.close();
+    EXPECT_EQ(freeDescriptor(), unused);
+}
+
 TEST_F(FirmwareImageFile, GivesItsHeaderAndItsContent) {
     Bytes bytes(kHeaderSize + 3);
     std::copy_n("tevu", 4, bytes.begin());

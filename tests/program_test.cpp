@@ -201,6 +201,13 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
                   std::string::npos);
         EXPECT_EQ(Json::parse(image("show --json " + path).output)["refusal"], example.reason);
     }
+    EXPECT_NE(image("show " + path).output.find("has 35 bytes"), std::string::npos);
+    shell("mkfifo " + directory / "fifo");
+    for (const std::string& other : {directory / "fifo", directory / "."}) {
+        const Result shown = image("show " + other);
+        EXPECT_EQ(shown.exitStatus, 2);
+        EXPECT_NE(shown.error.find("'" + other + "': is "), std::string::npos) << shown.error;
+    }
 }
 
 TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {

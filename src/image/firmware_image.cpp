@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "core/error_info.h"
 #include "core/exit_status.h"
@@ -13,34 +14,16 @@
 
 namespace {
 
-constexpr std::uint32_t kMagic = 0x75766574;  // "tevu", read as a little-endian number
-
-// Reads the fixed header fields in file order. After the first short read the rest give 0.
-class FieldReader {
-public:
-    explicit FieldReader(int file) : file_(file) {}
-
-    std::uint16_t read16() { return static_cast<std::uint16_t>(readField(2)); }
-    std::uint32_t read32() { return readField(4); }
-    bool complete() const { return complete_; }
-
-private:
-    std::uint32_t readField(std::size_t width) {
-        std::uint8_t bytes[4] = {};
-        complete_ = complete_ && ::read(file_, bytes, width) == static_cast<ssize_t>(width);
-        if (!complete_) {
-            return 0;
-        }
-        std::uint32_t value = 0;
-        for (std::size_t i = width; i-- > 0;) {
-            value = value << 8 | bytes[i];
-        }
-        return value;
+// None for a length that is too long: offsets into an image are signed 32-bit numbers. The file
+// then stands at its beginning.
+std::optional<std::uint32_t> measureFile(int file) {
+    const off_t length = lseek(file, 0, SEEK_END);
+    lseek(file, 0, SEEK_SET);
+    if (length < 0 || length > std::numeric_limits<std::int32_t>::max()) {
+        return std::nullopt;
     }
-
-    int file_;
-    bool complete_ = true;
-};
+    return static_cast<std::uint32_t>(length);
+}
 
 }  // namespace
 
@@ -49,71 +32,54 @@ FirmwareImage::FirmwareImage(ErrorInfo* errorRecord) : error(errorRecord) {
 }
 
 FirmwareImage::~FirmwareImage() {
-    if (descriptor >= 0) {
+    release();
+}
+
+void FirmwareImage::release() {
+    if (isOpen()) {
         ::close(descriptor);
     }
+    descriptor = -1;
+    fileSize = 0;
 }
 
 bool FirmwareImage::open(const std::string& path) {
-    refusedHeader.reset();
-    descriptor = ::open(path.c_str(), O_RDONLY);
-    if (descriptor < 0) {
+    release();
+    const int file = ::open(path.c_str(), O_RDONLY);
+    if (file < 0) {
         error->set(exit_status::kImageNotOpened, strerror(errno));
         return false;
     }
-    if (!readAndCheckHeader()) {
-        ::close(descriptor);
-        descriptor = -1;
-        fileSize = 0;
+    if (!acceptHeader(file)) {
+        ::close(file);
         return false;
     }
-    lseek(descriptor, static_cast<off_t>(header.headerSize), SEEK_SET);
-    isOpen = true;
+    lseek(file, static_cast<off_t>(header.headerSize), SEEK_SET);
+    descriptor = file;
     return true;
 }
 
-// False for a length that is none or too long: offsets into an image are signed 32-bit numbers.
-bool FirmwareImage::measureFile() {
-    const off_t length = lseek(descriptor, 0, SEEK_END);
-    lseek(descriptor, 0, SEEK_SET);
-    const bool usable = length >= 0 && length <= std::numeric_limits<std::int32_t>::max();
-    fileSize = usable ? static_cast<std::uint32_t>(length) : 0;
-    return usable;
-}
-
-bool FirmwareImage::readAndCheckHeader() {
-    const bool measured = measureFile();
-    FieldReader fields(descriptor);
-    FirmwareImageHeader found;
-    const std::uint32_t magic = fields.read32();
-    found.headerSize = fields.read32();
-    found.manufacturer = fields.read32();
-    found.device = fields.read32();
-    found.contentType = fields.read32();
-    found.contentSize = fields.read32();
-    found.contentChecksum = fields.read16();
-    fields.read16();  // reserved
-    fields.read32();  // reserved
-    found.version = fields.read32();
-    if (!fields.complete()) {
+bool FirmwareImage::acceptHeader(int file) {
+    const std::optional<std::uint32_t> length = measureFile(file);
+    const std::optional<ImageFileStart> start = readImageFileStart(file);
+    if (!start) {
         return false;
     }
-    refusedHeader = found;
-    if (magic != kMagic) {
+    if (!start->hasMagic) {
         error->set(exit_status::kImageInvalid, "Invalid firmware image format");
         return false;
     }
-    if (!measured || std::uint64_t{found.headerSize} + found.contentSize != fileSize) {
+    if (!length || std::uint64_t{start->header.headerSize} + start->header.contentSize != *length) {
         error->set(exit_status::kImageInvalid, "Invalid content size");
         return false;
     }
-    refusedHeader.reset();
-    header = found;
+    header = start->header;
+    fileSize = *length;
     return true;
 }
 
 ssize_t FirmwareImage::read(void* buffer, std::size_t length) {
-    if (!isOpen) {
+    if (!isOpen()) {
         return -1;
     }
     const ssize_t count = ::read(descriptor, buffer, length);
@@ -130,10 +96,7 @@ bool FirmwareImage::seek(std::int32_t contentOffset) {
 }
 
 void FirmwareImage::close() {
-    ::close(descriptor);
-    isOpen = false;
-    descriptor = -1;
-    fileSize = 0;
+    release();
     error->set(exit_status::kImageInvalid, "File not open");
 }
 

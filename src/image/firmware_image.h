@@ -5,21 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 
-struct ErrorInfo;
+#include "image/image_header.h"
 
-// The header fields of a firmware image, as read from the file.
-struct FirmwareImageHeader {
-    std::uint32_t headerSize = 0;  // offset of the first content byte
-    std::uint32_t manufacturer = 0;
-    std::uint32_t device = 0;  // a FirmwareTarget, or a code unknown to this tool
-    std::uint32_t contentType = 0;
-    std::uint32_t contentSize = 0;  // bytes
-    std::uint16_t contentChecksum = 0;
-    std::uint32_t version = 0;
-};
+struct ErrorInfo;
 
 // Reads one firmware image file; docs/image-format.md has its layout.
 //
@@ -34,7 +24,8 @@ public:
     FirmwareImage& operator=(const FirmwareImage&) = delete;
 
     // Opens the file, checks its header and stands at the first content byte. A file too short for
-    // a header is refused without a change to the error record.
+    // a header is refused without a change to the error record. What was open before is closed, and
+    // after a failure nothing is open.
     bool open(const std::string& path);
 
     // One read of at most `length` bytes from where the reader stands. Returns their number, 0 at
@@ -49,20 +40,16 @@ public:
     // The header fields of the file that was opened last.
     const FirmwareImageHeader& getHeader() const { return header; }
 
-    // Those of the file that the last `open` refused, if it had a whole header: for reports.
-    const std::optional<FirmwareImageHeader>& getRefusedHeader() const { return refusedHeader; }
-
     // "Pellix ARM" and the like; empty for a code that is no FirmwareTarget.
     static std::string getTargetName(std::uint32_t device);
 
 private:
-    bool measureFile();
-    bool readAndCheckHeader();
+    bool isOpen() const { return descriptor >= 0; }
+    void release();
+    bool acceptHeader(int file);
 
-    bool isOpen = false;
-    int descriptor = -1;
+    int descriptor = -1;  // -1: not open
     FirmwareImageHeader header;
-    std::optional<FirmwareImageHeader> refusedHeader;
     std::uint32_t fileSize = 0;  // bytes; 0 while not open
     ErrorInfo* error;
 };

@@ -1,10 +1,13 @@
-#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 
 #include "core/error_info.h"
 #include "firmware/checksum.h"
@@ -29,36 +32,64 @@ struct Inspection {
     }
 };
 
-std::uint16_t sumContent(FirmwareImage& image) {
+[[noreturn]] void fail(const std::string& path, const std::string& reason) {
+    throw std::runtime_error("'" + path + "': " + reason);
+}
+
+// The file's length; none when there is no file. Throws for what would block or has no length.
+std::optional<std::uintmax_t> measureFile(const std::string& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (error) {
+        return std::nullopt;
+    }
+    if (status.type() == std::filesystem::file_type::directory) {
+        fail(path, "is a directory");
+    }
+    if (status.type() != std::filesystem::file_type::regular) {
+        fail(path, "is not a regular file");
+    }
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    return error ? std::nullopt : std::optional(size);
+}
+
+// The header fields of a file that the reader refuses.
+std::optional<FirmwareImageHeader> readHeader(const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDONLY);
+    if (file < 0) {
+        return std::nullopt;
+    }
+    const std::optional<ImageFileStart> start = readImageFileStart(file);
+    ::close(file);
+    return start ? std::optional(start->header) : std::nullopt;
+}
+
+std::uint16_t sumContent(FirmwareImage& image, const std::string& path, const ErrorInfo& error) {
     firmware::Checksum checksum;
     std::array<std::uint8_t, 65536> buffer{};
-    for (;;) {
-        const ssize_t count = image.read(buffer.data(), buffer.size());
-        if (count <= 0) {
-            return checksum.value();
-        }
+    ssize_t count = 0;
+    while ((count = image.read(buffer.data(), buffer.size())) > 0) {
         checksum.add(buffer.data(), static_cast<std::size_t>(count));
     }
+    if (count < 0) {
+        fail(path, "cannot be read: " + error.message);
+    }
+    return checksum.value();
 }
 
 Inspection inspect(const std::string& path) {
     Inspection found;
     found.path = path;
-    std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(path, error);
-    if (!error) {
-        found.fileSize = size;
-    }
+    found.fileSize = measureFile(path);
     ErrorInfo reason;
     FirmwareImage image(&reason);
-    const bool accepted = image.open(path);
-    if (!accepted) {
-        found.header = image.getRefusedHeader();
+    if (!image.open(path)) {
+        found.header = readHeader(path);
         found.refusal = reason.message;
         return found;
     }
     found.header = image.getHeader();
-    found.checksum = sumContent(image);
+    found.checksum = sumContent(image, path, reason);
     image.close();
     return found;
 }
@@ -96,6 +127,10 @@ void printText(const Inspection& found) {
     }
     if (!found.refusal.empty()) {
         printf("Error in '%s': %s\n", found.path.c_str(), found.refusal.c_str());
+    }
+    if (!found.header && found.fileSize) {
+        printf("note: the file has %llu bytes, which is too short for a header\n",
+               static_cast<unsigned long long>(*found.fileSize));
     }
 }
 

@@ -1,0 +1,57 @@
+#include "image/image_header.h"
+
+#include <unistd.h>
+
+#include <cstddef>
+
+namespace {
+
+constexpr std::uint32_t kMagic = 0x75766574;  // "tevu", read as a little-endian number
+
+// After the first short read the rest give 0.
+class FieldReader {
+public:
+    explicit FieldReader(int file) : file_(file) {}
+
+    std::uint16_t read16() { return static_cast<std::uint16_t>(readField(2)); }
+    std::uint32_t read32() { return readField(4); }
+    bool complete() const { return complete_; }
+
+private:
+    std::uint32_t readField(std::size_t width) {
+        std::uint8_t bytes[4] = {};
+        complete_ = complete_ && ::read(file_, bytes, width) == static_cast<ssize_t>(width);
+        if (!complete_) {
+            return 0;
+        }
+        std::uint32_t value = 0;
+        for (std::size_t i = width; i-- > 0;) {
+            value = value << 8 | bytes[i];
+        }
+        return value;
+    }
+
+    int file_;
+    bool complete_ = true;
+};
+
+}  // namespace
+
+std::optional<ImageFileStart> readImageFileStart(int file) {
+    FieldReader fields(file);
+    ImageFileStart start;
+    start.hasMagic = fields.read32() == kMagic;
+    start.header.headerSize = fields.read32();
+    start.header.manufacturer = fields.read32();
+    start.header.device = fields.read32();
+    start.header.contentType = fields.read32();
+    start.header.contentSize = fields.read32();
+    start.header.contentChecksum = fields.read16();
+    fields.read16();  // reserved
+    fields.read32();  // reserved
+    start.header.version = fields.read32();
+    if (!fields.complete()) {
+        return std::nullopt;
+    }
+    return start;
+}
