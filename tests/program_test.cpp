@@ -88,6 +88,16 @@ TEST_F(Program, TakesWhicheverBusLibrariesComeFirst) {
               "TalmApiClose 00\n");
     EXPECT_NE(elsewhere.output.find(" 1)  0b:ff:"), std::string::npos);
     EXPECT_NE(elsewhere.output.find("'Elsewhere')"), std::string::npos) << elsewhere.output;
+
+    // It answers a check with success, but writes no sums. An image without content gets that far.
+    orvin_image::writeFile(directory / "empty.img", makeImage(kArm, kNewVersion, 0));
+    const Result verified = shell("export LD_LIBRARY_PATH=" OTHER_LIBRARIES "; { " PREFIX
+                                  "/bin/orvin-firmware-upgrade -B -f " +
+                                  directory / "empty.img" + " & echo $! >" + directory / "pid" +
+                                  "; } | grep -m 1 -E 'verifyData|updated'; kill -KILL $(cat " +
+                                  directory / "pid" + ")");
+    EXPECT_NE(verified.output.find("after verifyData() failed"), std::string::npos)
+        << verified.output;
 }
 
 TEST_F(Program, LauncherRunsTheToolOnABusOfTheUsersOwn) {

@@ -71,6 +71,10 @@ int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uin
 // Callbacks come on threads of the library's own, at any time between setting and clearing, several
 // at once. Once a clearing call has returned no new one starts; one that was already running may
 // take a moment to end.
+//
+// A call must be able to complete while a callback waits for the tool: the tool holds a lock that
+// its callbacks take during the calls that query versions, announce, check and start. A library
+// that serves both with one thread makes the tool stand still.
 
 // Read during the setting call, so it need not outlive it. {null, null} clears.
 typedef struct {
