@@ -26,6 +26,12 @@ protected:
         return out;
     }
 
+    void setRestartPending(const std::string& vanidText) {
+        group.lockList();
+        group.setRestartPending(vanidText, true);
+        group.unlockList();
+    }
+
     // Up to the send, which fails without a bus.
     void putPacketInFlight() {
         ErrorInfo error;
@@ -107,18 +113,18 @@ TEST_F(Group, WaitsForTheDevicesThatRestartAndNoOthers) {
     group.addOrvin(orvinId(1));
     group.addOrvin(orvinId(2));
     EXPECT_TRUE(group.allRejoined());
-    group.setRestartPending(orvinId(1).substr(0, 49), true);  // nobody's identifier
+    setRestartPending(orvinId(1).substr(0, 49));  // nobody's identifier
     EXPECT_TRUE(group.allRejoined());
-    group.setRestartPending(orvinId(1), true);
+    setRestartPending(orvinId(1));
     group.markRejoined(vanid(2));
     EXPECT_FALSE(group.allRejoined());
     group.markRejoined(vanid(1));
     EXPECT_TRUE(group.allRejoined());
 
-    group.setRestartPending(orvinId(2), true);
+    setRestartPending(orvinId(2));
     group.resetRejoinState();
     EXPECT_TRUE(group.allRejoined());
-    group.setRestartPending(orvinId(1), true);
+    setRestartPending(orvinId(1));
     EXPECT_FALSE(group.allRejoined());
     captureOutput([&] { group.onTransferResult(9, vanid(1), 0); });
     group.restoreFromFullList();

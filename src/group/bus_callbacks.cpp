@@ -16,10 +16,6 @@ constexpr std::uint32_t kMemberJoined = 0;
 // needs a handful of requests at most.
 constexpr int kMaxGoBackRequests = 1'000;
 
-std::string_view bytesOf(const vanid_t& id) {
-    return {reinterpret_cast<const char*>(&id), sizeof id};
-}
-
 // Selects the results of image packets; the meaning of the numbers is the library's.
 int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
     return TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
@@ -59,89 +55,55 @@ void OrvinGroup::clearBusChangeCallback() {
     TalmApiSetBusChangeCallback(session->handle, &slot, 0);
 }
 
+// Which packet an acknowledgement is for is not looked at: a late one counts for the packet in
+// flight. A device that missed a packet that way fails its check.
 void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
                                   std::uint32_t packet) {
     ListLock lock(*this);
-    if (result == kPacketReceived && acknowledge(source)) {
+    if (result == kPacketReceived) {
+        orvins.acknowledge(source);
         return;
     }
-    // Another result, or a device that `reporters` does not know: it is empty just after a removal,
-    // and the device may be none of ours. To the end of the list: one may have been added twice.
-    for (auto member = orvins.begin(); member != orvins.end();) {
-        const bool reports = vanid_equal(&(*member)->vanid, &source) != 0;
-        member = reports ? applyTransferResult(member, result, packet) : std::next(member);
-    }
-}
-
-// Comparing every acknowledgement with every device would be 3969 calls into the library for a
-// packet to 63 devices. For the main thread: callbacks are not to allocate.
-void OrvinGroup::fillReporters() {
-    for (const auto& source : orvins) {
-        if (reporters.count(bytesOf(source->vanid)) != 0) {
-            continue;  // added twice
+    // To the end of the list: a device may have been added twice.
+    orvins.keepIf([&](Orvin& orvin) REQUIRES(listMutex) {
+        if (vanid_equal(&orvin.vanid, &source) == 0) {
+            return true;
         }
-        for (const auto& member : orvins) {
-            if (vanid_equal(&member->vanid, &source->vanid) != 0) {
-                reporters.emplace(bytesOf(source->vanid), member.get());
-            }
+        if (result == kGoBack) {
+            return goBack(orvin, packet);
         }
-    }
+        setRestartPending(orvin.vanidText, false);
+        printLine("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)", orvin.vanidText.c_str(),
+                  result, static_cast<unsigned>(result));
+        return false;
+    });
 }
 
-// False when nobody is known by the bytes of this identifier.
-bool OrvinGroup::acknowledge(const vanid_t& source) {
-    const auto members = reporters.equal_range(bytesOf(source));
-    for (auto member = members.first; member != members.second; ++member) {
-        member->second->acknowledged = true;
+bool OrvinGroup::goBack(Orvin& orvin, std::uint32_t packet) {
+    orvin.acknowledged = true;
+    if (packetNumber <= packet) {
+        return true;
     }
-    return members.first != members.second;
-}
-
-// Returns the member's successor. Which packet an acknowledgement is for is not looked at: a late
-// one counts for the packet in flight. A device that missed a packet that way fails its check.
-OrvinGroup::OrvinList::iterator OrvinGroup::applyTransferResult(OrvinList::iterator member,
-                                                                std::int32_t result,
-                                                                std::uint32_t packet) {
-    Orvin& orvin = **member;
-    if (result == kPacketReceived) {
-        orvin.acknowledged = true;
-        return std::next(member);
+    printLine("Go back in fw: cur: %d new: %d", static_cast<int>(packetNumber),
+              static_cast<int>(packet));
+    packetNumber = packet;
+    if (++orvin.goBackRequests < kMaxGoBackRequests) {
+        return true;
     }
-    if (result == kGoBack) {
-        if (packetNumber > packet) {
-            printLine("Go back in fw: cur: %d new: %d", static_cast<int>(packetNumber),
-                      static_cast<int>(packet));
-            packetNumber = packet;
-            if (++orvin.goBackRequests >= kMaxGoBackRequests) {
-                return removeForGoingBack(member);
-            }
-        }
-        orvin.acknowledged = true;
-        return std::next(member);
-    }
-    setRestartPendingLocked(orvin.vanidText, false);
-    printLine("\nRemoving Orvin %s due to faulty callback (%d / 0x%x)", orvin.vanidText.c_str(),
-              result, static_cast<unsigned>(result));
-    return eraseMember(member);
-}
-
-OrvinGroup::OrvinList::iterator OrvinGroup::removeForGoingBack(OrvinList::iterator member) {
-    const Orvin& orvin = **member;
-    setRestartPendingLocked(orvin.vanidText, false);
+    setRestartPending(orvin.vanidText, false);
     printLine("\nRemoving Orvin %s due to endless go back (%d requests)", orvin.vanidText.c_str(),
               orvin.goBackRequests);
-    return eraseMember(member);
+    return false;
 }
 
 void OrvinGroup::removeUnacknowledged() {
     ListLock lock(*this);
-    for (auto member = orvins.begin(); member != orvins.end();) {
-        if ((*member)->acknowledged) {
-            ++member;
-            continue;
+    orvins.keepIf([this](Orvin& orvin) REQUIRES(listMutex) {
+        if (orvin.acknowledged) {
+            return true;
         }
-        setRestartPendingLocked((*member)->vanidText, false);
-        printLine("\nRemoving Orvin %s due to timeout", (*member)->vanidText.c_str());
-        member = eraseMember(member);
-    }
+        setRestartPending(orvin.vanidText, false);
+        printLine("\nRemoving Orvin %s due to timeout", orvin.vanidText.c_str());
+        return false;
+    });
 }

@@ -3,32 +3,18 @@
 
 #include "group/orvin_group.h"
 
-// Each holds one of the group's two mutexes for a scope.
-
+// Holds the mutex of the group's device list for a scope.
 class SCOPED_CAPABILITY ListLock {
 public:
-    explicit ListLock(OrvinGroup& group) ACQUIRE(group.listMutex) : group_(group) {
+    explicit ListLock(OrvinGroup& lockedGroup) ACQUIRE(lockedGroup.listMutex) : group(lockedGroup) {
         group.lockList();
     }
-    ~ListLock() RELEASE() { group_.unlockList(); }
+    ~ListLock() RELEASE() { group.unlockList(); }
     ListLock(const ListLock&) = delete;
     ListLock& operator=(const ListLock&) = delete;
 
 private:
-    OrvinGroup& group_;
-};
-
-class SCOPED_CAPABILITY FullListLock {
-public:
-    explicit FullListLock(OrvinGroup& group) ACQUIRE(group.fullListMutex) : group_(group) {
-        group.lockFullList();
-    }
-    ~FullListLock() RELEASE() { group_.unlockFullList(); }
-    FullListLock(const FullListLock&) = delete;
-    FullListLock& operator=(const FullListLock&) = delete;
-
-private:
-    OrvinGroup& group_;
+    OrvinGroup& group;
 };
 
 #endif

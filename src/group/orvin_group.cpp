@@ -62,11 +62,11 @@ void OrvinGroup::addOrvin(const std::string& vanidText) {
     parseVanid(orvin->vanid, vanidText);
     {
         ListLock lock(*this);
-        orvins.push_back(orvin);
-        reporters.clear();
+        orvins.add(orvin);
     }
-    FullListLock lock(*this);
-    allOrvins.push_back(orvin);
+    lockFullList();
+    allOrvins.add(orvin);
+    unlockFullList();
 }
 
 int OrvinGroup::count() {
@@ -83,24 +83,20 @@ void OrvinGroup::getVanidTexts(std::list<std::string>& out) {
 
 void OrvinGroup::restoreFromFullList() {
     ListLock lock(*this);
-    FullListLock fullLock(*this);
-    orvins = allOrvins;
-    reporters.clear();
+    lockFullList();
+    orvins.assign(allOrvins);
+    unlockFullList();
 }
 
 void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
-    ListLock lock(*this);
-    setRestartPendingLocked(vanidText, value);
-}
-
-void OrvinGroup::setRestartPendingLocked(const std::string& vanidText, bool value) {
-    FullListLock lock(*this);
+    lockFullList();
     const auto found = std::find_if(allOrvins.begin(), allOrvins.end(), [&](const auto& orvin) {
         return orvin->vanidText == vanidText;
     });
     if (found != allOrvins.end()) {
         (*found)->restartPending = value;
     }
+    unlockFullList();
 }
 
 void OrvinGroup::resetRejoinState() {
@@ -113,13 +109,7 @@ void OrvinGroup::resetRejoinState() {
 
 void OrvinGroup::clearAcknowledged() {
     ListLock lock(*this);
-    clearAcknowledgedLocked();
-}
-
-void OrvinGroup::clearAcknowledgedLocked() {
-    for (const auto& orvin : orvins) {
-        orvin->acknowledged = false;
-    }
+    orvins.clearAcknowledged();
 }
 
 bool OrvinGroup::allAcknowledged() {
@@ -156,9 +146,4 @@ bool OrvinGroup::allOnline() {
         usleep(kPauseAfterAnswerMicroseconds);
     }
     return true;
-}
-
-OrvinGroup::OrvinList::iterator OrvinGroup::eraseMember(OrvinList::iterator member) {
-    reporters.clear();
-    return orvins.erase(member);
 }

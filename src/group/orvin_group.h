@@ -2,20 +2,17 @@
 #define GROUP_ORVIN_GROUP_H
 
 #include <atomic>
-#include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "core/mutex.h"
+#include "group/device_list.h"
 #include "talm/talm_api.h"
 
 class FirmwareImage;
 struct BusSession;
-struct PacketTransfer;
 
 // The Orvins that take part in an upgrade, and the only state shared between the main thread and
 // the bus library's callback threads.
@@ -33,18 +30,11 @@ struct PacketTransfer;
 // end, and the rest of the rejoin wait and a version check come before the end of the group.
 class OrvinGroup {
 public:
-    // Identifier and text never change; the rest is guarded by the group's listMutex.
-    struct Orvin {
-        vanid_t vanid{};              // all zero when the text is no identifier
-        std::string vanidText;        // as given; names the device in every message
-        bool acknowledged = false;    // has the packet in flight
-        int goBackRequests = 0;       // since the transfer last got further than ever before
-        bool rejoined = false;        // was reported back on the bus after its restart
-        bool restartPending = false;  // was started on an update after which it restarts
-    };
+    using Orvin = ::Orvin;
 
     // `session` is not owned and must be open while the group makes bus calls. `useMessageFile`:
-    // somebody follows the status message file, so leave certain messages there for a while.
+    // a supervising service follows the status message file, so leave certain messages there for a
+    // while.
     OrvinGroup(BusSession* session, bool useMessageFile);
     ~OrvinGroup();
     OrvinGroup(const OrvinGroup&) = delete;
@@ -57,11 +47,13 @@ public:
     void lockFullList() ACQUIRE(fullListMutex);
     void unlockFullList() RELEASE(fullListMutex);
 
-    void addOrvin(const std::string& vanidText) EXCLUDES(listMutex);
+    void addOrvin(const std::string& vanidText) EXCLUDES(listMutex, fullListMutex);
     int count() EXCLUDES(listMutex);
     void getVanidTexts(std::list<std::string>& out) EXCLUDES(listMutex);  // appends
-    void restoreFromFullList() EXCLUDES(listMutex);  // leaves the records' flags alone
-    void setRestartPending(const std::string& vanidText, bool value) EXCLUDES(listMutex);
+    // Leaves the records' flags alone.
+    void restoreFromFullList() EXCLUDES(listMutex, fullListMutex);
+    void setRestartPending(const std::string& vanidText, bool value) REQUIRES(listMutex)
+        EXCLUDES(fullListMutex);
     void resetRejoinState() EXCLUDES(listMutex);
     void clearAcknowledged() EXCLUDES(listMutex);
     bool allAcknowledged() EXCLUDES(listMutex);
@@ -96,13 +88,25 @@ public:
     void checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                        bool removeUnreachable, bool verbose) EXCLUDES(listMutex);
 
+    // ---- the packet in flight (packet_count.cpp). Requests to go back lower its number ----
+
+    void startPackets() EXCLUDES(listMutex);  // with packet 0
+    std::uint32_t nextPacket() EXCLUDES(listMutex);
+
+    // Puts the packet in flight, with no acknowledgement yet. False, and nothing is done, when it
+    // is no longer the next one.
+    bool takePacket(std::uint32_t packet) EXCLUDES(listMutex);
+
+    // Every device left has the packet in flight.
+    void noteAcknowledged() EXCLUDES(listMutex);
+
     // ---- one transfer, step by step (src/transfer) ----
 
     // Announces the image to every device and registers the transfer callback. Returns count().
     int initializeTransfers(const FirmwareImage& image) EXCLUDES(listMutex);
 
     // Sends the content to all devices at once, packet by packet, and clears the transfer callback.
-    // Returns 0, or 128 no device left, 131 read error, 135 packet refused.
+    // Returns 0 or what ended it: see the results of a transfer in core/exit_status.h.
     int transferData(FirmwareImage& image) EXCLUDES(listMutex);
 
     // Has every device check what it received. Returns count().
@@ -116,47 +120,13 @@ public:
     bool waitForRejoin() EXCLUDES(listMutex);
 
 private:
-    using OrvinList = std::list<boost::shared_ptr<Orvin>>;
-
-    // Not std::hash itself: the standard library takes that for slow and would rather walk through
-    // a table of up to 20. Not noexcept: it would compute the hashes of what it holds again.
-    struct BytesHash {
-        std::size_t operator()(std::string_view bytes) const {
-            return std::hash<std::string_view>()(bytes);
-        }
-    };
-
-    // Unlinks the device and returns its successor.
-    OrvinList::iterator eraseMember(OrvinList::iterator member) REQUIRES(listMutex);
-
-    void setRestartPendingLocked(const std::string& vanidText, bool value) REQUIRES(listMutex);
-    void clearAcknowledgedLocked() REQUIRES(listMutex);
-
-    void fillReporters() REQUIRES(listMutex);
-    bool acknowledge(const vanid_t& source) REQUIRES(listMutex);
-    OrvinList::iterator applyTransferResult(OrvinList::iterator member, std::int32_t result,
-                                            std::uint32_t packet) REQUIRES(listMutex);
-    OrvinList::iterator removeForGoingBack(OrvinList::iterator member) REQUIRES(listMutex);
-
-    void runStep(const char* lineStart, const char* name, const std::function<bool(Orvin&)>& step)
+    // Carries out one step of the transfer for every device. One that fails it leaves the device
+    // list; `removalLine` is the format of the line that names it.
+    void runStep(const char* removalLine, const std::function<bool(Orvin&)>& step)
         EXCLUDES(listMutex);
 
-    // The packet loop of transferData.
-    int sendContent(PacketTransfer& transfer) EXCLUDES(listMutex);
-    void startCounting() EXCLUDES(listMutex);
-    void noteAcknowledged() EXCLUDES(listMutex);
-    std::uint32_t nextPacket() EXCLUDES(listMutex);
-    bool lookUpPacket(PacketTransfer& transfer) EXCLUDES(listMutex);
-    bool takePacket(const PacketTransfer& transfer) EXCLUDES(listMutex);
-    void showProgress(const PacketTransfer& transfer) EXCLUDES(listMutex);
-    int sendUntilAcknowledged(PacketTransfer& transfer) EXCLUDES(listMutex);
-    int sendPacket(const PacketTransfer& transfer);
-
-    // The phases of waitForRejoin. `budget`: the seconds left to wait.
-    void waitForLink();
-    void waitForReports(std::int64_t& budget);
-    void waitForMembership(std::int64_t& budget);
-    bool waitForAnswers(std::int64_t& budget);
+    // False when the device has asked too often and is to be dropped.
+    bool goBack(Orvin& orvin, std::uint32_t packet) REQUIRES(listMutex);
 
     // Number of the next packet to send. The main thread takes numbers in order; a go-back request
     // lowers it, on a callback thread.
@@ -165,17 +135,12 @@ private:
     Mutex listMutex ACQUIRED_BEFORE(fullListMutex);               // recursive
     Mutex fullListMutex;
     std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
-    OrvinList orvins GUARDED_BY(listMutex);
-    // The members of `orvins` that an acknowledgement is about, by the bytes of the identifier that
-    // acknowledges: of every member's identifier, or empty since `orvins` changed. The records in
-    // `orvins` are what the pointers and views lead to.
-    std::unordered_multimap<std::string_view, Orvin*, BytesHash> reporters GUARDED_BY(listMutex);
-    OrvinList allOrvins GUARDED_BY(fullListMutex);
+    DeviceList orvins GUARDED_BY(listMutex);
+    DeviceList allOrvins GUARDED_BY(fullListMutex);
     BusSession* const session;
     const bool useMessageFile;
 
     friend class ListLock;
-    friend class FullListLock;
 };
 
 #endif

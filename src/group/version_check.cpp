@@ -41,27 +41,23 @@ Need needOf(const DeviceVersions& versions, const FirmwareImageHeader& header) {
 void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                                bool removeUnreachable, bool verbose) {
     ListLock lock(*this);
-    for (auto member = orvins.begin(); member != orvins.end();) {
-        const Orvin& orvin = **member;
+    orvins.keepIf([&](Orvin& orvin) REQUIRES(listMutex) {
         const char* const text = orvin.vanidText.c_str();
         DeviceVersions versions;
         if (!getVersion(*session, orvin.vanid, versions)) {
             printLine("orvin '%s' getVersion() failed", text);
             if (!removeUnreachable) {
-                ++member;
-                continue;
+                return true;
             }
-            setRestartPendingLocked(orvin.vanidText, false);
+            setRestartPending(orvin.vanidText, false);
             printLine("Removing Orvin %s because getVersion failed", text);
-            member = eraseMember(member);
-            continue;
+            return false;
         }
         const Need need = needOf(versions, image.getHeader());
         if (need == Need::Image) {
-            ++member;
-            continue;
+            return true;
         }
-        setRestartPendingLocked(orvin.vanidText, false);
+        setRestartPending(orvin.vanidText, false);
         if (need == Need::UpToDate) {
             upToDate.push_back(orvin.vanidText);
         }
@@ -70,6 +66,6 @@ void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string
                                              : "Orvin %s is another type.",
                       text);
         }
-        member = eraseMember(member);
-    }
+        return false;
+    });
 }

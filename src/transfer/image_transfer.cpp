@@ -9,7 +9,6 @@
 
 #include "core/console.h"
 #include "core/exit_status.h"
-#include "group/list_lock.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "status/format_message.h"
@@ -29,23 +28,31 @@ constexpr std::uint32_t kPacketsPerDot = 20;
 // How long the last progress message stays for those who follow the status message file.
 constexpr useconds_t kFollowersPauseMicroseconds = 5'000'000;
 
-}  // namespace
-
-// What one call of transferData knows. Main thread only.
-struct PacketTransfer {
-    explicit PacketTransfer(FirmwareImage& openImage)
-        : image(openImage),
+// One run through the content of an image. Main thread only.
+class PacketLoop {
+public:
+    PacketLoop(OrvinGroup& receivers, const BusSession& busSession, FirmwareImage& openImage)
+        : group(receivers),
+          session(busSession),
+          image(openImage),
           contentSize(openImage.getHeader().contentSize),
           targetName(FirmwareImage::getTargetName(openImage.getHeader().device)) {}
 
-    // Writes the progress to the status message file, in steps of 5 %, while there is content left.
-    void reportProgress();
-
-    // Fills the buffer with the content of the packet. False when the image does not yield it.
-    bool readPacket();
+    // Returns what transferData does.
+    int run();
 
     void printReport() const;
 
+private:
+    bool lookUpPacket();
+    void reportProgress();
+    bool readPacket();
+    int sendPacket();
+    int sendUntilAcknowledged();
+    void showProgress();
+
+    OrvinGroup& group;
+    const BusSession& session;
     FirmwareImage& image;
     const std::uint32_t contentSize;
     const std::string targetName;
@@ -57,10 +64,45 @@ struct PacketTransfer {
     std::int32_t lastReportedPercent = -1;
 };
 
-void PacketTransfer::reportProgress() {
-    if (bytesTransferred >= contentSize) {
-        return;
+int PacketLoop::run() {
+    const TimerSlack slack;
+    image.seek(0);
+    group.startPackets();
+    while (lookUpPacket()) {
+        reportProgress();
+        if (!readPacket()) {
+            printLine("\nError reading firmware file");
+            return exit_status::kImageReadFailed;
+        }
+        if (!group.takePacket(packet)) {
+            continue;  // a device has asked to go back since the packet was looked up
+        }
+        const int sent = sendUntilAcknowledged();
+        if (sent != kSentToAll) {
+            printLine("\nError in sendChunk(): %d", sent);
+            return exit_status::kSendFailed;
+        }
+        if (group.count() == 0) {
+            printLine("\nNo Orvins left; aborting");
+            return exit_status::kNoOrvinsLeft;
+        }
+        group.noteAcknowledged();
+        showProgress();
     }
+    return exit_status::kSuccess;
+}
+
+// Looks which packet is the next; false when all were sent. The bytes transferred follow its
+// number, so that they go back with it and the transfer ends only when every byte was acknowledged.
+bool PacketLoop::lookUpPacket() {
+    packet = group.nextPacket();
+    const std::uint64_t before = std::uint64_t{packet} * ImageChunkSize;
+    bytesTransferred = static_cast<std::uint32_t>(std::min<std::uint64_t>(before, contentSize));
+    return before < contentSize;
+}
+
+// Writes the progress to the status message file, in steps.
+void PacketLoop::reportProgress() {
     // Rounds up, so an image of more than 100 packets shows 100 during its last per cent.
     const std::uint32_t left = contentSize - bytesTransferred;
     const auto percent = static_cast<std::int32_t>(100 - 100 * left / contentSize);
@@ -75,7 +117,8 @@ void PacketTransfer::reportProgress() {
     lastReportedPercent = percent;
 }
 
-bool PacketTransfer::readPacket() {
+// Fills the buffer with the content of the packet. False when the image does not yield it.
+bool PacketLoop::readPacket() {
     const std::uint32_t offset = packet * static_cast<std::uint32_t>(ImageChunkSize);
     if (packet != packetAtReader && !image.seek(static_cast<std::int32_t>(offset))) {
         return false;
@@ -88,134 +131,55 @@ bool PacketTransfer::readPacket() {
            static_cast<ssize_t>(std::min<std::size_t>(ImageChunkSize, contentSize - offset));
 }
 
-void PacketTransfer::printReport() const {
-    printLine("\n>> Transferred %d bytes in %d packet%s", static_cast<int>(bytesTransferred),
-              static_cast<int>(packet), packet > 1 ? "s" : "");
-    printLine(">> Amount of retransmitted packets: %d", retransmissions);
-}
-
-int OrvinGroup::transferData(FirmwareImage& image) {
-    startCounting();
-    PacketTransfer transfer(image);
-    image.seek(0);
-    const int result = sendContent(transfer);
-    if (result == exit_status::kSuccess) {
-        transfer.printReport();
-    }
-    clearTransferCallback();
-    if (result == exit_status::kSuccess && useMessageFile) {
-        usleep(kFollowersPauseMicroseconds);
-    }
-    return result;
-}
-
-int OrvinGroup::sendContent(PacketTransfer& transfer) {
-    const TimerSlack slack;
-    while (lookUpPacket(transfer)) {
-        transfer.reportProgress();
-        if (!transfer.readPacket()) {
-            printLine("\nError reading firmware file");
-            return exit_status::kImageReadFailed;
-        }
-        if (!takePacket(transfer)) {
-            continue;
-        }
-        const int sent = sendUntilAcknowledged(transfer);
-        if (sent != kSentToAll) {
-            printLine("\nError in sendChunk(): %d", sent);
-            return exit_status::kSendFailed;
-        }
-        if (count() == 0) {
-            printLine("\nNo Orvins left; aborting");
-            return exit_status::kNoOrvinsLeft;
-        }
-        noteAcknowledged();
-        showProgress(transfer);
-    }
-    return exit_status::kSuccess;
-}
-
-void OrvinGroup::startCounting() {
-    ListLock lock(*this);
-    packetNumber = 0;
-    packetsAcknowledged = 0;
-    for (const auto& orvin : orvins) {
-        orvin->goBackRequests = 0;
-    }
-}
-
-// Every device left has the packet in flight. Whoever asked to go back before the transfer got
-// further than ever has not asked in vain.
-void OrvinGroup::noteAcknowledged() {
-    ListLock lock(*this);
-    if (packetNumber <= packetsAcknowledged) {
-        return;
-    }
-    packetsAcknowledged = packetNumber;
-    for (const auto& orvin : orvins) {
-        orvin->goBackRequests = 0;
-    }
-}
-
-std::uint32_t OrvinGroup::nextPacket() {
-    ListLock lock(*this);
-    return packetNumber;
-}
-
-// Looks which packet is the next; false when all were sent. The bytes transferred follow its
-// number, so that they go back with it and the transfer ends only when every byte was acknowledged.
-bool OrvinGroup::lookUpPacket(PacketTransfer& transfer) {
-    transfer.packet = nextPacket();
-    const std::uint64_t before = std::uint64_t{transfer.packet} * ImageChunkSize;
-    transfer.bytesTransferred =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>(before, transfer.contentSize));
-    return before < transfer.contentSize;
-}
-
-// Takes the packet's number, in one go with clearing the acknowledgements; false when a device has
-// asked to go back since it was looked up, so that other content is wanted. A request that comes
-// later is found once this packet was acknowledged, and is an acknowledgement itself.
-bool OrvinGroup::takePacket(const PacketTransfer& transfer) {
-    ListLock lock(*this);
-    if (packetNumber != transfer.packet) {
-        return false;
-    }
-    if (reporters.empty()) {
-        fillReporters();
-    }
-    clearAcknowledgedLocked();
-    ++packetNumber;
-    return true;
-}
-
-void OrvinGroup::showProgress(const PacketTransfer& transfer) {
-    const std::uint32_t next = nextPacket();
-    const bool wentBack = next <= transfer.packet;
-    if (!wentBack && next % kPacketsPerDot == 0) {
-        printProgress(".");
-    }
+int PacketLoop::sendPacket() {
+    return sendChunk(session, broadcastVanid, content, packet);
 }
 
 // Sends the packet in flight, a second time if need be, and drops the devices that acknowledge
 // neither. Returns kSentToAll, or what the library answered instead.
-int OrvinGroup::sendUntilAcknowledged(PacketTransfer& transfer) {
-    int sent = sendPacket(transfer);
-    for (int poll = 0; sent == kSentToAll && !allAcknowledged();) {
+int PacketLoop::sendUntilAcknowledged() {
+    int sent = sendPacket();
+    for (int poll = 0; sent == kSentToAll && !group.allAcknowledged();) {
         usleep(kPollMicroseconds);
         ++poll;
         if (poll == kResendPolls) {
             printUnflushed("#");
-            ++transfer.retransmissions;
-            sent = sendPacket(transfer);
+            ++retransmissions;
+            sent = sendPacket();
         }
         if (poll == kRemovalPolls) {
-            removeUnacknowledged();
+            group.removeUnacknowledged();
             break;
         }
     }
     return sent;
 }
 
-int OrvinGroup::sendPacket(const PacketTransfer& transfer) {
-    return sendChunk(*session, broadcastVanid, transfer.content, transfer.packet);
+void PacketLoop::showProgress() {
+    const std::uint32_t next = group.nextPacket();
+    const bool wentBack = next <= packet;
+    if (!wentBack && next % kPacketsPerDot == 0) {
+        printProgress(".");
+    }
+}
+
+void PacketLoop::printReport() const {
+    printLine("\n>> Transferred %d bytes in %d packet%s", static_cast<int>(bytesTransferred),
+              static_cast<int>(packet), packet > 1 ? "s" : "");
+    printLine(">> Amount of retransmitted packets: %d", retransmissions);
+}
+
+}  // namespace
+
+int OrvinGroup::transferData(FirmwareImage& image) {
+    PacketLoop loop(*this, *session, image);
+    const int result = loop.run();
+    if (result == exit_status::kSuccess) {
+        loop.printReport();
+    }
+    clearTransferCallback();
+    if (result == exit_status::kSuccess && useMessageFile) {
+        usleep(kFollowersPauseMicroseconds);
+    }
+    return result;
 }

@@ -41,6 +41,53 @@ void writeProgress(ssize_t completed, ssize_t total) {
         gettext("Installing Orvin firmware: %zd / %zd completed"), completed, total));
 }
 
+// Not charged to the budget, and no error when the link stays down: the next phases will tell.
+void waitForLink(const BusSession& session) {
+    printProgress("Waiting for bus to become active...");
+    for (int waits = 0; !isLinkActive(session) && waits < kLinkWaits; ++waits) {
+        sleepSeconds(kLinkWaitSeconds);
+        printProgress(".");
+    }
+    printLine(" done.");
+}
+
+void waitForReports(OrvinGroup& group, const std::atomic<std::uint32_t>& reports,
+                    std::int64_t& budget) {
+    printProgress("Waiting for Orvins to get back online...");
+    while (!group.allRejoined() && budget >= 1) {
+        budget -= kReportWaitSeconds;
+        sleepSeconds(kReportWaitSeconds);
+        printProgress("<");
+        writeProgress(static_cast<ssize_t>(reports), group.count());
+    }
+}
+
+void waitForMembership(OrvinGroup& group, const BusSession& session, std::int64_t& budget) {
+    do {
+        int onBus = 0;
+        if (countOrvins(session, &onBus) && onBus >= group.count()) {
+            return;
+        }
+        printProgress("#");
+        writeProgress(onBus, group.count());
+        budget -= kMembershipWaitSeconds;
+        sleepSeconds(kMembershipWaitSeconds);
+    } while (budget >= 1);
+}
+
+// Asks at least once, even when the budget is spent.
+bool waitForAnswers(OrvinGroup& group, std::int64_t& budget) {
+    while (!group.allOnline()) {
+        budget -= kAnswerWaitSeconds;
+        printProgress("+");
+        sleepSeconds(kAnswerWaitSeconds);
+        if (budget < 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 bool OrvinGroup::waitForRejoin() {
@@ -48,67 +95,21 @@ bool OrvinGroup::waitForRejoin() {
     // TRANSLATORS: shown while the devices restart with their new firmware.
     MessageWriter::instance()->write(gettext("Please wait..."));
     printLine("Will wait %lld seconds for Orvins to rejoin.", static_cast<long long>(budget));
-    waitForLink();
+    waitForLink(*session);
     if (count() == 0) {
         clearBusChangeCallback();
         return true;
     }
-    waitForReports(budget);
+    waitForReports(*this, rejoinedCount, budget);
     clearBusChangeCallback();
     resetRejoinState();
     sleepSeconds(kSettleSeconds);
-    waitForMembership(budget);
+    waitForMembership(*this, *session, budget);
     sleepSeconds(kSettleSeconds);
-    return waitForAnswers(budget);
-}
-
-// Not charged to the budget, and no error when the link stays down: the next phases will tell.
-void OrvinGroup::waitForLink() {
-    printProgress("Waiting for bus to become active...");
-    for (int waits = 0; !isLinkActive(*session) && waits < kLinkWaits; ++waits) {
-        sleepSeconds(kLinkWaitSeconds);
-        printProgress(".");
+    const bool online = waitForAnswers(*this, budget);
+    printLine(online ? " done." : " timeout!");
+    if (!online && useMessageFile) {
+        sleepSeconds(kFollowersPauseSeconds);
     }
-    printLine(" done.");
-}
-
-void OrvinGroup::waitForReports(std::int64_t& budget) {
-    printProgress("Waiting for Orvins to get back online...");
-    while (!allRejoined() && budget >= 1) {
-        budget -= kReportWaitSeconds;
-        sleepSeconds(kReportWaitSeconds);
-        printProgress("<");
-        writeProgress(static_cast<ssize_t>(rejoinedCount), count());
-    }
-}
-
-void OrvinGroup::waitForMembership(std::int64_t& budget) {
-    do {
-        int onBus = 0;
-        if (countOrvins(*session, &onBus) && onBus >= count()) {
-            return;
-        }
-        printProgress("#");
-        writeProgress(onBus, count());
-        budget -= kMembershipWaitSeconds;
-        sleepSeconds(kMembershipWaitSeconds);
-    } while (budget >= 1);
-}
-
-// Asks at least once, even when the budget is spent.
-bool OrvinGroup::waitForAnswers(std::int64_t& budget) {
-    while (!allOnline()) {
-        budget -= kAnswerWaitSeconds;
-        printProgress("+");
-        sleepSeconds(kAnswerWaitSeconds);
-        if (budget < 1) {
-            printLine(" timeout!");
-            if (useMessageFile) {
-                sleepSeconds(kFollowersPauseSeconds);
-            }
-            return false;
-        }
-    }
-    printLine(" done.");
-    return true;
+    return online;
 }

@@ -26,23 +26,19 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
     return true;
 }
 
-// Carries out one step of the transfer for every device; one that fails it leaves the device list.
-void OrvinGroup::runStep(const char* lineStart, const char* name,
-                         const std::function<bool(Orvin&)>& step) {
+void OrvinGroup::runStep(const char* removalLine, const std::function<bool(Orvin&)>& step) {
     ListLock lock(*this);
-    for (auto member = orvins.begin(); member != orvins.end();) {
-        if (step(**member)) {
-            ++member;
-            continue;
+    orvins.keepIf([&](Orvin& orvin) {
+        const bool done = step(orvin);
+        if (!done) {
+            printLine(removalLine, orvin.vanidText.c_str());
         }
-        printLine("%sRemoving orvin '%s' after %s() failed", lineStart,
-                  (*member)->vanidText.c_str(), name);
-        member = eraseMember(member);
-    }
+        return done;
+    });
 }
 
 int OrvinGroup::initializeTransfers(const FirmwareImage& image) {
-    runStep("\n", "initializeTransfer", [&](Orvin& orvin) {
+    runStep("\nRemoving orvin '%s' after initializeTransfer() failed", [&](const Orvin& orvin) {
         return initializeTransfer(*session, orvin.vanid, image.getHeader());
     });
     registerTransferCallback();
@@ -52,22 +48,20 @@ int OrvinGroup::initializeTransfers(const FirmwareImage& image) {
 int OrvinGroup::verifyAll(std::uint32_t device) {
     // TRANSLATORS: each device checks whether it received the firmware whole.
     MessageWriter::instance()->write(gettext("Verifying uploaded firmware image..."));
-    runStep("\n", "verifyData",
-            [&](Orvin& orvin) { return verifyData(*session, orvin.vanid, device); });
+    runStep("\nRemoving orvin '%s' after verifyData() failed",
+            [&](const Orvin& orvin) { return verifyData(*session, orvin.vanid, device); });
     return count();
 }
 
 int OrvinGroup::startUpdates(std::uint32_t device) {
     registerBusChangeCallback();  // before the first device can leave and come back
-    runStep("", "startUpdate", [&](Orvin& orvin) {
-        if (!startUpdate(*session, orvin.vanid, device)) {
-            return false;
-        }
-        if (!isAuxiliaryTarget(device)) {
+    runStep("Removing orvin '%s' after startUpdate() failed", [&](Orvin& orvin) {
+        const bool started = startUpdate(*session, orvin.vanid, device);
+        if (started && !isAuxiliaryTarget(device)) {
             orvin.rejoined = false;
             orvin.restartPending = true;
         }
-        return true;
+        return started;
     });
     rejoinedCount = 0;
     return count();

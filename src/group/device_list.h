@@ -1,0 +1,56 @@
+#ifndef GROUP_DEVICE_LIST_H
+#define GROUP_DEVICE_LIST_H
+
+#include <boost/shared_ptr.hpp>
+#include <functional>
+#include <list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "talm/vanid.h"
+
+// One device of a group. Identifier and text never change; the rest is guarded by the group's
+// listMutex.
+struct Orvin {
+    vanid_t vanid{};              // all zero when the text is no identifier
+    std::string vanidText;        // as given; names the device in every message
+    bool acknowledged = false;    // has the packet in flight
+    bool rejoined = false;        // was reported back on the bus after its restart
+    bool restartPending = false;  // was started on an update after which it restarts
+    int goBackRequests = 0;       // since the transfer last got further than ever before
+};
+
+// Records of devices, in the order of adding, with a look-up of those that an acknowledgement is
+// about. Without a lock of its own.
+class DeviceList {
+public:
+    using Records = std::list<boost::shared_ptr<Orvin>>;
+
+    Records::const_iterator begin() const { return records.begin(); }
+    Records::const_iterator end() const { return records.end(); }
+    std::size_t size() const { return records.size(); }
+
+    void add(const boost::shared_ptr<Orvin>& orvin);
+    void assign(const DeviceList& other);
+
+    // Asks for each device, in order, whether it stays, and drops it at once if it does not.
+    void keepIf(const std::function<bool(Orvin&)>& stays);
+
+    void clearAcknowledged();
+
+    // Marks every record of the device as having the packet in flight. Allocates nothing.
+    void acknowledge(const vanid_t& source);
+
+    // Makes the next acknowledgements quick, until the list changes. Comparing each with every
+    // device would be 3969 calls into the library for a packet to 63 devices.
+    void prepareLookUp();
+
+private:
+    Records records;
+    // Each device with the identifier that acknowledges for it, in the order of the identifiers'
+    // bytes; empty since `records` changed.
+    std::vector<std::pair<vanid_t, Orvin*>> acknowledgers;
+};
+
+#endif
