@@ -5,19 +5,9 @@
 
 namespace {
 
-struct ByBytes {
-    static bool less(const vanid_t& a, const vanid_t& b) {
-        return std::memcmp(&a, &b, sizeof a) < 0;
-    }
-    template <typename Entry>
-    bool operator()(const Entry& entry, const vanid_t& id) const {
-        return less(entry.first, id);
-    }
-    template <typename Entry>
-    bool operator()(const vanid_t& id, const Entry& entry) const {
-        return less(id, entry.first);
-    }
-};
+bool isLess(const vanid_t& a, const vanid_t& b) {
+    return std::memcmp(&a, &b, sizeof a) < 0;
+}
 
 }  // namespace
 
@@ -49,11 +39,15 @@ void DeviceList::clearAcknowledged() {
 }
 
 void DeviceList::acknowledge(const vanid_t& source) {
-    const auto known =
-        std::equal_range(acknowledgers.begin(), acknowledgers.end(), source, ByBytes());
-    if (known.first != known.second) {
-        std::for_each(known.first, known.second,
-                      [](const auto& entry) { entry.second->acknowledged = true; });
+    auto entry = std::lower_bound(
+        acknowledgers.begin(), acknowledgers.end(), source,
+        [](const auto& each, const vanid_t& id) { return isLess(each.first, id); });
+    bool known = false;
+    for (; entry != acknowledgers.end() && !isLess(source, entry->first); ++entry) {
+        entry->second->acknowledged = true;
+        known = true;
+    }
+    if (known) {
         return;
     }
     for (const auto& orvin : records) {
@@ -75,5 +69,5 @@ void DeviceList::prepareLookUp() {
         }
     }
     std::sort(acknowledgers.begin(), acknowledgers.end(),
-              [](const auto& a, const auto& b) { return ByBytes::less(a.first, b.first); });
+              [](const auto& a, const auto& b) { return isLess(a.first, b.first); });
 }
