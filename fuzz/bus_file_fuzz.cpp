@@ -3,14 +3,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "files/one_line.h"
 #include "sim/bus_file.h"
-#include "sim/trace.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
         sim::describeBus(sim::parseBusFile({reinterpret_cast<const char*>(data), size}));
     } catch (const sim::BusFileError& error) {
-        const std::string line = sim::onOneLine(error.what());
+        const std::string line = onOneLine(error.what());
         if (line.empty() || line.find('\n') != std::string::npos) {
             std::abort();
         }

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "files/one_line.h"
 #include "sim/bus.h"
 #include "sim/connections.h"
 #include "sim/identifier.h"
@@ -107,7 +108,7 @@ std::shared_ptr<Bus> openBus(const std::string& connection) {
     } catch (const std::exception& error) {
         constexpr std::size_t kMaxReason = 300;
         const std::string reason = std::string(error.what()).substr(0, kMaxReason);
-        const std::string line = sim::onOneLine("bus file '" + path + "': " + reason);
+        const std::string line = onOneLine("bus file '" + path + "': " + reason);
         std::fprintf(stderr, "%s\n", line.c_str());
         return nullptr;
     }

@@ -1,9 +1,10 @@
 #include "sim/trace.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+
+#include "files/one_line.h"
 
 namespace sim {
 
@@ -26,14 +27,6 @@ void Trace::write(Microseconds time, const std::string& line) {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::fprintf(file_.get(), "%6lld.%06lld %s\n", static_cast<long long>(time / kSecond),
                  static_cast<long long>(time % kSecond), onOneLine(line).c_str());
-}
-
-std::string onOneLine(std::string text) {
-    const auto isControl = [](char character) {
-        return static_cast<unsigned char>(character) < ' ' || character == '\x7f';
-    };
-    std::replace_if(text.begin(), text.end(), isControl, '?');
-    return text;
 }
 
 }  // namespace sim

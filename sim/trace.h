@@ -31,9 +31,6 @@ private:
     std::unique_ptr<std::FILE, Close> file_;
 };
 
-// The text with a question mark for every character that would not stay on its line.
-std::string onOneLine(std::string text);
-
 }  // namespace sim
 
 #endif
