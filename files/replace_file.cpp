@@ -5,28 +5,93 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 
 namespace {
 
 constexpr mode_t kNewFileMode = 0666;  // less the umask
 
-bool writeAndClose(int file, const std::string& bytes) {
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = write(file, bytes.data() + written, bytes.size() - written);
-        if (count < 0) {
-            const int error = errno;
-            close(file);
-            errno = error;
-            return false;
+// Keeps the signals that would end the process waiting, so that it can remove its temporary file
+// first. That asks for no handler, which would belong to the whole process, and works on every file
+// system, unlike a file without a name. A process of several threads gets them in another one.
+class HeldSignals {
+public:
+    HeldSignals() {
+        pthread_sigmask(SIG_BLOCK, nullptr, &before_);
+        sigemptyset(&held_);
+        for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+            struct sigaction action {};
+            sigaction(number, nullptr, &action);
+            if (action.sa_handler == SIG_DFL && sigismember(&before_, number) == 0) {
+                sigaddset(&held_, number);
+            }
         }
-        written += static_cast<std::size_t>(count);
+        pthread_sigmask(SIG_BLOCK, &held_, nullptr);
     }
-    return close(file) == 0;
-}
+    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+
+    // Whether one of them ends the process as soon as this object is gone.
+    bool oneWaits() const {
+        sigset_t waiting;
+        sigpending(&waiting);
+        sigandset(&waiting, &waiting, &held_);
+        return sigisemptyset(&waiting) == 0;
+    }
+
+private:
+    sigset_t held_{};
+    sigset_t before_{};
+};
+
+class OpenFile {
+public:
+    explicit OpenFile(int descriptor) : descriptor_(descriptor) {}
+    ~OpenFile() { close(); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    int descriptor() const { return descriptor_; }
+
+    bool close() {
+        const int descriptor = std::exchange(descriptor_, -1);
+        return descriptor < 0 || ::close(descriptor) == 0;
+    }
+
+    bool write(const void* bytes, std::size_t length) const {
+        const char* next = static_cast<const char*>(bytes);
+        while (length > 0) {
+            const ssize_t count = ::write(descriptor_, next, length);
+            if (count < 0) {
+                return false;
+            }
+            next += count;
+            length -= static_cast<std::size_t>(count);
+        }
+        return true;
+    }
+
+private:
+    int descriptor_;  // -1: not open
+};
+
+// Removes the file, unless it got another name by then.
+struct TemporaryName {
+    std::string path;
+
+    ~TemporaryName() {
+        const int error = errno;
+        if (!path.empty()) {
+            unlink(path.c_str());
+        }
+        errno = error;
+    }
+};
 
 mode_t defaultMode() {
     const mode_t mask = umask(0);
@@ -34,29 +99,54 @@ mode_t defaultMode() {
     return kNewFileMode & ~mask;
 }
 
+bool writeInPlace(const std::string& path, const std::function<bool(const WriteBytes&)>& produce) {
+    OpenFile file(open(path.c_str(), O_WRONLY));
+    return file.descriptor() >= 0 && produce([&](const void* bytes, std::size_t length) {
+               return file.write(bytes, length);
+           }) &&
+           file.close();
+}
+
+bool writeBeside(const std::string& path, mode_t mode,
+                 const std::function<bool(const WriteBytes&)>& produce) {
+    const HeldSignals signals;
+    TemporaryName temporary{path + ".XXXXXX"};
+    OpenFile file(mkstemp(temporary.path.data()));
+    if (file.descriptor() < 0) {
+        temporary.path.clear();
+        return false;
+    }
+    fchmod(file.descriptor(), mode);
+    const auto write = [&](const void* bytes, std::size_t length) {
+        if (signals.oneWaits()) {
+            errno = EINTR;
+            return false;
+        }
+        return file.write(bytes, length);
+    };
+    if (!produce(write) || !file.close() ||
+        std::rename(temporary.path.c_str(), path.c_str()) != 0) {
+        return false;
+    }
+    temporary.path.clear();
+    return true;
+}
+
 }  // namespace
 
-bool replaceFile(const std::string& path, const std::string& bytes) {
+bool replaceFile(const std::string& path, const std::function<bool(const WriteBytes&)>& produce) {
     std::error_code ignored;
     const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, ignored);
     const std::string target = resolved.empty() ? path : resolved.string();
     struct stat old {};
     const bool exists = stat(target.c_str(), &old) == 0;
     if (exists && !S_ISREG(old.st_mode)) {
-        const int file = open(target.c_str(), O_WRONLY);
-        return file >= 0 && writeAndClose(file, bytes);
+        return writeInPlace(target, produce);
     }
-    std::string temporary = target + ".XXXXXX";
-    const int file = mkstemp(temporary.data());
-    if (file < 0) {
-        return false;
-    }
-    fchmod(file, exists ? old.st_mode : defaultMode());
-    if (writeAndClose(file, bytes) && std::rename(temporary.c_str(), target.c_str()) == 0) {
-        return true;
-    }
-    const int error = errno;
-    unlink(temporary.c_str());
-    errno = error;
-    return false;
+    return writeBeside(target, exists ? old.st_mode : defaultMode(), produce);
+}
+
+bool replaceFile(const std::string& path, const std::string& bytes) {
+    return replaceFile(path,
+                       [&](const WriteBytes& write) { return write(bytes.data(), bytes.size()); });
 }

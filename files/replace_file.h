@@ -1,12 +1,20 @@
 #ifndef FILES_REPLACE_FILE_H
 #define FILES_REPLACE_FILE_H
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
-// Writes the bytes to a new file beside the old one, which then takes its place, so that a reader
+// Takes the next bytes of a file. False, with the reason in errno, when they cannot be written.
+using WriteBytes = std::function<bool(const void* bytes, std::size_t length)>;
+
+// Has `produce` write a new file beside the old one, which then takes its place, so that a reader
 // finds the one or the other whole. Follows links and keeps the permissions; what is no regular
-// file is written to as it is. False, with the reason in errno and the old file as it was, on
-// failure.
+// file is written to as it is. When `produce` returns false or throws, or on failure, the old file
+// stays as it was and nothing new stays behind; false has the reason in errno.
+bool replaceFile(const std::string& path,
+                 const std::function<bool(const WriteBytes& write)>& produce);
+
 bool replaceFile(const std::string& path, const std::string& bytes);
 
 #endif

@@ -21,7 +21,7 @@ void put(Bytes& bytes, std::size_t offset, std::uint32_t value) {
 class FirmwareImageFile : public testing::Test {
 protected:
     bool open(const Bytes& bytes) {
-        orvin_image::writeFile(path, bytes);
+        writeFile(path, bytes);
         return image.open(path);
     }
 
@@ -110,7 +110,7 @@ TEST_F(FirmwareImageFile, RefusesWhatIsNoImageWithTheReason) {
         bytes.resize(example.length);
         ErrorInfo reason;
         FirmwareImage refused(&reason);
-        orvin_image::writeFile(path, bytes);
+        writeFile(path, bytes);
         EXPECT_FALSE(refused.open(path)) << example.what;
         EXPECT_EQ(reason.code, 128) << example.what;
         EXPECT_EQ(reason.message, example.reason) << example.what;
@@ -133,7 +133,7 @@ TEST_F(FirmwareImageFile, IsRefusedFromTwoGibibytesOn) {
     for (const auto& example : cases) {
         Bytes bytes = makeImage(kArm, kNewVersion, 100);
         put(bytes, 20, static_cast<std::uint32_t>(example.contentSize));
-        orvin_image::writeFile(path, bytes);
+        writeFile(path, bytes);
         ASSERT_EQ(truncate(path.c_str(), example.length), 0);
         EXPECT_EQ(image.open(path), example.accepted) << example.length;
         if (example.accepted) {
@@ -179,7 +179,7 @@ TEST_F(FirmwareImageFile, TakesTheContentFromWhereTheHeaderSaysItBegins) {
     put(noHeader, 20, 65);
     ErrorInfo reason;
     FirmwareImage whole(&reason);
-    orvin_image::writeFile(path, noHeader);
+    writeFile(path, noHeader);
     ASSERT_TRUE(whole.open(path));
     EXPECT_EQ(whole.read(&byte, 1), 1);
     EXPECT_EQ(byte, 't');

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
+#include "files/replace_file.h"
 #include "support/bus_builder.h"
 #include "support/files.h"
 
@@ -90,7 +92,7 @@ TEST_F(Program, TakesWhicheverBusLibrariesComeFirst) {
     EXPECT_NE(elsewhere.output.find("'Elsewhere')"), std::string::npos) << elsewhere.output;
 
     // It answers a check with success, but writes no sums. An image without content gets that far.
-    orvin_image::writeFile(directory / "empty.img", makeImage(kArm, kNewVersion, 0));
+    writeFile(directory / "empty.img", makeImage(kArm, kNewVersion, 0));
     const Result verified = shell("export LD_LIBRARY_PATH=" OTHER_LIBRARIES "; { " PREFIX
                                   "/bin/orvin-firmware-upgrade -B -f " +
                                   directory / "empty.img" + " & echo $! >" + directory / "pid" +
@@ -162,29 +164,22 @@ TEST_F(Program, KeepsItsConsoleOutOfTheStatusFileWhenItsOutputIsClosed) {
     EXPECT_EQ(readText(directory / "status"), "Waiting for Lumnet bus to become active...");
 }
 
-TEST_F(Program, OrvinImageShowsWhatItCreates) {
-    const std::string path = directory / "arm.img";
-    ASSERT_EQ(image("create " + path + " --target arm --version 0x01020304 --size 1000").exitStatus,
-              0);
-    const Result text = image("show " + path);
-    EXPECT_EQ(text.exitStatus, 0);
-    EXPECT_NE(text.output.find("device           0x200 (Pellix ARM)\n"), std::string::npos);
-    EXPECT_NE(text.output.find(" (right)\nversion          0x01020304\n"), std::string::npos);
+TEST_F(Program, OrvinImageShowsWhatItCreatesWithADescriptorOrWithout) {
+    const std::string content(100000, 'x');  // more than one piece
+    const std::string path = directory / "dsp.img";
+    writeText(directory / "content", content);
+    const std::string command =
+        "create " + path + " --target dsp --version 0x01020304 --content " + directory / "content";
+    EXPECT_NE(image(command).error.find("note: the content has no descriptor"), std::string::npos);
+    EXPECT_EQ(readText(path).substr(36), content);
+    EXPECT_EQ(image(command + " --add-descriptor").error, "");
+    EXPECT_EQ(readText(path).substr(36), "OFWD\x01\x02\0\0\x04\x03\x02\x01"s + content);
+    EXPECT_NE(image("show " + path).output.find("0x201 (Pellix DSP)\n"), std::string::npos);
     const Json json = Json::parse(image("show --json " + path).output);
     EXPECT_EQ(json["accepted"], true);
-    EXPECT_EQ(json["header"]["contentSize"], 1000);
+    EXPECT_EQ(json["header"]["version"], 0x01020304);
+    EXPECT_EQ(json["header"]["contentSize"], 100012);
     EXPECT_EQ(json["header"]["contentChecksum"], json["computedChecksum"]);
-}
-
-TEST_F(Program, OrvinImageTakesContentAsItIsOrWithADescriptor) {
-    const std::string content = directory / "content";
-    const std::string path = directory / "dsp.img";
-    writeText(content, "some firmware");
-    const std::string command = "create " + path + " --target dsp --version 7 --content " + content;
-    EXPECT_NE(image(command).error.find("note: the content has no descriptor"), std::string::npos);
-    EXPECT_EQ(readText(path).substr(36), "some firmware");
-    EXPECT_EQ(image(command + " --add-descriptor").error, "");
-    EXPECT_EQ(readText(path).substr(36), "OFWD\x01\x02\0\0\x07\0\0\0some firmware"s);
 }
 
 TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
@@ -213,27 +208,48 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
     }
     EXPECT_NE(image("show " + path).output.find("has 35 bytes"), std::string::npos);
     shell("mkfifo " + directory / "fifo");
-    for (const std::string& other : {directory / "fifo", directory / "."}) {
+    for (const std::string& other : {directory / "fifo", directory / ".", "/proc/self/mem"s}) {
         const Result shown = image("show " + other);
         EXPECT_EQ(shown.exitStatus, 2);
-        EXPECT_NE(shown.error.find("'" + other + "': is "), std::string::npos) << shown.error;
+        EXPECT_EQ(shown.error.rfind("orvin-image: '" + other + "': ", 0), 0U) << shown.error;
     }
 }
 
 TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
-    for (const char* arguments :
-         {"missing/image --target arm --version 1 --size 64",
-          "image --target arm --version 1 --size 3", "image --target arm --version 1",
-          "image --target nose --version 1 --size 64", "image --target arm --version 010 --size 64",
-          "image --target arm --version 1 --content ''",
-          "image --target arm --version 1 --size 4000000000"}) {
-        EXPECT_NE(
-            shell("cd " + directory / "" + " && " + PREFIX "/bin/orvin-image create " + arguments)
-                .exitStatus,
-            0)
-            << arguments;
+    const std::string create = "cd " + directory / "" + " && " PREFIX "/bin/orvin-image create ";
+    shell(create + "image --target arm --version 1 --size 64; ln -s image link");
+    shell("cd " + directory / "" + " && mkfifo fifo && truncate -s 6G long");
+    const std::string before = readText(directory / "image");
+    const struct {
+        const char* arguments;
+        const char* reason;
+    } cases[] = {
+        {"missing/x --target arm --version 1 --size 64", "'missing/x': cannot be written: No such"},
+        {"x --target arm --version 1 --size 3", "at least 12 bytes"},
+        {"x --target arm --version 1 --size 4000000000", "at most 2147483611 bytes"},
+        {"x --target ARM --version 1 --size 64", "'ARM' is not arm, dsp, booster-arm or a number"},
+        {"x --target arm --version 010 --size 64", "not octal"},
+        {"x --target arm --version 4294967296 --size 64", "range is 0 to 4294967295"},
+        {"x --target arm --version 1 --content 'a\nb\x1b'", "'a?b?': cannot be opened: No such"},
+        {"x --target arm --version 1 --content long", "'long': is too long: at most 21"},
+        {"x --target arm --version 1 --content fifo", "'fifo': is a pipe"},
+        {"x --target arm --version 1 --content .", "'.': is a directory"},
+        {"x --target arm --version 1 --content /proc/self/mem", "mem': cannot be read: Input/"},
+        {"x --target arm --version 1 --content image", "'image': is an image already"},
+        {"image --target arm --version 1 --content link", "'link': is both"},
+    };
+    for (const auto& example : cases) {
+        const Result refused = shell(create + example.arguments);
+        EXPECT_NE(refused.exitStatus, 0) << example.arguments;
+        EXPECT_NE(refused.error.find(example.reason), std::string::npos) << refused.error;
     }
-    EXPECT_EQ(shell("ls -A " + directory / "").output, "stderr\n");
+    EXPECT_EXIT(replaceFile(directory / "image",
+                            [](const WriteBytes& write) {
+                                return write("x", 1) && raise(SIGTERM) == 0 && write("y", 1);
+                            }),
+                testing::KilledBySignal(SIGTERM), "");
+    EXPECT_EQ(shell("ls -A " + directory / "").output, "fifo\nimage\nlink\nlong\nstderr\n");
+    EXPECT_EQ(readText(directory / "image"), before);
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ protected:
 
     bool transfer(OrvinGroup& group, std::size_t contentSize) {
         const std::string path = directory / "image";
-        orvin_image::writeFile(path, makeImage(kArm, kNewVersion, contentSize));
+        writeFile(path, makeImage(kArm, kNewVersion, contentSize));
         ErrorInfo error;
         FirmwareImage image(&error);
         EXPECT_TRUE(image.open(path));

@@ -23,6 +23,9 @@ private:
 // Empty for a file that is not there.
 std::string readText(const std::string& path);
 void writeText(const std::string& path, const std::string& text);
+inline void writeFile(const std::string& path, const orvin_image::Bytes& bytes) {
+    writeText(path, {bytes.begin(), bytes.end()});
+}
 
 std::vector<std::string> linesOf(const std::string& text);
 

@@ -107,7 +107,7 @@ ToolTest::~ToolTest() {
 std::string ToolTest::image(const std::string& name, std::uint32_t target, std::uint32_t version,
                             std::size_t contentSize) {
     std::string path = directory / name;
-    orvin_image::writeFile(path, makeImage(target, version, contentSize));
+    writeFile(path, makeImage(target, version, contentSize));
     return path;
 }
 

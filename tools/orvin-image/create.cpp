@@ -1,8 +1,6 @@
 #include <iostream>
-#include <limits>
 #include <stdexcept>
 
-#include "firmware/descriptor.h"
 #include "orvin-image/commands.h"
 #include "orvin-image/image_file.h"
 
@@ -10,38 +8,37 @@ namespace orvin_image {
 
 namespace {
 
-constexpr std::size_t kMaxContent = std::numeric_limits<std::int32_t>::max() - 1024;
-constexpr char kTooLong[] = "the content is too long: an image has less than 2 GiB";
-
-Bytes generate(const CreateOptions& options, std::size_t size) {
+Content generate(const CreateOptions& options, std::uint32_t size) {
     if (size < firmware::Descriptor::kSize) {
         throw std::runtime_error("generated content has at least " +
                                  std::to_string(firmware::Descriptor::kSize) +
                                  " bytes: it begins with a descriptor");
     }
     if (size > kMaxContent) {
-        throw std::runtime_error(kTooLong);
+        throw std::runtime_error("generated content has at most " + std::to_string(kMaxContent) +
+                                 " bytes: an image has less than 2 GiB");
     }
-    return generateContent(options.target, options.version, size);
+    return generatedContent(options.target, options.version, size);
 }
 
-Bytes makeContent(const CreateOptions& options) {
+Content makeContent(const CreateOptions& options) {
     if (options.size) {
         return generate(options, *options.size);
     }
-    const Bytes content = readFile(options.contentFile);
-    return options.addDescriptor ? addDescriptor(options.target, options.version, content)
-                                 : content;
+    if (!options.addDescriptor) {
+        return fileContent(options.contentFile, kMaxContent, options.output);
+    }
+    return withDescriptor(options.target, options.version,
+                          fileContent(options.contentFile,
+                                      kMaxContent - firmware::Descriptor::kSize, options.output));
 }
 
 }  // namespace
 
 int create(const CreateOptions& options) {
-    const Bytes content = makeContent(options);
-    if (content.size() > kMaxContent) {
-        throw std::runtime_error(kTooLong);
-    }
-    if (!isFirmware(content, options.target, options.version)) {
+    const Content content = makeContent(options);
+    const Summary summary = summarize(content);
+    if (!summary.isFirmware(options.target, options.version)) {
         std::cerr
             << "note: the content has no descriptor of this target and version, so a simulated "
                "device will not run it (see --add-descriptor)"
@@ -52,7 +49,7 @@ int create(const CreateOptions& options) {
     header.device = options.target;
     header.contentType = options.contentType;
     header.version = options.version;
-    writeFile(options.output, encodeImage(header, content));
+    writeImage(options.output, header, content, summary);
     return 0;
 }
 

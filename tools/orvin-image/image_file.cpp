@@ -1,86 +1,89 @@
 #include "orvin-image/image_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <random>
-#include <stdexcept>
 
 #include "files/replace_file.h"
-#include "firmware/checksum.h"
-#include "firmware/descriptor.h"
 #include "firmware/little_endian.h"
+#include "orvin-image/failure.h"
 
 namespace orvin_image {
 
 namespace {
 
-constexpr std::uint32_t kHeaderSize = 36;
-
-[[noreturn]] void fail(const std::string& path, const char* what) {
-    throw std::runtime_error("'" + path + "': " + what + ": " + std::strerror(errno));
-}
-
-}  // namespace
-
-Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t size) {
-    std::minstd_rand random(target ^ version);
-    Bytes content(size);
-    std::generate(content.begin(), content.end(),
-                  [&random] { return static_cast<std::uint8_t>(random() >> 16); });
-    const auto descriptor = firmware::Descriptor{target, version}.encode();
-    std::copy_n(descriptor.begin(), std::min(size, descriptor.size()), content.begin());
-    return content;
-}
-
-Bytes addDescriptor(std::uint32_t target, std::uint32_t version, const Bytes& content) {
-    const auto descriptor = firmware::Descriptor{target, version}.encode();
-    Bytes bytes(descriptor.size() + content.size());
-    std::copy(content.begin(), content.end(),
-              std::copy(descriptor.begin(), descriptor.end(), bytes.begin()));
-    return bytes;
-}
-
-bool isFirmware(const Bytes& content, std::uint32_t target, std::uint32_t version) {
-    const auto descriptor = firmware::Descriptor::decode(content.data(), content.size());
-    return descriptor && descriptor->target == target && descriptor->version == version;
-}
-
-Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
-    firmware::Checksum checksum;
-    checksum.add(content.data(), content.size());
-
-    Bytes bytes(kHeaderSize + content.size());
+Bytes encodeHeader(const FirmwareImageHeader& header, const Summary& content) {
+    Bytes bytes(kHeaderSize);
     std::copy_n("tevu", 4, bytes.begin());
     firmware::storeLittleEndian(&bytes[4], kHeaderSize);
     firmware::storeLittleEndian(&bytes[8], header.manufacturer);
     firmware::storeLittleEndian(&bytes[12], header.device);
     firmware::storeLittleEndian(&bytes[16], header.contentType);
-    firmware::storeLittleEndian(&bytes[20], static_cast<std::uint32_t>(content.size()));
-    firmware::storeLittleEndian(&bytes[24], checksum.value(), 2);
+    firmware::storeLittleEndian(&bytes[20], content.size());
+    firmware::storeLittleEndian(&bytes[24], content.checksum(), 2);
     firmware::storeLittleEndian(&bytes[32], header.version);
-    std::copy(content.begin(), content.end(), bytes.begin() + kHeaderSize);
     return bytes;
 }
 
-Bytes readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        fail(path, "cannot be opened");
+}  // namespace
+
+void Summary::add(const std::uint8_t* bytes, std::size_t length) {
+    if (size_ < start_.size()) {
+        std::copy_n(bytes, std::min(length, start_.size() - size_), start_.begin() + size_);
     }
-    Bytes bytes{std::istreambuf_iterator<char>(file), {}};
-    if (file.bad()) {
-        fail(path, "cannot be read");
+    checksum_.add(bytes, length);
+    size_ += static_cast<std::uint32_t>(length);
+}
+
+bool Summary::isFirmware(std::uint32_t target, std::uint32_t version) const {
+    const auto descriptor =
+        firmware::Descriptor::decode(start_.data(), std::min<std::size_t>(size_, start_.size()));
+    return descriptor && descriptor->target == target && descriptor->version == version;
+}
+
+Summary summarize(const Content& content) {
+    Summary summary;
+    content([&summary](const std::uint8_t* bytes, std::size_t length) {
+        summary.add(bytes, length);
+        return true;
+    });
+    return summary;
+}
+
+void writeImage(const std::string& path, const FirmwareImageHeader& header, const Content& content,
+                const Summary& summary) {
+    const Bytes start = encodeHeader(header, summary);
+    const bool written = replaceFile(path, [&](const WriteBytes& write) {
+        Summary copied;
+        const bool complete = write(start.data(), start.size()) &&
+                              content([&](const std::uint8_t* bytes, std::size_t length) {
+                                  copied.add(bytes, length);
+                                  return write(bytes, length);
+                              });
+        if (complete &&
+            (copied.size() != summary.size() || copied.checksum() != summary.checksum())) {
+            fail(path, "not written: the content changed while it was read");
+        }
+        return complete;
+    });
+    if (!written) {
+        failWithErrno(path, "cannot be written");
     }
+}
+
+Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
+    Summary summary;
+    summary.add(content.data(), content.size());
+    Bytes bytes = encodeHeader(header, summary);
+    bytes.insert(bytes.end(), content.begin(), content.end());
     return bytes;
 }
 
-void writeFile(const std::string& path, const Bytes& bytes) {
-    if (!replaceFile(path, {bytes.begin(), bytes.end()})) {
-        fail(path, "cannot be written");
-    }
+Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t size) {
+    Bytes content;
+    generatedContent(target, version, size)([&](const std::uint8_t* bytes, std::size_t length) {
+        content.insert(content.end(), bytes, bytes + length);
+        return true;
+    });
+    return content;
 }
 
 }  // namespace orvin_image

@@ -2,34 +2,52 @@
 #ifndef ORVIN_IMAGE_IMAGE_FILE_H
 #define ORVIN_IMAGE_IMAGE_FILE_H
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "firmware/checksum.h"
+#include "firmware/descriptor.h"
 #include "image/firmware_image.h"
+#include "orvin-image/content.h"
 
 namespace orvin_image {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Content that a simulated device takes for firmware: a descriptor, then bytes that look random but
-// are the same for the same arguments. Shorter than a descriptor it is just a part of one.
-Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t size);
+// What there is to know of content before its image can be written.
+class Summary {
+public:
+    void add(const std::uint8_t* bytes, std::size_t length);
 
-// The content with a descriptor in front.
-Bytes addDescriptor(std::uint32_t target, std::uint32_t version, const Bytes& content);
+    std::uint32_t size() const { return size_; }
+    std::uint16_t checksum() const { return checksum_.value(); }
 
-// Whether a simulated device would take the content for firmware of that target and version.
-bool isFirmware(const Bytes& content, std::uint32_t target, std::uint32_t version);
+    // Whether a simulated device would take the content for firmware of that target and version.
+    bool isFirmware(std::uint32_t target, std::uint32_t version) const;
 
-// The whole file: header and content. Of `header` it takes the fields that describe the firmware;
-// the sizes and the checksum follow from the content, which must have less than 2 GiB.
+private:
+    std::uint32_t size_ = 0;  // bytes
+    firmware::Checksum checksum_;
+    std::array<std::uint8_t, firmware::Descriptor::kSize> start_{};
+};
+
+Summary summarize(const Content& content);
+
+// Of `header` these take the fields that describe the firmware; the sizes and the checksum follow
+// from the content, which has at most kMaxContent bytes.
+
+// Throws std::runtime_error, naming the file. A file that cannot be written whole is left as it
+// was.
+void writeImage(const std::string& path, const FirmwareImageHeader& header, const Content& content,
+                const Summary& summary);
+
+// The same in memory.
 Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content);
 
-// Both throw std::runtime_error, naming the file. A file that cannot be written whole is left as it
-// was.
-Bytes readFile(const std::string& path);
-void writeFile(const std::string& path, const Bytes& bytes);
+// As `generatedContent`, in memory.
+Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t size);
 
 }  // namespace orvin_image
 

@@ -1,12 +1,20 @@
 // orvin-image: makes and shows firmware image files.
 
 #include <CLI/CLI.hpp>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <regex>
+#include <limits>
+#include <map>
 #include <stdexcept>
+#include <string>
 
+#include "files/one_line.h"
 #include "image/firmware_target.h"
 #include "orvin-image/commands.h"
 
@@ -24,10 +32,29 @@ const std::map<std::string, std::uint32_t> kTargets = {
     {"booster-arm", code(FirmwareTarget::BoosterArm)},
 };
 
-// Decimal, or hexadecimal with 0x in front: a leading zero does not make a number octal here.
+// Decimal, or hexadecimal with 0x in front, of 32 bits. Empty, or what is wrong.
 std::string checkNumber(const std::string& text) {
-    static const std::regex number("0|[1-9][0-9]*|0[xX][0-9a-fA-F]+");
-    return std::regex_match(text, number) ? "" : "'" + text + "' is not a number";
+    const bool isDecimal = text.rfind("0x", 0) != 0 && text.rfind("0X", 0) != 0;
+    const std::string digits = isDecimal ? text : text.substr(2);
+    const char* const allowed = isDecimal ? "0123456789" : "0123456789abcdefABCDEF";
+    const std::string shown = "'" + onOneLine(text) + "'";
+    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
+        return shown + " is not a number: decimal, or hexadecimal with 0x in front";
+    }
+    if (isDecimal && digits.size() > 1 && text[0] == '0') {
+        return shown + " begins with 0, but numbers are not octal: decimal, or hexadecimal with 0x";
+    }
+    errno = 0;
+    const auto value = std::strtoull(digits.c_str(), nullptr, isDecimal ? 10 : 16);
+    const bool fits = errno == 0 && value <= std::numeric_limits<std::uint32_t>::max();
+    return fits ? "" : shown + " is too large: the range is 0 to 4294967295 (0xffffffff)";
+}
+
+// A target's name has become its code before.
+std::string checkTarget(const std::string& text) {
+    const bool isNumber = !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+    return isNumber ? checkNumber(text)
+                    : "'" + onOneLine(text) + "' is not arm, dsp, booster-arm or a number";
 }
 
 void addCreate(CLI::App& app, orvin_image::CreateOptions& options) {
@@ -37,7 +64,7 @@ void addCreate(CLI::App& app, orvin_image::CreateOptions& options) {
         ->add_option("--target", options.target, "What it is for: arm, dsp, booster-arm or a code")
         ->required()
         ->transform(CLI::Transformer(kTargets))
-        ->check(checkNumber);
+        ->check(checkTarget);
     create->add_option("--version", options.version, "Version of the firmware")
         ->required()
         ->check(checkNumber);
@@ -75,6 +102,7 @@ int main(int argc, char** argv) {
     show->add_flag("--json", asJson, "Print JSON");
 
     CLI11_PARSE(app, argc, argv);
+    std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit fails instead, and is told of
     try {
         const int result = show->parsed() ? orvin_image::show(shownImage, asJson)
                                           : orvin_image::create(createOptions);

@@ -2,17 +2,20 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 
 #include "core/error_info.h"
 #include "firmware/checksum.h"
 #include "image/firmware_image.h"
 #include "orvin-image/commands.h"
+#include "orvin-image/content.h"
+#include "orvin-image/failure.h"
 
 namespace orvin_image {
 
@@ -32,10 +35,6 @@ struct Inspection {
     }
 };
 
-[[noreturn]] void fail(const std::string& path, const std::string& reason) {
-    throw std::runtime_error("'" + path + "': " + reason);
-}
-
 // The file's length; none when there is no file. Throws for what would block or has no length.
 std::optional<std::uintmax_t> measureFile(const std::string& path) {
     std::error_code error;
@@ -53,14 +52,20 @@ std::optional<std::uintmax_t> measureFile(const std::string& path) {
     return error ? std::nullopt : std::optional(size);
 }
 
-// The header fields of a file that the reader refuses.
+// The header fields of a file that the reader refuses; none when it is too short for them or cannot
+// be opened. Throws when it cannot be read: the reader does not tell that from a short file.
 std::optional<FirmwareImageHeader> readHeader(const std::string& path) {
     const int file = ::open(path.c_str(), O_RDONLY);
     if (file < 0) {
         return std::nullopt;
     }
+    errno = 0;
     const std::optional<ImageFileStart> start = readImageFileStart(file);
+    const int error = errno;
     ::close(file);
+    if (!start && error != 0) {
+        fail(path, std::string("cannot be read: ") + std::strerror(error));
+    }
     return start ? std::optional(start->header) : std::nullopt;
 }
 
@@ -121,16 +126,17 @@ void printHeader(const Inspection& found) {
 }
 
 void printText(const Inspection& found) {
-    printf("file             %s\n", found.path.c_str());
+    const std::string path = onOneLine(found.path);
+    printf("file             %s\n", path.c_str());
     if (found.header) {
         printHeader(found);
     }
     if (!found.refusal.empty()) {
-        printf("Error in '%s': %s\n", found.path.c_str(), found.refusal.c_str());
+        printf("Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
     }
-    if (!found.header && found.fileSize) {
-        printf("note: the file has %llu bytes, which is too short for a header\n",
-               static_cast<unsigned long long>(*found.fileSize));
+    if (found.fileSize.value_or(kHeaderSize) < kHeaderSize) {
+        printf("note: the file has %llu bytes, a header has %u\n",
+               static_cast<unsigned long long>(*found.fileSize), kHeaderSize);
     }
 }
 
