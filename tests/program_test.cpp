@@ -131,29 +131,37 @@ TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
     const Json timing = {{"install_ms", 1}, {"restart_ms", 1}};
     writeText(directory / "bus.json", BusBuilder().orvin(1, nullptr, timing).text());
     image("create " + directory / "arm.img" + " --target arm --version 7 --size 100");
-    const auto follow = [&](const std::string& bus, const std::string& images) {
-        const std::string status = directory / "status";
-        return shell("export LD_LIBRARY_PATH="s + kStandIn +
-                     "; " PREFIX "/share/doc/orvin-firmware-upgrade/examples/follow-upgrade " +
-                     status + " " PREFIX "/bin/orvin-firmware-upgrade -B -m " + status + " -c " +
-                     bus + " " + images);
-    };
-    const std::string bus = "sim:" + directory / "bus.json";
-    const std::string images = directory / "arm.img" + " " + directory / "missing.img";
-    const Result upgraded = follow(bus, images);
-    EXPECT_EQ(upgraded.exitStatus, 1);
-    EXPECT_EQ(upgraded.output.rfind("Waiting for Lumnet bus to become active...\n", 0), 0U);
-    EXPECT_NE(upgraded.output.find("\nInstalling Orvin firmware: 1 / 1 completed\nUsing locale"),
-              std::string::npos)
-        << upgraded.output;
-    EXPECT_NE(upgraded.output.find("\n1 device was updated.\nAttention: "), std::string::npos);
-    EXPECT_NE(
-        follow(bus, images.substr(0, images.find(' '))).output.find("\nNo device was updated.\n"),
-        std::string::npos);
-
-    const Result nowhere = follow("tcp://nowhere", images);
-    EXPECT_EQ(nowhere.exitStatus, 132);
-    EXPECT_NE(nowhere.output.find("Error: Couldn't open talmapi connection\n"), std::string::npos);
+    const std::string output = directory / "output";
+    const std::string tool =
+        PREFIX "/bin/orvin-firmware-upgrade -B -m " + directory / "status" + " -c ";
+    const std::string upgrade = tool + "sim:" + directory / "bus.json " + directory / "arm.img ";
+    const struct {
+        std::string command;
+        int exitStatus;
+        const char* told;
+    } cases[] = {{upgrade + directory / "missing.img", 1, "\n1 device was updated.\nAttention: "},
+                 {upgrade, 0, "\nNo device was updated.\n"},
+                 {tool + "tcp://nowhere " + directory / "arm.img", 132, "bus is not ready"},
+                 {tool, 129, "The command line is wrong"},
+                 // Ends when its line has come through.
+                 {"timeout 60 sh -c 'echo console; until grep -q console " + output +
+                      "; do sleep 0.1; done'",
+                  0, "console\n"},
+                 {"env --default-signal=HUP sh -c 'kill -HUP $$'", 129, "SIGHUP ended the upgrade"},
+                 {"sh -c 'kill -SEGV $$'", 139, "The tool crashed (SIGSEGV)"},
+                 {"sh -c 'kill -TERM $PPID; exec sleep 60'", 143, "SIGTERM ended the upgrade"}};
+    for (const auto& example : cases) {
+        const Result result =
+            shell("export LD_LIBRARY_PATH="s + kStandIn +
+                  "; " PREFIX "/share/doc/orvin-firmware-upgrade/examples/follow-upgrade " +
+                  directory / "status " + example.command + " >" + output);
+        EXPECT_EQ(result.exitStatus, example.exitStatus) << example.command;
+        EXPECT_NE(readText(output).find(example.told), std::string::npos) << readText(output);
+        if (example.command == upgrade) {  // the last message of one that has nothing to do
+            EXPECT_EQ(occurrences(readText(output), "Waiting for Lumnet bus to become active.."),
+                      1);
+        }
+    }
 }
 
 TEST_F(Program, KeepsItsConsoleOutOfTheStatusFileWhenItsOutputIsClosed) {
