@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -32,10 +33,16 @@ std::size_t threadCount() {
 
 class RealTimeQueue : public EventQueue {
 public:
-    RealTimeQueue() {
+    // Not in the constructor, so that the destructor ends those that there are when one cannot be
+    // had.
+    void start() {
         const std::size_t count = threadCount();
-        for (std::size_t i = 0; i < count; ++i) {
-            threads_.emplace_back([this] { runEvents(); });
+        try {
+            while (threads_.size() < count) {
+                threads_.emplace_back([this] { runEvents(); });
+            }
+        } catch (const std::system_error& error) {
+            throw std::system_error(error.code(), "cannot start a thread");
         }
     }
 
@@ -132,7 +139,9 @@ private:
 }  // namespace
 
 std::unique_ptr<EventQueue> makeEventQueue() {
-    return std::make_unique<RealTimeQueue>();
+    auto queue = std::make_unique<RealTimeQueue>();
+    queue->start();
+    return queue;
 }
 
 }  // namespace sim

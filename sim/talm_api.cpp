@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -105,6 +106,9 @@ std::shared_ptr<Bus> openBus(const std::string& connection) {
     const std::string path = connection.substr(schemeLength);
     try {
         return sim::openBusFile(path);
+    } catch (const std::bad_alloc&) {
+        std::fputs("bus file: not enough memory\n", stderr);
+        return nullptr;
     } catch (const std::exception& error) {
         constexpr std::size_t kMaxReason = 300;
         const std::string reason = std::string(error.what()).substr(0, kMaxReason);
