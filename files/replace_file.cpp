@@ -108,7 +108,8 @@ bool writeInPlace(const std::string& path, const std::function<bool(const WriteB
 }
 
 bool writeBeside(const std::string& path, mode_t mode,
-                 const std::function<bool(const WriteBytes&)>& produce) {
+                 const std::function<bool(const WriteBytes&)>& produce,
+                 const std::function<bool(const std::string&)>& prepare) {
     const HeldSignals signals;
     TemporaryName temporary{path + ".XXXXXX"};
     OpenFile file(mkstemp(temporary.path.data()));
@@ -124,7 +125,7 @@ bool writeBeside(const std::string& path, mode_t mode,
         }
         return file.write(bytes, length);
     };
-    if (!produce(write) || !file.close() ||
+    if (!produce(write) || !file.close() || (prepare && !prepare(temporary.path)) ||
         std::rename(temporary.path.c_str(), path.c_str()) != 0) {
         return false;
     }
@@ -134,7 +135,8 @@ bool writeBeside(const std::string& path, mode_t mode,
 
 }  // namespace
 
-bool replaceFile(const std::string& path, const std::function<bool(const WriteBytes&)>& produce) {
+bool replaceFile(const std::string& path, const std::function<bool(const WriteBytes&)>& produce,
+                 const std::function<bool(const std::string&)>& prepare) {
     std::error_code ignored;
     const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, ignored);
     const std::string target = resolved.empty() ? path : resolved.string();
@@ -143,10 +145,5 @@ bool replaceFile(const std::string& path, const std::function<bool(const WriteBy
     if (exists && !S_ISREG(old.st_mode)) {
         return writeInPlace(target, produce);
     }
-    return writeBeside(target, exists ? old.st_mode : defaultMode(), produce);
-}
-
-bool replaceFile(const std::string& path, const std::string& bytes) {
-    return replaceFile(path,
-                       [&](const WriteBytes& write) { return write(bytes.data(), bytes.size()); });
+    return writeBeside(target, exists ? old.st_mode : defaultMode(), produce, prepare);
 }

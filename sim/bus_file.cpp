@@ -4,12 +4,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <utility>
 
-#include "files/replace_file.h"
 #include "sim/identifier.h"
 
 namespace sim {
@@ -273,15 +270,6 @@ void resolve(std::string& path, const std::string& busFile) {
     }
 }
 
-std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file.is_open() || file.bad()) {
-        throw BusFileError(std::string("cannot be read: ") + std::strerror(errno));
-    }
-    return text;
-}
-
 Json hexadecimal(std::uint32_t value, int digits) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%0*x", digits, value);
@@ -319,7 +307,8 @@ BusDescription describeBus(const Json& json) {
 
 BusFile::BusFile(std::string path)
     : path_(std::move(path)),
-      json_(parseBusFile(readFile(path_))),
+      file_(path_),
+      json_(parseBusFile(file_.read())),
       description_(describeBus(json_)) {
     resolve(description_.trace, path_);
     resolve(description_.store, path_);
@@ -332,7 +321,7 @@ void BusFile::storeVersions(std::size_t member, const Versions& versions) {
     stored["dsp"] = hexadecimal(versions.dsp, 8);
     stored["booster_arm"] = hexadecimal(versions.boosterArm, 8);
     stored["api"] = hexadecimal(versions.api, 4);
-    if (!replaceFile(path_, json_.dump(2) + '\n')) {
+    if (!file_.replace(json_.dump(2) + '\n')) {
         std::fprintf(stderr, "bus file '%s': cannot be written: %s\n", path_.c_str(),
                      std::strerror(errno));
     }

@@ -5,13 +5,15 @@
 
 #include "sim/bus_description.h"
 #include "sim/field_reader.h"
+#include "sim/locked_file.h"
 
 namespace sim {
 
-// The JSON file that is the simulated hardware. Not for several threads at once.
+// The JSON file that is the simulated hardware, kept from any other connection. Not for several
+// threads at once.
 class BusFile {
 public:
-    // Throws BusFileError, naming the place, when the file cannot be read or is broken.
+    // Throws BusFileError, naming the place, when the file cannot be read, is broken or is in use.
     explicit BusFile(std::string path);
 
     // Paths in it are as seen from here: relative ones in the file start at the file's directory.
@@ -23,6 +25,7 @@ public:
 
 private:
     const std::string path_;
+    LockedFile file_;
     Json json_;
     BusDescription description_;
 };

@@ -14,8 +14,8 @@ namespace sim {
 // in seconds since the connection was opened. Any thread.
 class Trace {
 public:
-    // Appends to the file; an empty path keeps no record. Reports on standard error, and keeps
-    // none, when the file cannot be opened.
+    // Appends to the file; an empty path keeps no record. Throws std::runtime_error when the file
+    // cannot be opened.
     explicit Trace(const std::string& path);
 
     // So that nobody composes lines in vain.

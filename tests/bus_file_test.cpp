@@ -1,6 +1,7 @@
 #include "sim/bus_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <set>
@@ -93,9 +94,23 @@ TEST_F(BrokenBus, IsAFailedOpenWithOneLineOnStandardError) {
         EXPECT_EQ(linesOf(error).size(), 1U);
         EXPECT_EQ(readText(path), text);
     }
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(runBare({"-l", "-c", "sim:" + directory / "missing"}).exitStatus, 132);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("No such file"), std::string::npos);
+    mkfifo((directory / "fifo").c_str(), 0600);
+    writeText(directory / "large", bus.orvin(1).text() + std::string(4U << 20U, ' '));
+    writeText(directory / "used", bus.text());
+    writeText(directory / "replaced", bus.text());
+    const sim::BusFile used(directory / "used");
+    sim::BusFile replaced(directory / "replaced");
+    replaced.storeVersions(0, {});
+    for (const auto& [file, reason] : {std::pair{"missing", "cannot be read: No such file"},
+                                       {"fifo", "not a regular file"},
+                                       {"large", "larger than 4 MiB"},
+                                       {"used", "in use by another connection"},
+                                       {"replaced", "in use by another connection"}}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(runBare({"-l", "-c", "sim:" + directory / file}).exitStatus, 132);
+        const std::string line = "bus file '" + directory / file + "': " + reason;
+        EXPECT_EQ(testing::internal::GetCapturedStderr().rfind(line, 0), 0U) << line;
+    }
 }
 
 TEST(BusFile, KeepsEverythingElseWhenItStoresAVersion) {
@@ -104,10 +119,9 @@ TEST(BusFile, KeepsEverythingElseWhenItStoresAVersion) {
     writeText(path,
               BusBuilder().member(9, 1).orvin(1, {{"reports_back", 2}}).with("seed", 7).text());
     std::filesystem::permissions(path, std::filesystem::perms(0640));
-    sim::BusFile file(path);
-    sim::Versions versions = file.description().members[1].versions;
+    sim::Versions versions = sim::BusFile(path).description().members[1].versions;
     versions.dsp = 0xfedcba98;
-    file.storeVersions(1, versions);
+    sim::BusFile(path).storeVersions(1, versions);
 
     const sim::BusDescription stored = sim::BusFile(path).description();
     EXPECT_EQ(stored.members[1].versions.dsp, 0xfedcba98);

@@ -1,0 +1,91 @@
+#include "sim/locked_file.h"
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "files/replace_file.h"
+#include "sim/field_reader.h"
+
+namespace sim {
+
+namespace {
+
+constexpr std::size_t kMaxBytes = 4U << 20U;  // room for thousands of members
+
+BusFileError unreadable() {
+    return BusFileError(std::string("cannot be read: ") + std::strerror(errno));
+}
+
+// False when another one has the lock. A file system without locks, which fails otherwise, is no
+// reason not to use the file.
+bool lock(std::FILE* file) {
+    return flock(fileno(file), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+}  // namespace
+
+LockedFile::LockedFile(std::string path) : path_(std::move(path)) {
+    // The connection that had the file may have replaced it, and gone, before the lock was taken.
+    do {
+        open();
+        if (!lock(stream_.get())) {
+            throw BusFileError("in use by another connection");
+        }
+    } while (!isAtItsPath());
+}
+
+// What is no regular file is not even opened: a FIFO would wait for its other end.
+void LockedFile::open() {
+    struct stat status {};
+    if (stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw BusFileError("not a regular file");
+    }
+    stream_.reset(std::fopen(path_.c_str(), "re"));
+    if (!stream_) {
+        throw unreadable();
+    }
+}
+
+bool LockedFile::isAtItsPath() const {
+    struct stat locked {};
+    struct stat current {};
+    return fstat(fileno(stream_.get()), &locked) == 0 && stat(path_.c_str(), &current) == 0 &&
+           locked.st_dev == current.st_dev && locked.st_ino == current.st_ino;
+}
+
+std::string LockedFile::read() const {
+    std::string text;
+    char chunk[4096];
+    while (const std::size_t count = std::fread(chunk, 1, sizeof chunk, stream_.get())) {
+        text.append(chunk, count);
+        if (text.size() > kMaxBytes) {
+            throw BusFileError("larger than 4 MiB");
+        }
+    }
+    if (std::ferror(stream_.get()) != 0) {
+        throw unreadable();
+    }
+    return text;
+}
+
+bool LockedFile::replace(const std::string& text) {
+    Stream next;
+    const auto lockNext = [&next](const std::string& path) {
+        next.reset(std::fopen(path.c_str(), "re"));
+        return next && lock(next.get());
+    };
+    const auto writeText = [&text](const WriteBytes& write) {
+        return write(text.data(), text.size());
+    };
+    if (!replaceFile(path_, writeText, lockNext)) {
+        return false;
+    }
+    stream_ = std::move(next);
+    return true;
+}
+
+}  // namespace sim
