@@ -104,7 +104,8 @@ int Bus::request(const vanid_t& id, const std::function<int(Device&)>& carryOut)
     return result::kBroadcast;
 }
 
-// A faulty call that claims a number of members has still filled in only those that there are.
+// A faulty call that claims a number of members claims at most those that there are, since the
+// caller takes each for a member. There may be more than it has room for.
 int Bus::getMembers(vanid_t* members, int capacity) {
     const Lock lock(mutex_);
     const int fault = getMembersCalls_.next(description_.getMembers);
@@ -116,11 +117,15 @@ int Bus::getMembers(vanid_t* members, int capacity) {
     }
     int count = 0;
     for (const Device& device : devices_) {
-        if (device.isOnBus() && count < capacity) {
-            members[count++] = device.description().id;
+        if (!device.isOnBus()) {
+            continue;
         }
+        if (count < capacity) {
+            members[count] = device.description().id;
+        }
+        ++count;
     }
-    return fault > 0 ? fault : count;
+    return std::min(count, fault > 0 ? fault : capacity);
 }
 
 int Bus::readType(const vanid_t& id, std::uint8_t& type) {
