@@ -1,6 +1,9 @@
-"""Measures the tool on the simulated bus, each figure beside a floor or a peer from the same run; see ./bench."""
+"""Measures the tool on two buses; see ./bench.
 
-import argparse
+On the measured bus of measured_bus.cpp all is the same on every run: what is counted there is compared with
+figures.json. One figure is a time, that of transfers on the simulated bus as it is shipped.
+"""
+
 import json
 import os
 import platform
@@ -10,256 +13,223 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import time
-
-import buses
-import instructions
 
 DEVICES = (1, 10, 63)
-ACKNOWLEDGE_US = (0, 300, 2000)
-UPGRADE_PACKETS = 2_000
+# After how many microseconds a packet is acknowledged, and by the last device: on both sides of a poll's end.
+DELAYS = ((0, 0), (300, 300), (999, 999), (1001, 1001), (999, 1001), (1999, 2001))
+FEW, MANY = 100, 400  # packets; the difference leaves out all but the packets
+ROUNDS, ROUND_PACKETS = 100, 150
+POLL_INSTRUCTIONS = 600_000  # that a slow host executes in the millisecond of a poll
+ARM_BUS_BYTES = 0x10000  # of code in the measured bus, at most
 PEERS = {"dfu-util": "--version", "stm32flash": "-h", "avrdude": "-?"}
-CPP_PROGRAM = "print-character (C++ library)"
-LISTING = "orvin-firmware-upgrade -l, 63 members"
-TIMEOUT_S = 600
-COMMITTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "instructions.json")
-MARGIN = 0.10
+MARGIN = 0.05
+MACHINE = f"{platform.machine()}, g++ {subprocess.getoutput('g++ -dumpversion')}"
+COMMITTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "figures.json")
 
 
 class Benchmark:
-    def __init__(self, build, packets, repeat, work):
-        self.build, self.packets, self.repeat, self.work = build, packets, repeat, work
+    def __init__(self, build, work):
+        self.build, self.work = build, work
+        self.tool, self.floor = f"{build}/bin/orvin-firmware-upgrade", f"{build}/bin/floor"
+        fixed = ["setarch", "-R"]  # addresses the same on every run, where the system allows it
+        self.prefix = [] if subprocess.call([*fixed, "true"], stderr=subprocess.DEVNULL) else fixed
 
-    def program(self, name):
-        return f"{self.build}/bin/{name}"
+    def run(self, command, library="measured-bus", **environment):
+        """Returns what the command writes to standard error."""
+        environment.update(PATH=os.environ["PATH"], LC_ALL="C",
+                           LD_LIBRARY_PATH=f"{self.build}/{library}:{self.build}/lib")
+        run = subprocess.run([*self.prefix, *command], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                             text=True, env=environment, check=False)
+        updated = command[-2].partition(",")[0] if "-B" in command else "0"
+        if str(run.returncode) != updated:
+            raise RuntimeError(f"{' '.join(command)}: status {run.returncode}\n{run.stderr}")
+        return run.stderr
 
-    # ---- transfers ----
+    def image(self, packets):
+        path = os.path.join(self.work, f"{packets}.img")
+        if not os.path.exists(path):
+            self.run([f"{self.build}/bin/orvin-image", "create", path, "--target", "dsp", "--version", "2",
+                      "--size", str(64 * packets)])
+        return path
 
-    def round(self, acknowledge_us, image):
-        """One transfer by the tool and one by the floor for each number of devices, all of them in turns."""
-        paths = [buses.write_bus(self.work, devices, acknowledge_us) for devices in DEVICES]
-        run = subprocess.run([self.program("transfer-benchmark"), image, *paths], check=True,
-                             stdout=subprocess.PIPE, timeout=TIMEOUT_S + self.packets / 10)
-        return dict(zip(DEVICES, json.loads(run.stdout), strict=True))
+    def transfers(self, devices, delays, packets):
+        """The commands of a transfer: the tool's, and the floor's."""
+        where = [f"{devices},{delays[0]},{delays[1]}", self.image(packets)]
+        return {"tool": [self.tool, "-B", "-c", *where], "floor": [self.floor, *where]}
 
-    def transfers(self):
-        image = buses.make_image(self.build, self.work, self.packets)
-        rows = []
-        for delay in ACKNOWLEDGE_US:
-            rounds = []
-            for number in range(self.repeat):
-                progress(f"transfers acknowledged after {delay} us, round {number + 1} of {self.repeat}")
-                rounds.append(self.round(delay, image))
-            rows += [self.summary(devices, delay, rounds) for devices in DEVICES]
-        return rows
+    # ---- instructions ----
 
-    def summary(self, devices, delay, rounds):
-        pairs = [(round[devices]["tool"], round[devices]["floor"]) for round in rounds]
-        return {
-            "devices": devices,
-            "acknowledge_us": delay,
-            "packets_per_second": spread(self.packets / tool["wall"] for tool, _ in pairs),
-            "of_floor": spread(floor["wall"] / tool["wall"] for tool, floor in pairs),
-            "polls_per_packet": spread(tool["polls"] / self.packets for tool, _ in pairs),
-            "floor_polls_per_packet": spread(floor["polls"] / self.packets for _, floor in pairs),
-            "cpu_us_per_packet": spread(tool["cpu"] / self.packets * 1e6 for tool, _ in pairs),
-            "cpu_to_floor": spread(tool["cpu"] / floor["cpu"] for tool, floor in pairs),
-            **{f"{sender}_time_to_one_device": spread(round[devices][sender]["wall"] / round[1][sender]["wall"]
-                                                      for round in rounds) for sender in ("tool", "floor")},
-        }
+    def instructions(self, command, *switched_by, from_start=True):
+        """Those of the whole run, or those before, between or after the calls of functions of the measured bus."""
+        profile = os.path.join(self.work, "profile")
+        self.run(["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={profile}",
+                  *(f"--toggle-collect={function}" for function in switched_by),
+                  f"--collect-atstart={'yes' if from_start else 'no'}", *command],
+                 **({"LD_BIND_NOW": "1"} if switched_by else {}))
+        report = output(["callgrind_annotate", "--show-percs=no", "--threshold=100", profile])
 
-    # ---- whole upgrades ----
+        def cost(line):
+            return int(re.search(rf"^ *([\d,]+) .*{line}", report, re.M).group(1).replace(",", ""))
+        return cost("PROGRAM TOTALS") - (cost(r":deliver \[") if switched_by else 0)
 
-    def upgrade(self, devices, image):
-        """Of the tool as it is, from its start to its end."""
-        bus = buses.write_bus(self.work, devices, 300)
-        start = time.monotonic()
-        run = subprocess.run([self.program("orvin-firmware-upgrade"), "-B", "-c", f"sim:{bus}", image],
-                             stdout=subprocess.DEVNULL, check=False, timeout=TIMEOUT_S)
-        if run.returncode != devices:
-            raise RuntimeError(f"the upgrade of {devices} devices ended with {run.returncode}")
-        return time.monotonic() - start
+    def transfer_instructions(self, devices):
+        """The tool's and the floor's for a packet with its acknowledgements, for one of them, and for a poll."""
+        figures = {}
+        bus = ("ImageTransfer_data", "usleep", "deliver")
+        few, many, late = (self.transfers(devices, (300, last), packets)
+                           for last, packets in ((300, FEW), (300, MANY), (10_300, MANY)))
+        for sender in ("tool", "floor"):
+            fewer, all_packets, ten_polls_more = (self.instructions(command[sender], *bus)
+                                                  for command in (few, many, late))
+            callbacks = self.instructions(many[sender], "deliver", from_start=False)
+            figures[f"{sender}, packet"] = (all_packets - fewer) / (MANY - FEW)
+            figures[f"{sender}, acknowledgement"] = callbacks / MANY / devices
+            figures[f"{sender}, further poll"] = (ten_polls_more - all_packets) / MANY / 10
+        return {f"devices: {devices}; {name}": round(figure) for name, figure in figures.items()}
 
-    def upgrades(self):
-        image = buses.make_image(self.build, self.work, UPGRADE_PACKETS)
-        rounds = []
-        for number in range(self.repeat):
-            progress(f"whole upgrades, round {number + 1} of {self.repeat}")
-            rounds.append([self.upgrade(devices, image) for devices in (1, 63)])
-        return {"one": spread(one for one, _ in rounds), "all": spread(all for _, all in rounds),
-                "ratio": spread(all / one for one, all in rounds)}
+    def arm_instructions(self, *arguments):
+        """The tool's, as built for 32-bit ARM. The emulator does not count them, but traces each step."""
+        arm = f"{self.build}-armhf"
+        command = [*self.prefix, "qemu-arm", "-L", "/usr/arm-linux-gnueabihf", "-E",
+                   f"LD_LIBRARY_PATH={arm}/measured-bus:{arm}/lib", "-E", "LC_ALL=C"]
+        tool = f"{arm}/bin/orvin-firmware-upgrade"
+        loaded = output([*command, "-E", "LD_TRACE_LOADED_OBJECTS=1", tool])
+        bus = int(re.search(r"libtalm.*\(0x(\w+)\)", loaded).group(1), 16)
+        steps = subprocess.Popen([*command, "-singlestep", "-d", "exec,nochain", tool, *arguments],
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        return sum(line.startswith(b"Trace") and not bus <= int(line.split(b"/")[1], 16) < bus + ARM_BUS_BYTES
+                   for line in steps.stderr)
+
+    def arm_packet(self, devices):
+        few, many = (self.arm_instructions(*self.transfers(devices, (300, 300), packets)["tool"][1:])
+                     for packets in (FEW // 10, MANY // 10))
+        return (many - few) * 10 // (MANY - FEW)
+
+    # ---- polls ----
+
+    def polls(self):
+        """The tool's for a packet. Its polls and sleeps must be the floor's to the microsecond."""
+        figures = {}
+        for devices in DEVICES:
+            for delays in DELAYS:
+                slept = {sender: self.run(command).splitlines()[-1]
+                         for sender, command in self.transfers(devices, delays, MANY).items()}
+                name = polls_of(devices, delays)
+                figures[name] = int(slept["tool"].split()[0]) / MANY
+                if slept["tool"] != slept["floor"]:
+                    sys.exit(f"Not the floor's: {name}: {slept}")
+        return figures
 
     # ---- processes ----
 
-    def run_measured(self, command, libraries="", status=0):
-        run = subprocess.run([self.program("run-measured"), *command], stdout=subprocess.DEVNULL,
-                             stderr=subprocess.PIPE, text=True, check=True, timeout=TIMEOUT_S,
-                             env=dict(os.environ, LD_LIBRARY_PATH=libraries, LC_ALL="C"))
-        measured = json.loads(run.stderr.rstrip().splitlines()[-1])
-        if measured["status"] != status:
-            raise RuntimeError(f"{command[0]} ended with {measured['status']}")
-        return measured
+    def memory(self, name, command):
+        peaks = [int(self.run(["time", "-f", "%M", *command]).split()[-1]) for _ in range(9)]
+        return {f"{name}: peak kB": statistics.median(peaks)}
 
-    def binary(self, path, libraries):
+    def process(self, name, command):
+        return {f"{name}: instructions": self.instructions(command), **self.memory(name, command)}
+
+    def binary(self, name, path):
         stripped = os.path.join(self.work, "stripped")
         subprocess.run(["strip", "-o", stripped, shutil.which(path)], check=True)
-        loaded = subprocess.run(["ldd", shutil.which(path)], check=True, stdout=subprocess.PIPE, text=True,
-                                env=dict(os.environ, LD_LIBRARY_PATH=libraries)).stdout
-        return {"libraries": len(re.findall(r"=> /", loaded)), "stripped_bytes": os.path.getsize(stripped)}
+        dynamic = output(["readelf", "-d", stripped])
+        return {f"{name}: stripped bytes": os.path.getsize(stripped),
+                f"{name}: needs": " ".join(re.findall(r"NEEDED.*\[(.*)\]", dynamic))}
 
     def processes(self):
-        """Start-up of the tool, its peers and a C++ program in turns; the tool's with bus libraries that need nothing."""
-        progress("start-up and listing")
-        tool, instant = self.program("orvin-firmware-upgrade"), f"{self.build}/instant:{self.build}/lib"
-        bus = buses.write_bus(self.work, 63, 300)
-        commands = {"orvin-firmware-upgrade -v": ([tool, "-v"], instant)}
-        commands.update((f"{peer} {option}", ([peer, option], "")) for peer, option in PEERS.items())
-        commands[CPP_PROGRAM] = ([self.program("print-character")], "")
-        runs = {name: [] for name in commands}
-        for _ in range(50):
-            for name, (command, libraries) in commands.items():
-                runs[name].append(self.run_measured(command, libraries))
-        commands[LISTING] = ([tool, "-l", "-c", f"sim:{bus}"], "")
-        runs[LISTING] = [self.run_measured(*commands[LISTING]) for _ in range(5)]
-        return [{"name": name, "cpu_us": spread(run["cpu_us"] for run in runs[name]),
-                 "peak_kb": spread(run["peak_kb"] for run in runs[name]), **self.binary(command[0], libraries)}
-                for name, (command, libraries) in commands.items()]
+        images = {"10 kB image": 160, "10 MB image": 160_000}
+        figures = {**self.process("-v", [self.tool, "-v"]),
+                   **self.process("-l, 63 members", [self.tool, "-l", "-c", "63,300,300"]),
+                   **self.binary("tool", self.tool)}
+        for name, packets in images.items():
+            figures.update(self.memory(name, self.transfers(1, (300, 300), packets)["tool"]))
+        return figures
 
-    def memory(self):
-        """Peak memory with a bus library that keeps nothing, by the length of the image, in turns."""
-        progress("memory")
-        images = {name: buses.make_image(self.build, self.work, size // 64)
-                  for name, size in {"small": 10_000, "large": 40_000_000}.items()}
-        peaks = {name: [] for name in images}
-        for _ in range(15):
-            for name, image in images.items():
-                command = ["setarch", "-R", self.program("orvin-firmware-upgrade"), "-B", "-c", "instant", image]
-                peaks[name].append(self.run_measured(command, f"{self.build}/instant:{self.build}/lib", 1)["peak_kb"])
-        return {"small_kb": spread(peaks["small"]), "large_kb": spread(peaks["large"]),
-                "ratio": statistics.median(peaks["large"]) / statistics.median(peaks["small"])}
+    def peers(self):
+        return {peer: self.process(peer, [peer, option]) | self.binary(peer, peer) for peer, option in PEERS.items()}
 
-    def instructions(self):
-        progress("instructions")
-        return [{**instructions.measure(self.build, devices),
-                 "floor": instructions.measure(self.build, devices, instructions.FLOOR)} for devices in DEVICES]
+    # ---- real time ----
 
-    def poll(self):
-        runs = [json.loads(subprocess.run([self.program("poll-length")], check=True,
-                                          stdout=subprocess.PIPE).stdout) for _ in range(5)]
-        return {name: spread(run[name] for run in runs) for name in ("usual", "transfer")}
+    def real_time(self, devices):
+        """The floor's time by the tool's on the simulated bus: the quartiles of all rounds."""
+        bus = os.path.join(self.work, f"{devices}.json")
+        with open(bus, "w", encoding="utf-8") as file:
+            json.dump({"members": [{"id": ":".join(["0a"] * 16 + [f"{device:02x}"]), "type": 64, "versions": {},
+                                    "timing": {"acknowledge_us": 300}} for device in range(devices)]}, file)
+        rounds = self.run([self.floor, f"sim:{bus}", self.image(ROUND_PACKETS), str(ROUNDS)], "lib")
+        return statistics.quantiles(map(float, rounds.split()))
 
 
-def progress(text):
-    print(text, file=sys.stderr, flush=True)
+def output(command):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
-def save(figures, path):
-    with open(path, "w", encoding="utf-8") as file:
-        json.dump(figures, file, indent=2)
-        file.write("\n")
+def polls_of(devices, delays):
+    return f"devices: {devices}; {delays[0]}-{delays[1]} us, polls/packet"
 
 
-def spread(values):
-    values = list(values)
-    return {"median": statistics.median(values), "least": min(values), "most": max(values)}
+def deterministic(benchmark):
+    figures = benchmark.polls()
+    for devices in DEVICES:
+        figures.update(benchmark.transfer_instructions(devices))
+    figures.update(benchmark.processes())
+    return figures
 
 
-def show(figures, form):
-    return f"{figures['median']:{form}} ({figures['least']:{form}}-{figures['most']:{form}})"
-
-
-def machine():
-    with open("/proc/cpuinfo", encoding="utf-8") as cpuinfo:
-        model = re.search(r"model name\s*: (.*)", cpuinfo.read())
-    return {"processor": model.group(1) if model else platform.machine(), "cores": os.cpu_count(),
-            "kernel": platform.release()}
-
-
-def print_tables(results):
-    print(f"{results['machine']['processor']}, {results['machine']['cores']} cores, Linux "
-          f"{results['machine']['kernel']}; {results['packets']} packets, {results['repeat']} rounds: median "
-          "(least-most)\n")
-    print("| acknowledged after | devices | packets/s | of the floor's | polls/packet (floor's) | CPU us/packet "
-          "| CPU, x the floor's | time, x that of 1 device (floor's) |\n|---|---|---|---|---|---|---|---|")
-    for row in results["transfers"]:
-        print(f"| {row['acknowledge_us'] / 1000:g} ms | {row['devices']} | {show(row['packets_per_second'], '.0f')} "
-              f"| {show(row['of_floor'], '.3f')} | {row['polls_per_packet']['median']:.2f} "
-              f"({row['floor_polls_per_packet']['median']:.2f}) | {show(row['cpu_us_per_packet'], '.0f')} "
-              f"| {show(row['cpu_to_floor'], '.2f')} | {show(row['tool_time_to_one_device'], '.3f')} "
-              f"({row['floor_time_to_one_device']['median']:.3f}) |")
-    print("\n| devices | instructions/packet | x the floor's | identifier comparisons/packet "
-          "| instructions for each further poll | x the floor's |\n|---|---|---|---|---|---|")
-    for row in results["instructions"]:
-        floor = row["floor"]
-        print(f"| {row['devices']} | {row['packet']} | {row['packet'] / floor['packet']:.1f} | {row['comparisons']} "
-              f"| {row['poll']} | {row['poll'] / floor['poll']:.1f} |")
-    print("\n| process | CPU ms | peak memory kB | shared libraries | stripped bytes |\n|---|---|---|---|---|")
-    peers = [row for row in results["processes"] if row["name"].split()[0] in PEERS]
-    least = {figure: min(row[figure]["median"] for row in peers) for figure in ("cpu_us", "peak_kb")}
-    smallest = min(row["stripped_bytes"] for row in peers)
-    for row in results["processes"]:
-        cpu = {name: value / 1000 for name, value in row["cpu_us"].items()}
-        print(f"| `{row['name']}` | {show(cpu, '.2f')}, x {row['cpu_us']['median'] / least['cpu_us']:.2f} "
-              f"| {show(row['peak_kb'], '.0f')}, x {row['peak_kb']['median'] / least['peak_kb']:.2f} "
-              f"| {row['libraries']} | {row['stripped_bytes']}, x {row['stripped_bytes'] / smallest:.2f} |")
-    print("\n(x: that of the least of the three other updaters)")
-    upgrades, memory, poll = results["upgrades"], results["memory"], results["poll"]
-    print(f"\nA poll of 1000 us takes {show(poll['usual'], '.0f')} us with the usual timer slack, "
-          f"{show(poll['transfer'], '.0f')} us with that of a transfer.")
-    print(f"\nA whole upgrade of {UPGRADE_PACKETS} packets takes {show(upgrades['one'], '.1f')} s with 1 device, "
-          f"{show(upgrades['all'], '.1f')} s with 63: {show(upgrades['ratio'], '.2f')} times as long.")
-    print(f"\nPeak memory is {show(memory['small_kb'], '.0f')} kB with an image of 10 kB, "
-          f"{show(memory['large_kb'], '.0f')} kB with one of 40 MB: {memory['ratio']:.4f} times as much.")
-
-
-def compiler():
-    version = subprocess.run(["g++", "-dumpversion"], check=True, stdout=subprocess.PIPE, text=True).stdout
-    return f"{platform.machine()}, g++ {version.strip()}"
-
-
-def check(build, update):
-    """Compares the instructions of a fixed transfer with the committed ones. No clock takes part in it."""
-    measured = {"of": compiler(), "figures": [instructions.measure(build, devices) for devices in (1, 63)]}
-    if update:
-        save(measured, COMMITTED)
-        return True
+def check(figures):
     with open(COMMITTED, encoding="utf-8") as file:
         committed = json.load(file)
-    if committed["of"] != measured["of"]:
-        print(f"Not comparable: the committed figures are of {committed['of']}, these of {measured['of']}")
-        return False
-    return all([compare(now, then, figure) for now, then in zip(measured["figures"], committed["figures"], strict=True)
-                for figure in ("packet", "comparisons", "poll")])
+    if committed["of"] != MACHINE:
+        sys.exit(f"Not comparable: the committed figures are of {committed['of']}, these of {MACHINE}")
+    then = committed["figures"]
+    grown = [name for name, now in figures.items()
+             if now != then.get(name) and (name not in then or isinstance(now, str) or now > then[name] * (1 + MARGIN))]
+    for name in grown:
+        print(f"Grew: {name}: {figures[name]}, committed {then.get(name)}")
+    print(f"{len(figures)} figures, {len(grown)} grew by more than {MARGIN:.0%}")
+    return not grown
 
 
-def compare(now, then, figure):
-    more = (now[figure] - then[figure]) / max(then[figure], 1)
-    verdict = "too many" if more > MARGIN else "fewer: ./bench --update" if more < -MARGIN else "as before"
-    print(f"{now['devices']} devices, {figure}: {now[figure]}, committed {then[figure]} ({more:+.1%}): {verdict}")
-    return more <= MARGIN
+def print_tables(benchmark, figures):
+    print("| devices | instructions: packet (floor's) | acknowledgement (floor's) | further poll (floor's) "
+          "| 32-bit ARM: packet | share of a poll, x86-64, ARM | real time, of the floor's pace |"
+          "\n|---|---|---|---|---|---|---|")
+    for devices in DEVICES:
+        def pair(what, of=f"devices: {devices}"):
+            return f"{figures[f'{of}; tool, {what}']} ({figures[f'{of}; floor, {what}']})"
+        counts = " | ".join(map(pair, ("packet", "acknowledgement", "further poll")))
+        packets = (figures[f"devices: {devices}; tool, packet"], benchmark.arm_packet(devices))
+        shares = ", ".join(f"{packet / POLL_INSTRUCTIONS:.1%}" for packet in packets)
+        low, median, high = benchmark.real_time(devices)
+        print(f"| {devices} | {counts} | {packets[1]} | {shares} | {median:.3f} ({low:.3f}-{high:.3f}) |", flush=True)
+    print("\n| polls/packet (the floor's are the same), acknowledged after | 1 device | 10 | 63 |\n|---|---|---|---|")
+    for delays in DELAYS:
+        polls = (f"{figures[polls_of(devices, delays)]:g}" for devices in DEVICES)
+        print(f"| {delays[0]} us, the last {delays[1]} us | {' | '.join(polls)} |")
+    print("\n| program | instructions | peak memory kB | stripped bytes | needs |\n|---|---|---|---|---|")
+    for peer, measured in benchmark.peers().items():
+        print(f"| `{peer} {PEERS[peer]}` | {' | '.join(str(figure) for figure in measured.values())} |")
+    for name in ("-v", "-l, 63 members", "10 kB image", "10 MB image"):
+        print(f"| tool, {name} | {figures.get(f'{name}: instructions', '')} | {figures[f'{name}: peak kB']} "
+              f"| {figures['tool: stripped bytes']} | {figures['tool: needs']} |")
+    print(f"| tool, -v, 32-bit ARM | {benchmark.arm_instructions('-v')} | | | |")
 
 
 def main():
-    arguments = argparse.ArgumentParser()
-    arguments.add_argument("build")
-    arguments.add_argument("--packets", type=int, default=10_000)
-    arguments.add_argument("--repeat", type=int, default=5)
-    arguments.add_argument("--output", default="performance.json")
-    arguments.add_argument("--check", action="store_true")
-    arguments.add_argument("--update", action="store_true")
-    chosen = arguments.parse_args()
-    if chosen.check or chosen.update:
-        return 0 if check(chosen.build, chosen.update) else 1
+    build, *options = sys.argv[1:]
+    if options not in ([], ["--check"], ["--update"]):
+        sys.exit("Usage: ./bench [--check | --update]")
     with tempfile.TemporaryDirectory(prefix="orvin-bench-") as work:
-        benchmark = Benchmark(chosen.build, chosen.packets, chosen.repeat, work)
-        results = {"machine": machine(), "packets": chosen.packets, "repeat": chosen.repeat}
-        for name, measure in (
-                ("poll", benchmark.poll), ("memory", benchmark.memory), ("processes", benchmark.processes),
-                ("instructions", benchmark.instructions), ("upgrades", benchmark.upgrades),
-                ("transfers", benchmark.transfers)):
-            results[name] = measure()
-            save(results, chosen.output)
-    print_tables(results)
+        benchmark = Benchmark(build, work)
+        figures = deterministic(benchmark)
+        if options == ["--check"]:
+            return 0 if check(figures) else 1
+        if options == ["--update"]:
+            with open(COMMITTED, "w", encoding="utf-8") as file:
+                json.dump({"of": MACHINE, "figures": figures}, file, indent=2)
+                file.write("\n")
+        else:
+            print_tables(benchmark, figures)
     return 0
 
 

@@ -7,5 +7,5 @@ test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev 
 arm_packages=("${arm_build_packages[@]}" "${manual_test_packages[@]}" qemu-user googletest)
 package_test_packages=(lintian debootstrap)
 lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools shellcheck)
-bench_packages=("${build_packages[@]}" python3 valgrind binutils)
+bench_packages=("${build_packages[@]}" python3 valgrind binutils time)
 bench_peers=(dfu-util stm32flash avrdude)

@@ -1,15 +1,14 @@
 #include "group/device_list.h"
 
-#include <algorithm>
 #include <cstring>
 
-namespace {
-
-bool isLess(const vanid_t& a, const vanid_t& b) {
-    return std::memcmp(&a, &b, sizeof a) < 0;
+DeviceList::Key DeviceList::keyOf(const vanid_t& id) {
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
+    std::memcpy(&first, id.bytes, sizeof first);
+    std::memcpy(&second, id.bytes + sizeof first, sizeof second);
+    return {first, second, id.bytes[sizeof first + sizeof second]};
 }
-
-}  // namespace
 
 void DeviceList::add(const boost::shared_ptr<Orvin>& orvin) {
     acknowledgers.clear();
@@ -39,15 +38,11 @@ void DeviceList::clearAcknowledged() {
 }
 
 void DeviceList::acknowledge(const vanid_t& source) {
-    auto entry = std::lower_bound(
-        acknowledgers.begin(), acknowledgers.end(), source,
-        [](const auto& each, const vanid_t& id) { return isLess(each.first, id); });
-    bool known = false;
-    for (; entry != acknowledgers.end() && !isLess(source, entry->first); ++entry) {
-        entry->second->acknowledged = true;
-        known = true;
-    }
-    if (known) {
+    const auto known = acknowledgers.find(keyOf(source));
+    if (known != acknowledgers.end()) {
+        for (Orvin* const orvin : known->second) {
+            orvin->acknowledged = true;
+        }
         return;
     }
     for (const auto& orvin : records) {
@@ -64,10 +59,8 @@ void DeviceList::prepareLookUp() {
     for (const auto& source : records) {
         for (const auto& orvin : records) {
             if (vanid_equal(&orvin->vanid, &source->vanid) != 0) {
-                acknowledgers.emplace_back(source->vanid, orvin.get());
+                acknowledgers[keyOf(source->vanid)].push_back(orvin.get());
             }
         }
     }
-    std::sort(acknowledgers.begin(), acknowledgers.end(),
-              [](const auto& a, const auto& b) { return isLess(a.first, b.first); });
 }

@@ -2,10 +2,12 @@
 #define GROUP_DEVICE_LIST_H
 
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "talm/vanid.h"
@@ -47,10 +49,13 @@ public:
     void prepareLookUp();
 
 private:
+    // An identifier's bytes as numbers, which are quicker to compare.
+    using Key = std::tuple<std::uint64_t, std::uint64_t, std::uint8_t>;
+    static Key keyOf(const vanid_t& id);
+
     Records records;
-    // Each device with the identifier that acknowledges for it, in the order of the identifiers'
-    // bytes; empty since `records` changed.
-    std::vector<std::pair<vanid_t, Orvin*>> acknowledgers;
+    // The records that each device's identifier acknowledges for; empty since `records` changed.
+    std::map<Key, std::vector<Orvin*>> acknowledgers;
 };
 
 #endif
