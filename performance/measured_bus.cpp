@@ -26,7 +26,7 @@ long long now;
 long long due[kMaxDevices];  // when each device acknowledges the packet in flight, or kNever
 std::uint32_t packetInFlight;
 bool upgraded;
-CallbackSlot slot;
+CallbackSlot transferSlot;
 long polls;
 long long slept;
 
@@ -41,13 +41,14 @@ extern "C" {
 // The program's callback. Costs are told by the names of the functions, so this is one of its own.
 __attribute__((noinline, used, visibility("default"))) void deliver(int device) {
     due[device] = kNever;
-    const auto callback = reinterpret_cast<TransferCallback>(slot.function);
-    callback(0, slot.userArgument, idOf(device), idOf(0), packetInFlight, 0);
+    const auto callback = reinterpret_cast<TransferCallback>(transferSlot.function);
+    callback(0, transferSlot.userArgument, idOf(device), idOf(0), packetInFlight, 0);
 }
 
+// In place of the system's. NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 int usleep(useconds_t duration) {
     now += duration;
-    if (slot.function == nullptr) {
+    if (transferSlot.function == nullptr) {
         return 0;
     }
     ++polls;
@@ -72,13 +73,13 @@ int ImageTransfer_data(TalmApiHandle, vanid_t, uint32_t packetNumber, const uint
     return -2;
 }
 
-int TalmApiSetCallback(TalmApiHandle, int, int, int, const CallbackSlot* newSlot, int) {
-    slot = *newSlot;
+int TalmApiSetCallback(TalmApiHandle, int, int, int, const CallbackSlot* slot, int) {
+    transferSlot = *slot;
     return 0;
 }
 
 TalmApiHandle TalmApiInitialize(void) {
-    return reinterpret_cast<TalmApiHandle>(&slot);
+    return reinterpret_cast<TalmApiHandle>(&transferSlot);
 }
 
 int TalmApiOpen(TalmApiHandle, const char* connection, int) {
@@ -130,9 +131,9 @@ int ImageTransfer_write_request(TalmApiHandle, vanid_t, uint32_t, uint32_t, uint
     return 0;
 }
 
-int OrvinImageMaintenance_check_image(TalmApiHandle, vanid_t, uint32_t, uint16_t* first,
-                                      uint16_t* second) {
-    *first = *second = 0;
+int OrvinImageMaintenance_check_image(TalmApiHandle, vanid_t, uint32_t, uint16_t* firstOutput,
+                                      uint16_t* secondOutput) {
+    *firstOutput = *secondOutput = 0;
     return 0;
 }
 

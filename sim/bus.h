@@ -3,14 +3,15 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "sim/bus_file.h"
+#include "sim/bus_description.h"
+#include "sim/call.h"
+#include "sim/call_faults.h"
 #include "sim/device.h"
 #include "sim/event_queue.h"
 #include "sim/trace.h"
@@ -18,34 +19,18 @@
 
 namespace sim {
 
-// Something that happens to a packet on its way to one device, or to the device's answer.
-struct PacketFault {
-    enum class Kind {
-        Lost,    // and `value` - 1 more, if that is positive
-        Answer,  // with `value` as its result
-        GoBack,  // to packet `value`
-        Late,    // by `value` microseconds
-        Twice,
-    };
-    Kind kind = Kind::Lost;
-    std::int64_t value = 0;
-};
-
 // One connection to a simulated bus: its devices, its clock and the callbacks. Any thread may call.
 // Callbacks are made on the event queue's threads without the bus's lock held, so that they may
 // block and may call the bus.
 class Bus {
 public:
-    // `storeVersions` learns of every member (counted from 0) that has new firmware.
+    // `store` learns of every member (counted from 0) that has new firmware.
     using StoreVersions = std::function<void(std::size_t member, const Versions& versions)>;
-    explicit Bus(BusDescription description, StoreVersions storeVersions = {});
+    explicit Bus(BusDescription busDescription, StoreVersions store = {});
     ~Bus();
 
-    // The result of opening the connection: 0, or what the bus file has instead.
-    int openResult() const;
-
-    // Ends all traffic. No callback is running any more when it returns. What devices were
-    // installing they have then installed: hardware goes on when nobody is connected.
+    // Ends all traffic: when it returns, no callback runs any more. Devices that were installing
+    // have finished, because hardware goes on without a connection.
     void stop();
 
     // Each as the bus call of that name; for the results see namespace `result`.
@@ -73,64 +58,51 @@ public:
     void interrupt(const vanid_t& id, Microseconds duration);
 
     void dropLink(Microseconds duration);
+    void addFault(const vanid_t& id, const PacketFault& fault);
 
-    // Strikes the next packet that goes to the device.
-    void disturbNextPacket(const vanid_t& id, const PacketFault& fault);
-
-    // Null for no device of this bus.
+    // Null when the bus has no such device.
     const Device* findDevice(const vanid_t& id) { return find(id); }
 
-    Trace& trace() { return trace_; }
-    Microseconds now() const;
+    // The observers of this bus: its call faults, then its trace.
+    const std::vector<Observer*>& ownObservers() const { return observers; }
 
 private:
     using Lock = std::lock_guard<std::mutex>;
 
-    struct Report {
-        Microseconds due;
-        const Device* device;
-        PacketAnswer answer;
-    };
-    using Reports = std::vector<Report>;
-
+    Microseconds now() const;
     bool isLinkUp() const;
     Device* find(const vanid_t& id);
     Device* findOnBus(const vanid_t& id);
     int request(const vanid_t& id, const std::function<int(Device&)>& carryOut);
-    std::optional<PacketFault> takePacketFault(const Device& device);
     Microseconds answerDelay(const Device& device);
-    Microseconds disturbAnswer(Device& device, const PacketFault& fault, PacketAnswer& answer);
-    // Appends what the device answers. `sent`: a packet to all devices reaches them at the same
-    // moment, however many they are.
-    void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes,
-                      Microseconds sent, Reports& reports);
-    void scheduleReports(const std::shared_ptr<const Reports>& reports);
+    void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes);
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
-    void finishInstallation(Device& device, std::uint32_t turn);
-    void comeBack(Device& device, std::uint32_t turn);
+    void finishInstallation(Device& device, std::uint32_t installation);
+    void comeBack(Device& device, std::uint32_t installation);
     void storeInstalled(const Device& device);
     void after(Microseconds delay, Event event);
 
-    std::mutex mutex_;  // guards all that follows, but for the trace, which has its own lock
-    const BusDescription description_;
-    const StoreVersions storeVersions_;
-    Trace trace_;
-    std::vector<Device> devices_;  // in the bus file's order; never resized
-    std::minstd_rand random_;
-    FaultCounter getMembersCalls_;
-    FaultCounter dataCalls_;
-    CallbackSlot transferSlot_{nullptr, nullptr};
-    CallbackSlot busChangeSlot_{nullptr, nullptr};
-    Microseconds linkDownUntil_ = 0;
-    std::map<const Device*, PacketFault> packetFaults_;
-    bool stopped_ = false;
-    const std::unique_ptr<EventQueue> queue_;
-    const Microseconds openedAt_;
+    std::mutex mutex;  // guards the devices and what follows them, but for the queue
+    const BusDescription description;
+    const StoreVersions storeVersions;
+    const std::unique_ptr<EventQueue> queue;
+    const Microseconds openedAt;
+    CallFaults callFaults;
+    Trace trace;
+    const std::vector<Observer*> observers{&callFaults, &trace};
+    std::vector<Device> devices;  // in the bus file's order; never resized
+    std::minstd_rand random;
+    CallbackSlot transferSlot{nullptr, nullptr};
+    CallbackSlot busChangeSlot{nullptr, nullptr};
+    Microseconds linkDownUntil;
+    bool stopped = false;
 };
 
-// The bus that the file describes, which keeps the versions of its devices. Throws BusFileError.
-std::shared_ptr<Bus> openBusFile(const std::string& path);
+// Opens the bus of that name: the file at a path, unless the program brings buses of its own.
+// Throws std::exception, with a reason in one line, when it cannot be opened.
+using BusOpener = std::function<std::shared_ptr<Bus>(const std::string& name)>;
+BusOpener& busOpener();
 
 }  // namespace sim
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/call.h"
 #include "sim/event_queue.h"
 #include "talm/vanid.h"
 
@@ -30,59 +31,47 @@ struct Selection {
     bool contains(std::uint32_t number) const {
         return all || (every != 0 && number % every == 0) || numbers.count(number) != 0;
     }
-    bool picksAny() const { return all || every != 0 || !numbers.empty(); }
 };
 
-// Calls that do not end as they should, but with `result`.
+// Makes calls of one function, to one device or to any, end with `result` instead of being carried
+// out.
 struct CallFault {
+    Function function = Function::Open;
+    std::optional<vanid_t> device;
     Selection calls;
     int result = -1;
 };
 
-// Counts the calls that a fault may strike. Gives the fault's result, or 0 for a call that is
-// spared.
-class FaultCounter {
-public:
-    int next(const CallFault& fault) { return fault.calls.contains(++count_) ? fault.result : 0; }
+// What happens to a packet on its way to a device, or to the device's answer.
+struct PacketFault {
+    enum class Kind {
+        Lost,
+        Damaged,  // and acknowledged all the same: the device fails its check
+        Twice,    // acknowledged once more, as much later as the first time
+        Answer,   // with `value` as its result
+        GoBack,   // to packet `value`
+        Late,     // by `value` microseconds
+    };
+    Kind kind = Kind::Lost;
+    Selection packets;                    // by the order in which they come to the device
+    std::optional<std::uint32_t> number;  // only the packet of this number
+    std::optional<std::uint32_t> times;   // how often it strikes; none: always
+    std::int64_t value = 0;
 
-private:
-    std::uint32_t count_ = 0;
-};
-
-// When packet `at` arrives the device asks for everything from packet `to` on.
-struct GoBack {
-    std::uint32_t at = 0;
-    std::uint32_t to = 0;
-    std::optional<std::uint32_t> times = 1;  // none: always
-};
-
-// The device answers packet `at` with a result that is neither "received" nor "go back".
-struct FaultResult {
-    std::uint32_t at = 0;
-    std::int32_t result = 1;
+    // Strikes the next `times` packets.
+    static PacketFault next(Kind kind, std::int64_t value = 0, std::uint32_t times = 1) {
+        return {kind, {true, 0, {}}, std::nullopt, times, value};
+    }
 };
 
 enum class KeepsOldVersion { Never, Once, Always };
 
+// What is wrong with a device beside its answers to calls.
 struct DeviceFaults {
-    bool present = false;  // whether there is any
-    Selection losesPackets;
-    Selection acknowledgesTwice;
-    std::vector<GoBack> goBack;
-    std::vector<FaultResult> faultResults;
-    CallFault typeQuery;
-    CallFault versionQuery;
-    CallFault writeRequest;
-    CallFault check;
-    CallFault start;
+    std::vector<PacketFault> packets;  // of those that strike a packet, the first one counts
     bool neverReturns = false;
     KeepsOldVersion keepsOldVersion = KeepsOldVersion::Never;
     int reportsBack = 1;  // how often the bus reports the device when it comes back
-
-    bool strikePackets() const {
-        return losesPackets.picksAny() || acknowledgesTwice.picksAny() || !goBack.empty() ||
-               !faultResults.empty();
-    }
 };
 
 struct Versions {
@@ -123,9 +112,7 @@ struct BusDescription {
     std::uint32_t seed = 1;
     std::string trace;  // file for the bus calls; empty: none
     std::string store;  // directory for the content that devices install; empty: none
-    CallFault open;
-    CallFault getMembers;
-    CallFault data;
+    std::vector<CallFault> callFaults;
 };
 
 }  // namespace sim

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "sim/identifier.h"
+#include "sim/replace_file.h"
 
 namespace sim {
 
@@ -57,18 +58,15 @@ Selection readSelection(const Json& json, const std::string& place) {
     return selection;
 }
 
-Selection readSelection(FieldReader& fields, const char* name) {
-    const Json* const json = fields.find(name);
-    return json == nullptr ? Selection() : readSelection(*json, fields.placeOf(name));
-}
-
-CallFault readCallFault(FieldReader& parent, const char* name) {
+// Adds the calls of `function` that the field `name` lets fail, if there is one.
+void readCallFault(FieldReader& parent, const char* name, Function function,
+                   const std::optional<vanid_t>& device, std::vector<CallFault>& faults) {
     const Json* const json = parent.find(name);
     if (json == nullptr) {
-        return {};
+        return;
     }
     FieldReader fields(*json, parent.placeOf(name));
-    CallFault fault;
+    CallFault fault{function, device, {}};
     fault.calls = readSelection(fields.require("calls"), fields.placeOf("calls"));
     fault.result = static_cast<int>(fields.number("result", fault.result,
                                                   std::numeric_limits<std::int32_t>::min(),
@@ -76,46 +74,71 @@ CallFault readCallFault(FieldReader& parent, const char* name) {
     if (fault.result == 0) {
         throw BusFileError(fields.placeOf("result") + ": 0 is no fault");
     }
+    if (function == Function::GetBusMembers && fault.result > 0) {
+        throw BusFileError(fields.placeOf("result") + ": would invent members");
+    }
+    fields.finish();
+    faults.push_back(fault);
+}
+
+// Every packet that the field `name` selects, if there is one.
+void readSelectedPackets(FieldReader& parent, const char* name, PacketFault::Kind kind,
+                         std::vector<PacketFault>& faults) {
+    if (const Json* const json = parent.find(name)) {
+        faults.push_back({kind, readSelection(*json, parent.placeOf(name)), {}, {}});
+    }
+}
+
+std::optional<std::uint32_t> readTimes(FieldReader& fields) {
+    const Json* const times = fields.find("times");
+    if (times != nullptr && *times == "always") {
+        return std::nullopt;
+    }
+    return read32(fields, "times", 1);
+}
+
+PacketFault readGoBack(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    fields.require("at");
+    fields.require("to");
+    PacketFault fault = PacketFault::next(PacketFault::Kind::GoBack, read32(fields, "to", 0));
+    fault.number = read32(fields, "at", 0);
+    fault.times = readTimes(fields);
     fields.finish();
     return fault;
 }
 
-GoBack readGoBack(const Json& json, const std::string& place) {
+PacketFault readFaultResult(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
-    GoBack goBack;
     fields.require("at");
-    fields.require("to");
-    goBack.at = read32(fields, "at", 0);
-    goBack.to = read32(fields, "to", 0);
-    const Json* const times = fields.find("times");
-    if (times != nullptr && *times == "always") {
-        goBack.times = std::nullopt;
-    } else {
-        goBack.times = read32(fields, "times", 1);
-    }
-    fields.finish();
-    return goBack;
-}
-
-FaultResult readFaultResult(const Json& json, const std::string& place) {
-    FieldReader fields(json, place);
-    FaultResult fault;
-    fields.require("at");
-    fault.at = read32(fields, "at", 0);
-    fault.result = static_cast<std::int32_t>(
-        fields.number("result", fault.result, std::numeric_limits<std::int32_t>::min(),
-                      std::numeric_limits<std::int32_t>::max()));
-    if (fault.result == kReceivedResult || fault.result == kGoBackResult) {
+    PacketFault fault =
+        PacketFault::next(PacketFault::Kind::Answer,
+                          fields.number("result", 1, std::numeric_limits<std::int32_t>::min(),
+                                        std::numeric_limits<std::int32_t>::max()));
+    fault.number = read32(fields, "at", 0);
+    fault.times = std::nullopt;
+    if (fault.value == kReceivedResult || fault.value == kGoBackResult) {
         throw BusFileError(fields.placeOf("result") + ": not a fault's result");
     }
     fields.finish();
     return fault;
 }
 
-template <typename Item>
-std::vector<Item> readList(FieldReader& parent, const char* name,
-                           Item (*readItem)(const Json&, const std::string&)) {
-    std::vector<Item> items;
+PacketFault readLate(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    fields.require("at");
+    fields.require("us");
+    PacketFault fault =
+        PacketFault::next(PacketFault::Kind::Late, fields.number("us", 0, 0, kMaxMicroseconds));
+    fault.number = read32(fields, "at", 0);
+    fault.times = readTimes(fields);
+    fields.finish();
+    return fault;
+}
+
+template <typename ReadItem>
+auto readList(FieldReader& parent, const char* name, ReadItem readItem) {
+    std::vector<decltype(readItem(Json(), std::string()))> items;
     const Json* const json = parent.find(name);
     if (json == nullptr) {
         return items;
@@ -141,24 +164,38 @@ KeepsOldVersion readKeepsOldVersion(FieldReader& fields, const char* name) {
     throw BusFileError(fields.placeOf(name) + ": neither \"once\" nor \"always\"");
 }
 
-DeviceFaults readDeviceFaults(const Json& json, const std::string& place) {
-    FieldReader fields(json, place);
-    DeviceFaults faults;
-    faults.present = true;
-    faults.losesPackets = readSelection(fields, "loses_packets");
-    faults.acknowledgesTwice = readSelection(fields, "acknowledges_twice");
-    faults.goBack = readList(fields, "go_back", readGoBack);
-    faults.faultResults = readList(fields, "fault_result", readFaultResult);
-    faults.typeQuery = readCallFault(fields, "type_query");
-    faults.versionQuery = readCallFault(fields, "version_query");
-    faults.writeRequest = readCallFault(fields, "write_request");
-    faults.check = readCallFault(fields, "check");
-    faults.start = readCallFault(fields, "start");
-    faults.neverReturns = fields.flag("never_returns");
-    faults.keepsOldVersion = readKeepsOldVersion(fields, "keeps_old_version");
-    faults.reportsBack = static_cast<int>(fields.number("reports_back", 1, 0, 100));
-    fields.finish();
+std::vector<PacketFault> readPacketFaults(FieldReader& fields) {
+    using Kind = PacketFault::Kind;
+    std::vector<PacketFault> faults;
+    readSelectedPackets(fields, "loses_packets", Kind::Lost, faults);
+    readSelectedPackets(fields, "damages_packets", Kind::Damaged, faults);
+    using ReadItem = PacketFault (*)(const Json&, const std::string&);
+    const std::pair<const char*, ReadItem> lists[] = {
+        {"fault_result", readFaultResult}, {"go_back", readGoBack}, {"late", readLate}};
+    for (const auto& [name, readItem] : lists) {
+        const std::vector<PacketFault> items = readList(fields, name, readItem);
+        faults.insert(faults.end(), items.begin(), items.end());
+    }
+    readSelectedPackets(fields, "acknowledges_twice", Kind::Twice, faults);
     return faults;
+}
+
+void readDeviceFaults(const Json& json, const std::string& place, MemberDescription& member,
+                      std::vector<CallFault>& callFaults) {
+    FieldReader fields(json, place);
+    const std::pair<const char*, Function> calls[] = {{"type_query", Function::GetType},
+                                                      {"version_query", Function::OrvinInfo},
+                                                      {"write_request", Function::WriteRequest},
+                                                      {"check", Function::CheckImage},
+                                                      {"start", Function::StartUpdate}};
+    for (const auto& [name, function] : calls) {
+        readCallFault(fields, name, function, member.id, callFaults);
+    }
+    member.faults.packets = readPacketFaults(fields);
+    member.faults.neverReturns = fields.flag("never_returns");
+    member.faults.keepsOldVersion = readKeepsOldVersion(fields, "keeps_old_version");
+    member.faults.reportsBack = static_cast<int>(fields.number("reports_back", 1, 0, 100));
+    fields.finish();
 }
 
 Versions readVersions(const Json& json, const std::string& place) {
@@ -198,7 +235,8 @@ void readOrvin(FieldReader& fields, MemberDescription& member) {
     }
 }
 
-MemberDescription readMember(const Json& json, const std::string& place) {
+MemberDescription readMember(const Json& json, const std::string& place,
+                             std::vector<CallFault>& callFaults) {
     FieldReader fields(json, place);
     MemberDescription member;
     fields.require("id");
@@ -214,7 +252,7 @@ MemberDescription readMember(const Json& json, const std::string& place) {
         readOrvin(fields, member);
     }
     if (const Json* const faults = fields.find("faults")) {
-        member.faults = readDeviceFaults(*faults, fields.placeOf("faults"));
+        readDeviceFaults(*faults, fields.placeOf("faults"), member, callFaults);
     }
     fields.finish();
     return member;
@@ -235,9 +273,9 @@ void readBusFaults(FieldReader& parent, BusDescription& bus) {
         return;
     }
     FieldReader fields(*json, parent.placeOf("faults"));
-    bus.open = readCallFault(fields, "open");
-    bus.getMembers = readCallFault(fields, "get_members");
-    bus.data = readCallFault(fields, "data");
+    readCallFault(fields, "open", Function::Open, std::nullopt, bus.callFaults);
+    readCallFault(fields, "get_members", Function::GetBusMembers, std::nullopt, bus.callFaults);
+    readCallFault(fields, "data", Function::Data, std::nullopt, bus.callFaults);
     fields.finish();
 }
 
@@ -294,7 +332,9 @@ BusDescription describeBus(const Json& json) {
     FieldReader fields(json, "");
     BusDescription bus;
     fields.require("members");
-    bus.members = readList(fields, "members", readMember);
+    bus.members = readList(fields, "members", [&](const Json& member, const std::string& place) {
+        return readMember(member, place, bus.callFaults);
+    });
     rejectDuplicates(bus.members);
     readLink(fields, bus);
     readBusFaults(fields, bus);
@@ -305,24 +345,24 @@ BusDescription describeBus(const Json& json) {
     return bus;
 }
 
-BusFile::BusFile(std::string path)
-    : path_(std::move(path)),
-      file_(path_),
-      json_(parseBusFile(file_.read())),
-      description_(describeBus(json_)) {
-    resolve(description_.trace, path_);
-    resolve(description_.store, path_);
+BusFile::BusFile(std::string name)
+    : path(std::move(name)),
+      file(path),
+      json(parseBusFile(file.read())),
+      contents(describeBus(json)) {
+    resolve(contents.trace, path);
+    resolve(contents.store, path);
 }
 
 void BusFile::storeVersions(std::size_t member, const Versions& versions) {
-    Json& stored = json_["members"][member]["versions"];
+    Json& stored = json["members"][member]["versions"];
     stored["hw"] = hexadecimal(versions.hw, 8);
     stored["arm"] = hexadecimal(versions.arm, 8);
     stored["dsp"] = hexadecimal(versions.dsp, 8);
     stored["booster_arm"] = hexadecimal(versions.boosterArm, 8);
     stored["api"] = hexadecimal(versions.api, 4);
-    if (!file_.replace(json_.dump(2) + '\n')) {
-        std::fprintf(stderr, "bus file '%s': cannot be written: %s\n", path_.c_str(),
+    if (!file.replace(json.dump(2) + '\n')) {
+        std::fprintf(stderr, "bus file '%s': cannot be written: %s\n", path.c_str(),
                      std::strerror(errno));
     }
 }

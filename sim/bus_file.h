@@ -14,20 +14,20 @@ namespace sim {
 class BusFile {
 public:
     // Throws BusFileError, naming the place, when the file cannot be read, is broken or is in use.
-    explicit BusFile(std::string path);
+    explicit BusFile(std::string name);
 
     // Paths in it are as seen from here: relative ones in the file start at the file's directory.
-    const BusDescription& description() const { return description_; }
+    const BusDescription& description() const { return contents; }
 
     // Makes the versions those of the member (counted from 0) in the file, which a reader always
     // finds whole. A failure is reported on standard error.
     void storeVersions(std::size_t member, const Versions& versions);
 
 private:
-    const std::string path_;
-    LockedFile file_;
-    Json json_;
-    BusDescription description_;
+    const std::string path;
+    LockedFile file;
+    Json json;
+    BusDescription contents;
 };
 
 // The description that a bus file's text holds. Throws BusFileError.

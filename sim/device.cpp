@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "firmware/checksum.h"
-#include "firmware/descriptor.h"
+#include "sim/firmware_checksum.h"
+#include "sim/firmware_descriptor.h"
 
 namespace sim {
 
@@ -24,8 +24,8 @@ bool Device::Transfer::isComplete() const {
            std::all_of(received.begin(), received.end(), [](bool there) { return there; });
 }
 
-// Over the bytes that really arrived. The sum of too few of them may be right by chance; a device
-// that knows it has not all of them does not answer with it.
+// The sum over the bytes that arrived. A device that lacks a packet never answers with the
+// announced sum, even when its bytes happen to give it.
 std::uint16_t Device::Transfer::computeChecksum() const {
     firmware::Checksum sum;
     for (std::size_t packet = 0; packet < received.size(); ++packet) {
@@ -40,160 +40,150 @@ std::uint16_t Device::Transfer::computeChecksum() const {
     return sum.value();
 }
 
-Device::Device(const MemberDescription& description)
-    : description_(description),
-      versions_(description.versions),
-      faultsStrikePackets_(description.faults.strikePackets()) {
-    for (const GoBack& fault : description_.faults.goBack) {
-        goBackTimes_.push_back(fault.times);
-    }
-}
+Device::Device(const MemberDescription& memberDescription)
+    : description(memberDescription),
+      versions(description.versions),
+      packetFaults(description.faults.packets) {}
 
-int Device::readType(std::uint8_t& type) {
-    if (const int fault = typeQueries_.next(description_.faults.typeQuery)) {
-        return fault;
-    }
-    type = description_.type;
-    return 0;
-}
-
-int Device::readVersions(Versions& versions) {
-    if (const int fault = versionQueries_.next(description_.faults.versionQuery)) {
-        return fault;
-    }
-    versions = versions_;
+Versions Device::readVersions() const {
+    Versions current = versions;
     if (isInstalling() && target() != kArmTarget) {
-        versions.dsp = 0;  // not up until the new firmware is
+        current.dsp = 0;  // not up until the new firmware is
     }
-    return 0;
+    return current;
 }
 
 int Device::writeRequest(std::uint32_t target, std::uint32_t contentSize, std::uint16_t checksum) {
-    if (const int fault = writeRequests_.next(description_.faults.writeRequest)) {
-        return fault;
-    }
-    if (state_ != State::Ready || versionOf(target) == nullptr) {
+    if (state != State::Ready || versionOf(target) == nullptr) {
         return result::kRefused;
     }
-    transfer_ = Transfer();
-    transfer_.open = true;
-    transfer_.target = target;
-    transfer_.contentSize = contentSize;
-    transfer_.checksum = checksum;
-    transfer_.content.reserve(std::min(contentSize, kReservedBytes));
+    transfer = Transfer();
+    transfer.open = true;
+    transfer.target = target;
+    transfer.contentSize = contentSize;
+    transfer.checksum = checksum;
+    transfer.content.reserve(std::min(contentSize, kReservedBytes));
     return 0;
 }
 
 std::optional<PacketAnswer> Device::receive(std::uint32_t number, const std::uint8_t* bytes) {
-    if (!transfer_.open) {
+    if (!transfer.open) {
         return std::nullopt;
     }
-    ++packetsSeen_;
-    if (faultsStrikePackets_ && description_.faults.losesPackets.contains(packetsSeen_)) {
+    ++packetsSeen;
+    const PacketFault* const fault = takeFault(number);
+    if (fault != nullptr && fault->kind == PacketFault::Kind::Lost) {
         return std::nullopt;
     }
-    if (number >= packetsOf(transfer_.contentSize)) {
-        return PacketAnswer{kNotPartOfImage, number, 1};
+    if (number >= packetsOf(transfer.contentSize)) {
+        return PacketAnswer{kNotPartOfImage, number};
     }
     keepPacket(number, bytes);
-    if (!faultsStrikePackets_) {
-        return PacketAnswer{kReceivedResult, number, 1};
+    return fault == nullptr ? PacketAnswer{kReceivedResult, number} : answerWith(*fault, number);
+}
+
+// The fault that strikes the packet that has just come, or null.
+const PacketFault* Device::takeFault(std::uint32_t number) {
+    const auto strikes = [&](const PacketFault& fault) {
+        return fault.times != 0U && fault.number.value_or(number) == number &&
+               fault.packets.contains(packetsSeen);
+    };
+    const auto found = std::find_if(packetFaults.begin(), packetFaults.end(), strikes);
+    if (found == packetFaults.end()) {
+        return nullptr;
     }
-    if (const auto answer = faultyAnswer(number)) {
-        return answer;
+    if (found->times) {
+        --*found->times;
     }
-    const bool twice = description_.faults.acknowledgesTwice.contains(packetsSeen_);
-    return PacketAnswer{kReceivedResult, number, twice ? 2 : 1};
+    return &*found;
 }
 
 void Device::keepPacket(std::uint32_t number, const std::uint8_t* bytes) {
     const std::size_t start = std::size_t{number} * kPacketBytes;
-    const std::size_t end = std::min<std::size_t>(start + kPacketBytes, transfer_.contentSize);
-    if (transfer_.content.size() < end) {
-        transfer_.content.resize(end);
+    const std::size_t end = std::min<std::size_t>(start + kPacketBytes, transfer.contentSize);
+    if (transfer.content.size() < end) {
+        transfer.content.resize(end);
     }
-    if (transfer_.received.size() <= number) {
-        transfer_.received.resize(std::size_t{number} + 1);
+    if (transfer.received.size() <= number) {
+        transfer.received.resize(std::size_t{number} + 1);
     }
-    std::copy_n(bytes, end - start, &transfer_.content[start]);
-    transfer_.received[number] = true;
-    transfer_.checked = false;
+    std::copy_n(bytes, end - start, &transfer.content[start]);
+    transfer.received[number] = true;
+    transfer.checked = false;
 }
 
-std::optional<PacketAnswer> Device::faultyAnswer(std::uint32_t number) {
-    for (const FaultResult& fault : description_.faults.faultResults) {
-        if (fault.at == number) {
-            return PacketAnswer{fault.result, number, 1};
-        }
+PacketAnswer Device::answerWith(const PacketFault& fault, std::uint32_t number) {
+    PacketAnswer answer{kReceivedResult, number};
+    switch (fault.kind) {
+    case PacketFault::Kind::Lost:
+        break;  // the packet did not arrive
+    case PacketFault::Kind::Damaged:
+        transfer.content[std::size_t{number} * kPacketBytes] ^= 1;
+        break;
+    case PacketFault::Kind::Twice:
+        answer.times = 2;
+        break;
+    case PacketFault::Kind::Answer:
+        answer.result = static_cast<std::int32_t>(fault.value);
+        break;
+    case PacketFault::Kind::GoBack:
+        answer = {kGoBackResult, static_cast<std::uint32_t>(fault.value)};
+        discardFrom(answer.packet);
+        break;
+    case PacketFault::Kind::Late:
+        answer.later = fault.value;
+        break;
     }
-    for (std::size_t i = 0; i < goBackTimes_.size(); ++i) {
-        const GoBack& fault = description_.faults.goBack[i];
-        std::optional<std::uint32_t>& timesLeft = goBackTimes_[i];
-        if (fault.at != number || timesLeft == 0U) {
-            continue;
-        }
-        if (timesLeft) {
-            --*timesLeft;
-        }
-        discardFrom(fault.to);
-        return PacketAnswer{kGoBackResult, fault.to, 1};
-    }
-    return std::nullopt;
+    return answer;
 }
 
 void Device::discardFrom(std::uint32_t packet) {
-    if (!transfer_.open) {
+    if (!transfer.open) {
         return;
     }
-    transfer_.checked = false;
-    if (packet < transfer_.received.size()) {
-        transfer_.received.resize(packet);
-        transfer_.content.resize(std::size_t{packet} * kPacketBytes);
+    transfer.checked = false;
+    if (packet < transfer.received.size()) {
+        transfer.received.resize(packet);
+        transfer.content.resize(std::size_t{packet} * kPacketBytes);
     }
 }
 
 int Device::checkImage(std::uint32_t target, std::uint16_t& announced, std::uint16_t& computed) {
-    if (const int fault = checks_.next(description_.faults.check)) {
-        return fault;
-    }
-    if (!transfer_.open || target != transfer_.target) {
+    if (!transfer.open || target != transfer.target) {
         return result::kRefused;
     }
-    announced = transfer_.checksum;
-    computed = transfer_.computeChecksum();
-    transfer_.checked = announced == computed;
+    announced = transfer.checksum;
+    computed = transfer.computeChecksum();
+    transfer.checked = announced == computed;
     return 0;
 }
 
 int Device::startUpdate(std::uint32_t target) {
-    if (const int fault = starts_.next(description_.faults.start)) {
-        return fault;
-    }
-    if (!transfer_.open || !transfer_.checked || target != transfer_.target) {
+    if (!transfer.open || !transfer.checked || target != transfer.target) {
         return result::kRefused;
     }
-    transfer_.open = false;
-    state_ = State::Installing;
-    ++turn_;
+    transfer.open = false;
+    state = State::Installing;
+    ++installationNumber;
     return 0;
 }
 
 bool Device::finishInstallation() {
     const bool restarts = target() == kArmTarget;
-    if (description_.faults.neverReturns) {
-        // Off the bus, or for ever without a DSP: what it holds nobody will know.
-        state_ = restarts ? State::Restarting : State::Installing;
+    if (description.faults.neverReturns) {
+        // Off the bus, or for ever without a DSP.
+        state = restarts ? State::Restarting : State::Installing;
         return false;
     }
-    state_ = restarts ? State::Restarting : State::Ready;
+    state = restarts ? State::Restarting : State::Ready;
     return takesNewFirmware();
 }
 
 bool Device::takesNewFirmware() {
-    ++installations_;
-    const KeepsOldVersion keeps = description_.faults.keepsOldVersion;
+    ++installations;
+    const KeepsOldVersion keeps = description.faults.keepsOldVersion;
     if (keeps == KeepsOldVersion::Always ||
-        (keeps == KeepsOldVersion::Once && installations_ == 1)) {
+        (keeps == KeepsOldVersion::Once && installations == 1)) {
         return false;
     }
     const auto found = firmware::Descriptor::decode(content().data(), content().size());
@@ -205,27 +195,27 @@ bool Device::takesNewFirmware() {
 }
 
 bool Device::comeBack() {
-    if (description_.faults.neverReturns || isOnBus()) {
+    if (description.faults.neverReturns || isOnBus()) {
         return false;
     }
-    state_ = State::Ready;
+    state = State::Ready;
     return true;
 }
 
 void Device::losePower() {
-    state_ = State::Restarting;
-    transfer_ = Transfer();
-    ++turn_;
+    state = State::Restarting;
+    transfer = Transfer();
+    ++installationNumber;
 }
 
 std::uint32_t* Device::versionOf(std::uint32_t target) {
     switch (target) {
     case kArmTarget:
-        return &versions_.arm;
+        return &versions.arm;
     case kDspTarget:
-        return &versions_.dsp;
+        return &versions.dsp;
     case kBoosterArmTarget:
-        return &versions_.boosterArm;
+        return &versions.boosterArm;
     default:
         return nullptr;
     }

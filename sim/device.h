@@ -4,14 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "sim/bus_description.h"
 
 namespace sim {
 
-// Results of bus calls beside 0 and a bus file's own.
+// Results of bus calls, beside 0 and those that a bus file sets.
 namespace result {
 constexpr int kNoSession = -1;  // the handle is not that of an open connection
 constexpr int kBroadcast = -2;  // the request went to all devices
@@ -30,22 +29,23 @@ struct PacketAnswer {
     std::int32_t result = 0;
     std::uint32_t packet = 0;
     int times = 1;
+    Microseconds later = 0;  // than usual
 };
 
-// One bus member, and where it is an Orvin its firmware: what it was told, received and installed.
+// One bus member and, for an Orvin, its firmware: what was announced to it, received and installed.
 // It knows no time and no threads; the bus brings both, and holds its lock around every call.
 class Device {
 public:
-    explicit Device(const MemberDescription& description);
+    explicit Device(const MemberDescription& memberDescription);
 
-    const MemberDescription& description() const { return description_; }
-    bool isOrvin() const { return description_.type == kOrvinType; }
-    bool isOnBus() const { return state_ != State::Restarting; }
+    const MemberDescription description;
+
+    bool isOrvin() const { return description.type == kOrvinType; }
+    bool isOnBus() const { return state != State::Restarting; }
 
     // ---- requests. What they return is the bus call's result ----
 
-    int readType(std::uint8_t& type);
-    int readVersions(Versions& versions);
+    Versions readVersions() const;
     int writeRequest(std::uint32_t target, std::uint32_t contentSize, std::uint16_t checksum);
     int checkImage(std::uint32_t target, std::uint16_t& announced, std::uint16_t& computed);
     int startUpdate(std::uint32_t target);
@@ -56,13 +56,14 @@ public:
     // Forgets the packets from `packet` on, as a device does that asks for them again.
     void discardFrom(std::uint32_t packet);
 
+    void addFault(const PacketFault& fault) { packetFaults.push_back(fault); }
+
     // ---- an update that was started, one step after the other ----
 
-    bool isInstalling() const { return state_ == State::Installing; }
+    bool isInstalling() const { return state == State::Installing; }
 
-    // Grows with every installation that is started and with every loss of power, so that what was
-    // to become of an earlier one can be told from what becomes of this one.
-    std::uint32_t turn() const { return turn_; }
+    // Identifies one installation, so that events of an interrupted one are ignored.
+    std::uint32_t installation() const { return installationNumber; }
 
     // Ends the installation: the firmware is in, if it is fit for the device, and a device that
     // restarts has left the bus. True when there is new content to keep.
@@ -74,9 +75,9 @@ public:
     // Off the bus at once, without what it was receiving or installing.
     void losePower();
 
-    const Versions& versions() const { return versions_; }
-    std::uint32_t target() const { return transfer_.target; }
-    const std::vector<std::uint8_t>& content() const { return transfer_.content; }
+    const Versions& installedVersions() const { return versions; }
+    std::uint32_t target() const { return transfer.target; }
+    const std::vector<std::uint8_t>& content() const { return transfer.content; }
 
 private:
     enum class State { Ready, Installing, Restarting };
@@ -95,21 +96,19 @@ private:
         std::uint16_t computeChecksum() const;
     };
 
+    const PacketFault* takeFault(std::uint32_t number);
     void keepPacket(std::uint32_t number, const std::uint8_t* bytes);
-    std::optional<PacketAnswer> faultyAnswer(std::uint32_t number);
+    PacketAnswer answerWith(const PacketFault& fault, std::uint32_t number);
     bool takesNewFirmware();
     std::uint32_t* versionOf(std::uint32_t target);
 
-    const MemberDescription description_;
-    Versions versions_;
-    State state_ = State::Ready;
-    Transfer transfer_;
-    std::vector<std::optional<std::uint32_t>> goBackTimes_;  // left, for each of the faults
-    std::uint32_t turn_ = 0;
-    std::uint32_t packetsSeen_ = 0;
-    const bool faultsStrikePackets_;  // else they are not looked at for every packet
-    std::uint32_t installations_ = 0;
-    FaultCounter typeQueries_, versionQueries_, writeRequests_, checks_, starts_;
+    Versions versions;
+    State state = State::Ready;
+    Transfer transfer;
+    std::vector<PacketFault> packetFaults;  // with the times that they still strike
+    std::uint32_t installationNumber = 0;
+    std::uint32_t packetsSeen = 0;
+    std::uint32_t installations = 0;
 };
 
 }  // namespace sim

@@ -4,17 +4,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <vector>
 
 namespace sim {
 
 using Microseconds = std::int64_t;
 using Event = std::function<void()>;
-
-struct TimedEvent {
-    Microseconds when = 0;
-    Event event;
-};
 
 // The clock of a simulated bus, and what is to happen on it. Events are taken in the order of their
 // times, those of the same time in the order in which they were scheduled; with several threads of
@@ -31,8 +25,7 @@ public:
 
     virtual Microseconds now() const = 0;
     virtual void sleep(Microseconds duration) = 0;
-    // Several at once wake the waiting threads only once.
-    virtual void schedule(std::vector<TimedEvent> events) = 0;
+    virtual void schedule(Microseconds when, Event event) = 0;
 };
 
 // The event queue of a new bus. Which clock it runs on is settled when the program is linked:

@@ -10,7 +10,7 @@ namespace {
     throw BusFileError((place.empty() ? "the whole file" : place) + ": " + reason);
 }
 
-// Decimal numbers are JSON numbers; as a text, "0x" and one to eight hexadecimal digits.
+// A number written as a text: "0x" and one to eight hexadecimal digits.
 std::int64_t readHexadecimal(const std::string& text, const std::string& place) {
     constexpr char kDigits[] = "0123456789abcdefABCDEF";
     constexpr std::size_t kMaxLength = 10;
@@ -23,23 +23,23 @@ std::int64_t readHexadecimal(const std::string& text, const std::string& place) 
 
 }  // namespace
 
-FieldReader::FieldReader(const Json& json, std::string place)
-    : json_(json), place_(std::move(place)) {
-    if (!json_.is_object()) {
-        reject(place_, "not an object");
+FieldReader::FieldReader(const Json& object, std::string where)
+    : json(object), place(std::move(where)) {
+    if (!json.is_object()) {
+        reject(place, "not an object");
     }
 }
 
 const Json* FieldReader::find(const char* name) {
-    known_.insert(name);
-    const auto found = json_.find(name);
-    return found == json_.end() ? nullptr : &*found;
+    known.insert(name);
+    const auto found = json.find(name);
+    return found == json.end() ? nullptr : &*found;
 }
 
 const Json& FieldReader::require(const char* name) {
     const Json* const field = find(name);
     if (field == nullptr) {
-        reject(place_, std::string("has no \"") + name + '"');
+        reject(place, std::string("has no \"") + name + '"');
     }
     return *field;
 }
@@ -73,12 +73,12 @@ std::string FieldReader::text(const char* name) {
 }
 
 std::string FieldReader::placeOf(const std::string& name) const {
-    return place_ + '/' + name;
+    return place + '/' + name;
 }
 
 void FieldReader::finish() const {
-    for (const auto& field : json_.items()) {
-        if (known_.count(field.key()) == 0) {
+    for (const auto& field : json.items()) {
+        if (known.count(field.key()) == 0) {
             reject(placeOf(field.key()), "unknown field");
         }
     }

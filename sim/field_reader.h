@@ -11,18 +11,18 @@ namespace sim {
 
 using Json = nlohmann::ordered_json;
 
-// Says where in the bus file what is wrong, in one line.
+// Names, in one line, the place in the bus file and what is wrong there.
 class BusFileError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// Reads the fields of one JSON object. Every error names the place; a field that nobody asked for
-// is an error, too, since a fault with a misspelt name would be a healthy device.
+// Reads the fields of one JSON object. Every error names the place; a field that was not asked
+// for is an error, too, since a fault with a misspelt name would be a healthy device.
 class FieldReader {
 public:
-    // `json` must outlive the reader. Throws BusFileError unless it is an object.
-    FieldReader(const Json& json, std::string place);
+    // `object` must outlive the reader. Throws BusFileError unless it is an object.
+    FieldReader(const Json& object, std::string where);
 
     // Null when the field is absent.
     const Json* find(const char* name);
@@ -42,9 +42,9 @@ public:
     void finish() const;
 
 private:
-    const Json& json_;
-    const std::string place_;
-    std::set<std::string> known_;
+    const Json& json;
+    const std::string place;
+    std::set<std::string> known;
 };
 
 std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t min,

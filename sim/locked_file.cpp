@@ -7,8 +7,8 @@
 #include <cstring>
 #include <utility>
 
-#include "files/replace_file.h"
 #include "sim/field_reader.h"
+#include "sim/replace_file.h"
 
 namespace sim {
 
@@ -20,19 +20,19 @@ BusFileError unreadable() {
     return BusFileError(std::string("cannot be read: ") + std::strerror(errno));
 }
 
-// False when another one has the lock. A file system without locks, which fails otherwise, is no
-// reason not to use the file.
+// False when another connection has the lock. On a file system without locks flock fails in another
+// way, and the file is used without one.
 bool lock(std::FILE* file) {
     return flock(fileno(file), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 }  // namespace
 
-LockedFile::LockedFile(std::string path) : path_(std::move(path)) {
-    // The connection that had the file may have replaced it, and gone, before the lock was taken.
+LockedFile::LockedFile(std::string name) : path(std::move(name)) {
+    // The connection that held the file may have replaced it and ended between open and lock.
     do {
         open();
-        if (!lock(stream_.get())) {
+        if (!lock(stream.get())) {
             throw BusFileError("in use by another connection");
         }
     } while (!isAtItsPath());
@@ -41,11 +41,11 @@ LockedFile::LockedFile(std::string path) : path_(std::move(path)) {
 // What is no regular file is not even opened: a FIFO would wait for its other end.
 void LockedFile::open() {
     struct stat status {};
-    if (stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw BusFileError("not a regular file");
     }
-    stream_.reset(std::fopen(path_.c_str(), "re"));
-    if (!stream_) {
+    stream.reset(std::fopen(path.c_str(), "re"));
+    if (!stream) {
         throw unreadable();
     }
 }
@@ -53,20 +53,20 @@ void LockedFile::open() {
 bool LockedFile::isAtItsPath() const {
     struct stat locked {};
     struct stat current {};
-    return fstat(fileno(stream_.get()), &locked) == 0 && stat(path_.c_str(), &current) == 0 &&
+    return fstat(fileno(stream.get()), &locked) == 0 && stat(path.c_str(), &current) == 0 &&
            locked.st_dev == current.st_dev && locked.st_ino == current.st_ino;
 }
 
 std::string LockedFile::read() const {
     std::string text;
     char chunk[4096];
-    while (const std::size_t count = std::fread(chunk, 1, sizeof chunk, stream_.get())) {
+    while (const std::size_t count = std::fread(chunk, 1, sizeof chunk, stream.get())) {
         text.append(chunk, count);
         if (text.size() > kMaxBytes) {
             throw BusFileError("larger than 4 MiB");
         }
     }
-    if (std::ferror(stream_.get()) != 0) {
+    if (std::ferror(stream.get()) != 0) {
         throw unreadable();
     }
     return text;
@@ -74,17 +74,17 @@ std::string LockedFile::read() const {
 
 bool LockedFile::replace(const std::string& text) {
     Stream next;
-    const auto lockNext = [&next](const std::string& path) {
-        next.reset(std::fopen(path.c_str(), "re"));
+    const auto lockNext = [&next](const std::string& newPath) {
+        next.reset(std::fopen(newPath.c_str(), "re"));
         return next && lock(next.get());
     };
     const auto writeText = [&text](const WriteBytes& write) {
         return write(text.data(), text.size());
     };
-    if (!replaceFile(path_, writeText, lockNext)) {
+    if (!replaceFile(path, writeText, lockNext)) {
         return false;
     }
-    stream_ = std::move(next);
+    stream = std::move(next);
     return true;
 }
 

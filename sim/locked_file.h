@@ -7,16 +7,16 @@
 
 namespace sim {
 
-// A bus file in the hands of one connection, as the hardware would be. Another one on the same file
-// fails to open, in this process or in another, until this object or its process is gone.
+// A bus file that one connection holds, as it would hold the hardware. Any other connection to the
+// file, in this process or another, fails to open until this object or its process is gone.
 //
 // The lock is on the file itself, so that nothing is left beside it and a read-only file or
-// directory can be used, and the system drops the lock with the process. A file that replaces the
-// locked one is locked before it does.
+// directory can be used, and the system drops the lock with the process. replace() locks the
+// new file before that takes the old one's place.
 class LockedFile {
 public:
     // Throws BusFileError when it is no regular file, cannot be opened or is in use.
-    explicit LockedFile(std::string path);
+    explicit LockedFile(std::string name);
 
     // The whole text. Throws BusFileError.
     std::string read() const;
@@ -26,15 +26,15 @@ public:
 
 private:
     struct Close {
-        void operator()(std::FILE* file) const { std::fclose(file); }
+        void operator()(std::FILE* open) const { std::fclose(open); }
     };
     using Stream = std::unique_ptr<std::FILE, Close>;
 
     void open();
     bool isAtItsPath() const;
 
-    const std::string path_;
-    Stream stream_;
+    const std::string path;
+    Stream stream;
 };
 
 }  // namespace sim

@@ -1,8 +1,5 @@
 // Events on the real clock, run by a few threads of the queue's own.
 
-#include <sched.h>
-#include <sys/prctl.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -21,10 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A virtual machine takes 20 to 90 us to wake a thread, which would make every answer that much
-// later than the bus file says.
-constexpr Microseconds kWakesEarly = 100;
-
 // At least two, so that several devices report at the same moment; more than there are processors
 // would stand in each other's way.
 std::size_t threadCount() {
@@ -38,8 +31,8 @@ public:
     void start() {
         const std::size_t count = threadCount();
         try {
-            while (threads_.size() < count) {
-                threads_.emplace_back([this] { runEvents(); });
+            while (threads.size() < count) {
+                threads.emplace_back([this] { runEvents(); });
             }
         } catch (const std::system_error& error) {
             throw std::system_error(error.code(), "cannot start a thread");
@@ -50,90 +43,61 @@ public:
 
     void stop() override {
         {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            stopped_ = true;
+            const std::lock_guard<std::mutex> lock(mutex);
+            stopped = true;
         }
-        changed_.notify_all();
-        for (std::thread& thread : threads_) {
+        changed.notify_all();
+        for (std::thread& thread : threads) {
             thread.join();
         }
-        threads_.clear();
+        threads.clear();
     }
 
     Microseconds now() const override {
-        return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start_).count();
+        return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - openedAt)
+            .count();
     }
 
     void sleep(Microseconds duration) override {
         std::this_thread::sleep_for(std::chrono::microseconds(duration));
     }
 
-    void schedule(std::vector<TimedEvent> events) override {
-        bool hasNewFirst = false;
+    void schedule(Microseconds when, Event event) override {
         {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            for (TimedEvent& each : events) {
-                const auto entry = events_.emplace(each.when, std::move(each.event));
-                hasNewFirst = hasNewFirst || entry == events_.begin();
-            }
+            const std::lock_guard<std::mutex> lock(mutex);
+            events.emplace(when, std::move(event));
         }
-        // No idle thread waits for longer than until the first event: whoever makes an event the
-        // first one wakes them all.
-        if (hasNewFirst) {
-            changed_.notify_all();
-        }
+        changed.notify_one();
     }
 
 private:
     void runEvents() {
-        setUpScheduling();
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!stopped_) {
-            if (events_.empty() || events_.begin()->first > now()) {
-                awaitNextEvent(lock);
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopped) {
+            if (events.empty()) {
+                changed.wait(lock);
                 continue;
             }
-            const auto first = events_.begin();
-            Event event = std::move(first->second);
-            events_.erase(first);
+            const auto first = events.begin();
+            if (first->first > now()) {
+                changed.wait_until(lock, openedAt + std::chrono::microseconds(first->first));
+                continue;
+            }
+            const Event event = std::move(first->second);
+            events.erase(first);
+            changed.notify_one();  // for the next event, should this one block
             lock.unlock();
             event();
-            event = nullptr;
             lock.lock();
         }
     }
 
-    // Batch threads do not preempt the sender when they are woken. Otherwise the scheduler would
-    // decide for each packet whether an answer without delay is there when the call returns; now it
-    // nearly never is, even where a processor is idle, and on a busy machine it is later still.
-    static void setUpScheduling() {
-        const sched_param priority{};  // 0, as the policy wants it
-        sched_setscheduler(0, SCHED_BATCH, &priority);
-        prctl(PR_SET_TIMERSLACK, 1UL);  // the kernel adds up to 50 us to a wait otherwise
-    }
-
-    // Returns when an event may be due or the queue was stopped; maybe earlier.
-    void awaitNextEvent(std::unique_lock<std::mutex>& lock) {
-        if (events_.empty()) {
-            changed_.wait(lock);
-            return;
-        }
-        const Microseconds wakeUp = events_.begin()->first - kWakesEarly;
-        if (wakeUp > now()) {
-            changed_.wait_until(lock, start_ + std::chrono::microseconds(wakeUp));
-            return;
-        }
-        lock.unlock();
-        std::this_thread::yield();
-        lock.lock();
-    }
-
-    const Clock::time_point start_ = Clock::now();
-    std::mutex mutex_;  // guards events_ and stopped_
-    std::condition_variable changed_;
-    std::multimap<Microseconds, Event> events_;
-    bool stopped_ = false;
-    std::vector<std::thread> threads_;
+    const Clock::time_point openedAt = Clock::now();
+    std::mutex mutex;  // guards events and stopped
+    std::condition_variable changed;
+    std::multimap<Microseconds, Event> events;
+    bool stopped = false;
+    std::vector<std::thread> threads;
 };
 
 }  // namespace

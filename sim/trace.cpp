@@ -4,29 +4,50 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "files/one_line.h"
+#include "sim/one_line.h"
 
 namespace sim {
 
-Trace::Trace(const std::string& path) {
+Trace::Trace(const std::string& path, const EventQueue& clock)
+    : queue(clock), openedAt(clock.now()) {
     if (path.empty()) {
         return;
     }
-    file_.reset(std::fopen(path.c_str(), "ae"));
-    if (!file_) {
+    file.reset(std::fopen(path.c_str(), "ae"));
+    if (!file) {
         throw std::runtime_error("/trace: cannot be opened: " + std::string(std::strerror(errno)));
     }
-    std::setvbuf(file_.get(), nullptr, _IOLBF, BUFSIZ);
+    std::setvbuf(file.get(), nullptr, _IOLBF, BUFSIZ);
 }
 
-void Trace::write(Microseconds time, const std::string& line) {
-    if (!isOn()) {
+std::optional<Intervention> Trace::before(const Call& call) {
+    if (isCallback(call.function)) {
+        write(call);
+    }
+    return std::nullopt;
+}
+
+void Trace::after(const Call& call) {
+    if (!isCallback(call.function)) {
+        write(call);
+    }
+}
+
+void Trace::write(const Call& call) {
+    if (file == nullptr) {
         return;
     }
+    const std::string line = traceLine(queue.now() - openedAt, call) + '\n';
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::fputs(line.c_str(), file.get());
+}
+
+std::string traceLine(Microseconds time, const Call& call) {
     constexpr Microseconds kSecond = 1'000'000;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::fprintf(file_.get(), "%6lld.%06lld %s\n", static_cast<long long>(time / kSecond),
-                 static_cast<long long>(time % kSecond), onOneLine(line).c_str());
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%6lld.%06lld ", static_cast<long long>(time / kSecond),
+                  static_cast<long long>(time % kSecond));
+    return seconds + onOneLine(describe(call));
 }
 
 }  // namespace sim

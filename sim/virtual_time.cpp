@@ -20,8 +20,8 @@ public:
     ~VirtualTimeQueue() override { VirtualTimeQueue::stop(); }
 
     void stop() override {
-        stopped_ = true;
-        auto& events = VirtualTime::instance().events_;
+        stopped = true;
+        auto& events = VirtualTime::instance().events;
         for (auto entry = events.begin(); entry != events.end();) {
             entry = entry->second.owner == this ? events.erase(entry) : std::next(entry);
         }
@@ -31,18 +31,15 @@ public:
 
     void sleep(Microseconds duration) override { VirtualTime::instance().advance(duration); }
 
-    void schedule(std::vector<TimedEvent> events) override {
-        if (stopped_) {
-            return;
-        }
-        for (TimedEvent& each : events) {
-            VirtualTime::instance().events_.emplace(
-                each.when, VirtualTime::Entry{this, std::move(each.event)});
+    void schedule(Microseconds when, Event event) override {
+        if (!stopped) {
+            VirtualTime::instance().events.emplace(when,
+                                                   VirtualTime::Entry{this, std::move(event)});
         }
     }
 
 private:
-    bool stopped_ = false;
+    bool stopped = false;
 };
 
 VirtualTime& VirtualTime::instance() {
@@ -51,27 +48,27 @@ VirtualTime& VirtualTime::instance() {
 }
 
 void VirtualTime::advance(Microseconds duration) {
-    if (beforeSleep_) {
-        beforeSleep_(duration);
+    if (beforeSleep) {
+        beforeSleep(duration);
     }
-    const Microseconds end = now_ + duration;
-    if (end > limit_) {
+    const Microseconds end = time + duration;
+    if (end > limit) {
         throw TimeLimitReached();
     }
-    while (!events_.empty() && events_.begin()->first <= end) {
-        const auto first = events_.begin();
-        now_ = std::max(now_, first->first);
+    while (!events.empty() && events.begin()->first <= end) {
+        const auto first = events.begin();
+        time = std::max(time, first->first);
         const Event event = std::move(first->second.event);
-        events_.erase(first);
+        events.erase(first);
         event();
     }
-    now_ = std::max(now_, end);  // an event may have slept itself
+    time = std::max(time, end);  // an event may have slept itself
 }
 
 void VirtualTime::reset() {
-    events_.clear();
-    now_ = 0;
-    limit_ = kNoLimit;
+    events.clear();
+    time = 0;
+    limit = kNoLimit;
 }
 
 std::unique_ptr<EventQueue> makeEventQueue() {
@@ -80,6 +77,8 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 
 }  // namespace sim
 
+// In place of the system's functions.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
     sim::VirtualTime::instance().advance(duration);
     return 0;
@@ -94,3 +93,4 @@ extern "C" std::time_t time(std::time_t* out) noexcept {
     }
     return now;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -4,52 +4,48 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <utility>
 
 #include "sim/event_queue.h"
 
 namespace sim {
 
-// Somebody sleeps beyond the end of the time that was given.
+// A sleep would end after the time limit.
 struct TimeLimitReached {};
 
-// A clock that stands still until somebody sleeps. A program that links it gets its usleep and its
-// time from it: a sleep runs every event that falls due meanwhile, on the sleeper's own thread, so
-// that a run is over in no time and always the same. For programs with a single thread.
+// A clock that stands still until the program sleeps. It takes the place of usleep and time in the
+// program that links it: a sleep runs every event that falls due meanwhile, on the sleeper's own
+// thread, so that a run takes no real time and is the same every time. For programs with a single
+// thread.
 class VirtualTime {
 public:
+    static constexpr Microseconds kNoLimit = std::numeric_limits<Microseconds>::max();
+
     static VirtualTime& instance();
 
     // Microseconds since the last reset.
-    Microseconds now() const { return now_; }
+    Microseconds now() const { return time; }
 
     // Throws TimeLimitReached when that would go beyond the limit.
     void advance(Microseconds duration);
 
     // Runs before each sleep of the program; none if empty. A reset leaves it.
-    void beforeSleep(std::function<void(Microseconds duration)> look) {
-        beforeSleep_ = std::move(look);
-    }
+    std::function<void(Microseconds duration)> beforeSleep;
 
-    // For programs that must not hang on what they run. A reset takes it back.
-    void setLimit(Microseconds limit) { limit_ = limit; }
+    // The clock goes no further. A reset sets it to kNoLimit.
+    Microseconds limit = kNoLimit;
 
-    // Back to the start. Drops whatever is still to happen.
+    // Back to the start. Drops what is still to happen.
     void reset();
 
 private:
-    static constexpr Microseconds kNoLimit = std::numeric_limits<Microseconds>::max();
-
     friend class VirtualTimeQueue;
     struct Entry {
         const EventQueue* owner;
         Event event;
     };
 
-    std::function<void(Microseconds)> beforeSleep_;
-    Microseconds now_ = 0;
-    Microseconds limit_ = kNoLimit;
-    std::multimap<Microseconds, Entry> events_;
+    Microseconds time = 0;
+    std::multimap<Microseconds, Entry> events;
 };
 
 }  // namespace sim

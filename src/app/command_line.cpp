@@ -11,7 +11,7 @@
 
 namespace {
 
-// False when the option is none of ours, or lacks its value.
+// False when the option is unknown or lacks its value.
 bool applyOption(RunConfig& config, int option) {
     switch (option) {
     case 'B':

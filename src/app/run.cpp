@@ -27,9 +27,7 @@ constexpr int kLinkPolls = 20;
 constexpr useconds_t kLinkPollMicroseconds = 5'000'000;
 constexpr useconds_t kSettleMicroseconds = 1'000'000;  // from the active link to the mode
 
-// A session lives until the process ends, though its error record only as long as run. Kept in
-// reach, so that leak checkers do not take it for lost, and in a list, since a process may call run
-// again.
+// Never freed: a session lives until the process ends. A list, since a process may call run again.
 BusSession& newSession(ErrorInfo& error) {
     static auto& sessions = *new std::list<BusSession>;
     sessions.push_back(BusSession{false, nullptr, &error});
@@ -78,7 +76,7 @@ int reportSessionFailure(const RunConfig& config, const ErrorInfo& error) {
     return exit_status::kBusSessionFailed;
 }
 
-// From the open session to the mode's result. The writer stays when the link never comes.
+// Waits for the link and runs the mode. The writer stays when the link does not become active.
 int runOnBus(RunConfig& config) {
     printLine("Waiting for bus to become ACTIVE...");
     // TRANSLATORS: Lumnet is the name of the field bus.

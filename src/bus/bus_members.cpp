@@ -81,7 +81,7 @@ const char* typeName(std::uint8_t type) {
 }
 
 int getBusMembers(const BusSession& session, std::list<BusMember>& members, bool orvinsOnly) {
-    vanid_t ids[kMaxMembers] = {};  // a count too high must not make noise into members
+    vanid_t ids[kMaxMembers] = {};
     const int reported = TalmApiGetBusMembers(session.handle, ids, kMaxMembers);
     if (reported < 0) {
         return reported;

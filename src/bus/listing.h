@@ -3,11 +3,11 @@
 
 struct RunConfig;
 
-// -l: prints a numbered line per bus member. Always 0.
+// -l: prints a numbered line per bus member. Always kSuccess.
 int listMode(const RunConfig& config);
 
-// -V: prints the versions of the device named with -d. 0, or -1 when its text is no identifier or
-// it does not answer.
+// -V: prints the versions of the device named with -d. Returns kSuccess, or kVersionQueryFailed
+// when its text is no identifier or it does not answer.
 int versionMode(const RunConfig& config);
 
 #endif

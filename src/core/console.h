@@ -1,7 +1,7 @@
 // The console: standard output, which a person or a program may read through a pipe.
 //
-// What ends a line is flushed, so that the reader has every line before the wait that follows it.
-// Any thread; a text is printed whole.
+// printLine and printProgress flush, so that the reader has every text before the wait that follows
+// it. Any thread; a text is printed whole.
 #ifndef CORE_CONSOLE_H
 #define CORE_CONSOLE_H
 

@@ -2,8 +2,8 @@
 #define CORE_EXIT_STATUS_H
 
 // Every exit status and result code of the tool. An update that succeeds ends with the number of
-// distinct Orvins updated (0 to 63), and no other status lies there. A result "of a transfer" costs
-// the attempt and never is the exit status: tests/manual_test.sh goes by these words.
+// distinct Orvins updated, 0 to 63; no other status is in that range. A result "of a transfer" ends
+// the attempt and never is the exit status; tests/manual_test.sh looks for these words.
 namespace exit_status {
 
 constexpr int kSuccess = 0;

@@ -6,7 +6,7 @@
 #include "core/thread_annotations.h"
 
 // A POSIX mutex that clang's thread-safety analysis knows. Its operations return the system's error
-// number, 0 for success: what a failure means is for its owner to say.
+// number, 0 for success; the mutex's owner decides what a failure means.
 class CAPABILITY("mutex") Mutex {
 public:
     enum class Kind { Default, Recursive };
@@ -20,17 +20,17 @@ public:
         pthread_mutexattr_init(&attributes);
         pthread_mutexattr_settype(
             &attributes, kind == Kind::Recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_DEFAULT);
-        const int result = pthread_mutex_init(&mutex_, &attributes);
+        const int result = pthread_mutex_init(&handle, &attributes);
         pthread_mutexattr_destroy(&attributes);
         return result;
     }
-    void destroy() { pthread_mutex_destroy(&mutex_); }
+    void destroy() { pthread_mutex_destroy(&handle); }
 
-    int lock() TRY_ACQUIRE(0) { return pthread_mutex_lock(&mutex_); }
-    int unlock() RELEASE() { return pthread_mutex_unlock(&mutex_); }
+    int lock() TRY_ACQUIRE(0) { return pthread_mutex_lock(&handle); }
+    int unlock() RELEASE() { return pthread_mutex_unlock(&handle); }
 
 private:
-    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;  // usable even where init fails
+    pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;  // usable even where init fails
 };
 
 #endif

@@ -1,5 +1,5 @@
-// What the bus library reports to the group, on threads of its own, and the removal of the devices
-// of which it reports nothing.
+// What the bus library reports to the group, on threads of its own, and the removal of devices that
+// it does not hear from.
 
 #include "core/bus_session.h"
 #include "core/console.h"
@@ -55,16 +55,16 @@ void OrvinGroup::clearBusChangeCallback() {
     TalmApiSetBusChangeCallback(session->handle, &slot, 0);
 }
 
-// Which packet an acknowledgement is for is not looked at: a late one counts for the packet in
-// flight. A device that missed a packet that way fails its check.
+// An acknowledgement counts for the packet in flight, whatever packet it names, so a late one may
+// hide that its device missed a packet. That device then fails its check.
 void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
                                   std::uint32_t packet) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     if (result == kPacketReceived) {
         orvins.acknowledge(source);
         return;
     }
-    // To the end of the list: a device may have been added twice.
+    // Looks at every record: a device may have been added twice.
     orvins.keepIf([&](Orvin& orvin) REQUIRES(listMutex) {
         if (vanid_equal(&orvin.vanid, &source) == 0) {
             return true;
@@ -97,7 +97,7 @@ bool OrvinGroup::goBack(Orvin& orvin, std::uint32_t packet) {
 }
 
 void OrvinGroup::removeUnacknowledged() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     orvins.keepIf([this](Orvin& orvin) REQUIRES(listMutex) {
         if (orvin.acknowledged) {
             return true;

@@ -23,8 +23,8 @@ struct Orvin {
     int goBackRequests = 0;       // since the transfer last got further than ever before
 };
 
-// Records of devices, in the order of adding, with a look-up of those that an acknowledgement is
-// about. Without a lock of its own.
+// Records of devices, in the order of adding, and a look-up of the records that an acknowledgement
+// marks. Has no lock: the group holds one around every call.
 class DeviceList {
 public:
     using Records = std::list<boost::shared_ptr<Orvin>>;

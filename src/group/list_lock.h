@@ -3,18 +3,20 @@
 
 #include "group/orvin_group.h"
 
-// Holds the mutex of the group's device list for a scope.
+// Holds the mutex of one of the group's lists for a scope.
 class SCOPED_CAPABILITY ListLock {
 public:
-    explicit ListLock(OrvinGroup& lockedGroup) ACQUIRE(lockedGroup.listMutex) : group(lockedGroup) {
-        group.lockList();
+    ListLock(OrvinGroup& lockedGroup, Mutex& mutex) ACQUIRE(mutex)
+        : group(lockedGroup), isFullList(&mutex == &lockedGroup.fullListMutex) {
+        isFullList ? group.lockFullList() : group.lockList();
     }
-    ~ListLock() RELEASE() { group.unlockList(); }
+    ~ListLock() RELEASE() { isFullList ? group.unlockFullList() : group.unlockList(); }
     ListLock(const ListLock&) = delete;
     ListLock& operator=(const ListLock&) = delete;
 
 private:
     OrvinGroup& group;
+    const bool isFullList;
 };
 
 #endif

@@ -61,46 +61,43 @@ void OrvinGroup::addOrvin(const std::string& vanidText) {
     orvin->vanidText = vanidText;
     parseVanid(orvin->vanid, vanidText);
     {
-        ListLock lock(*this);
+        ListLock lock(*this, listMutex);
         orvins.add(orvin);
     }
-    lockFullList();
+    ListLock lock(*this, fullListMutex);
     allOrvins.add(orvin);
-    unlockFullList();
 }
 
 int OrvinGroup::count() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     return static_cast<int>(orvins.size());
 }
 
 void OrvinGroup::getVanidTexts(std::list<std::string>& out) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     for (const auto& orvin : orvins) {
         out.push_back(orvin->vanidText);
     }
 }
 
 void OrvinGroup::restoreFromFullList() {
-    ListLock lock(*this);
-    lockFullList();
+    ListLock lock(*this, listMutex);
+    ListLock fullLock(*this, fullListMutex);
     orvins.assign(allOrvins);
-    unlockFullList();
 }
 
 void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
-    lockFullList();
+    ListLock lock(*this, fullListMutex);
     const auto found = std::find_if(allOrvins.begin(), allOrvins.end(), [&](const auto& orvin) {
         return orvin->vanidText == vanidText;
     });
     if (found != allOrvins.end()) {
         (*found)->restartPending = value;
     }
-    unlockFullList();
 }
 
 void OrvinGroup::resetRejoinState() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     for (const auto& orvin : orvins) {
         orvin->rejoined = false;
         orvin->restartPending = false;
@@ -108,24 +105,24 @@ void OrvinGroup::resetRejoinState() {
 }
 
 void OrvinGroup::clearAcknowledged() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     orvins.clearAcknowledged();
 }
 
 bool OrvinGroup::allAcknowledged() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     return std::all_of(orvins.begin(), orvins.end(),
                        [](const auto& orvin) { return orvin->acknowledged; });
 }
 
 bool OrvinGroup::allRejoined() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     return std::all_of(orvins.begin(), orvins.end(),
                        [](const auto& orvin) { return orvin->rejoined || !orvin->restartPending; });
 }
 
 void OrvinGroup::markRejoined(const vanid_t& id) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     const auto found = std::find_if(orvins.begin(), orvins.end(), [&](const auto& orvin) {
         return vanid_equal(&orvin->vanid, &id) != 0;
     });
@@ -136,7 +133,7 @@ void OrvinGroup::markRejoined(const vanid_t& id) {
 }
 
 bool OrvinGroup::allOnline() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     for (const auto& orvin : orvins) {
         DeviceVersions versions;
         // A DSP that is not up yet has version 0.

@@ -23,19 +23,19 @@ struct BusSession;
 // twice gives two.
 //
 // Locks: `listMutex` first, then `fullListMutex`; never the other way round. No operation takes a
-// mutex that it holds: one whose initialisation failed is not recursive. All operations are the
-// main thread's, but for onTransferResult and markRejoined, which come on the library's threads.
+// mutex that it already holds, because a mutex whose initialisation failed is not recursive. The
+// library's threads call onTransferResult and markRejoined; the main thread calls all others.
 //
-// The group outlives its callbacks: one that is still running when it is cleared takes a moment to
-// end, and the rest of the rejoin wait and a version check come before the end of the group.
+// The group outlives its callbacks: a callback that runs while the main thread clears it ends
+// within moments, and the group lives on through the rest of the rejoin wait and a version check.
 class OrvinGroup {
 public:
     using Orvin = ::Orvin;
 
-    // `session` is not owned and must be open while the group makes bus calls. `useMessageFile`:
-    // a supervising service follows the status message file, so leave certain messages there for a
-    // while.
-    OrvinGroup(BusSession* session, bool useMessageFile);
+    // The session is not owned and must be open while the group makes bus calls. With a message
+    // file in use, the group pauses after certain messages, so that a service that follows sees
+    // them.
+    OrvinGroup(BusSession* busSession, bool messageFileInUse);
     ~OrvinGroup();
     OrvinGroup(const OrvinGroup&) = delete;
     OrvinGroup& operator=(const OrvinGroup&) = delete;
@@ -59,7 +59,8 @@ public:
     bool allAcknowledged() EXCLUDES(listMutex);
     bool allRejoined() EXCLUDES(listMutex);
 
-    // Counts a device as reported back, each report anew. Callback threads.
+    // Marks the device's first record as reported back. Counts every report, also a second one of
+    // the same device. Callback threads.
     void markRejoined(const vanid_t& id) EXCLUDES(listMutex);
 
     // Whether every device answers the version query with a DSP version other than 0. Holds
@@ -73,7 +74,7 @@ public:
     void registerBusChangeCallback();
     void clearBusChangeCallback();
 
-    // What the device `source` made of a packet. Callback threads.
+    // Takes the result that the device `source` reports for a packet. Callback threads.
     void onTransferResult(std::int32_t result, const vanid_t& source, std::uint32_t packet)
         EXCLUDES(listMutex);
 
@@ -97,7 +98,7 @@ public:
     // is no longer the next one.
     bool takePacket(std::uint32_t packet) EXCLUDES(listMutex);
 
-    // Every device left has the packet in flight.
+    // Notes that every device left has the packet in flight.
     void noteAcknowledged() EXCLUDES(listMutex);
 
     // ---- one transfer, step by step (src/transfer) ----

@@ -5,7 +5,7 @@
 #include "group/orvin_group.h"
 
 void OrvinGroup::startPackets() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     packetNumber = 0;
     packetsAcknowledged = 0;
     for (const auto& orvin : orvins) {
@@ -14,14 +14,14 @@ void OrvinGroup::startPackets() {
 }
 
 std::uint32_t OrvinGroup::nextPacket() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     return packetNumber;
 }
 
-// A request to go back that comes after this one is found once the packet was acknowledged, and is
-// an acknowledgement itself.
+// A request to go back that comes once the number is taken counts as an acknowledgement of the
+// packet, and the loop follows it with the next one.
 bool OrvinGroup::takePacket(std::uint32_t packet) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     if (packetNumber != packet) {
         return false;
     }
@@ -33,7 +33,7 @@ bool OrvinGroup::takePacket(std::uint32_t packet) {
 
 // Requests to go back count only while the transfer makes no progress.
 void OrvinGroup::noteAcknowledged() {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     if (packetNumber <= packetsAcknowledged) {
         return;
     }

@@ -40,7 +40,7 @@ Need needOf(const DeviceVersions& versions, const FirmwareImageHeader& header) {
 
 void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                                bool removeUnreachable, bool verbose) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     orvins.keepIf([&](Orvin& orvin) REQUIRES(listMutex) {
         const char* const text = orvin.vanidText.c_str();
         DeviceVersions versions;

@@ -14,8 +14,8 @@
 
 namespace {
 
-// None for a length that is too long: offsets into an image are signed 32-bit numbers. The file
-// then stands at its beginning.
+// None for a file that is too long: offsets into an image are signed 32-bit numbers. Leaves the
+// file at its beginning.
 std::optional<std::uint32_t> measureFile(int file) {
     const off_t length = lseek(file, 0, SEEK_END);
     lseek(file, 0, SEEK_SET);

@@ -18,14 +18,14 @@ struct ErrorInfo;
 // always is a text. One thread only.
 class FirmwareImage {
 public:
-    explicit FirmwareImage(ErrorInfo* error);
+    explicit FirmwareImage(ErrorInfo* errorRecord);
     ~FirmwareImage();
     FirmwareImage(const FirmwareImage&) = delete;
     FirmwareImage& operator=(const FirmwareImage&) = delete;
 
     // Opens the file, checks its header and stands at the first content byte. A file too short for
-    // a header is refused without a change to the error record. What was open before is closed, and
-    // after a failure nothing is open.
+    // a header is refused without a change to the error record. A file that was open before is
+    // closed, and after a failure nothing is open.
     bool open(const std::string& path);
 
     // One read of at most `length` bytes from where the reader stands. Returns their number, 0 at

@@ -10,8 +10,9 @@ enum class FirmwareTarget : std::uint32_t {
     BoosterArm = 0x202,
 };
 
-// Whether the firmware is for a processor beside the main one. It runs after the main processor's
-// images, and the device stays on the bus while it installs it; any other makes the device restart.
+// Whether the firmware is for a processor beside the main one. The tool installs it after the main
+// processor's images, and the device stays on the bus meanwhile; any other firmware makes the
+// device restart.
 constexpr bool isAuxiliaryTarget(std::uint32_t device) {
     return device == static_cast<std::uint32_t>(FirmwareTarget::Dsp) ||
            device == static_cast<std::uint32_t>(FirmwareTarget::BoosterArm);

@@ -8,20 +8,20 @@ namespace {
 
 constexpr std::uint32_t kMagic = 0x75766574;  // "tevu", read as a little-endian number
 
-// After the first short read the rest give 0.
+// Reads little-endian numbers. After a short read, that field and all others give 0.
 class FieldReader {
 public:
-    explicit FieldReader(int file) : file_(file) {}
+    explicit FieldReader(int descriptor) : file(descriptor) {}
 
     std::uint16_t read16() { return static_cast<std::uint16_t>(readField(2)); }
     std::uint32_t read32() { return readField(4); }
-    bool complete() const { return complete_; }
+    bool isComplete() const { return complete; }
 
 private:
     std::uint32_t readField(std::size_t width) {
         std::uint8_t bytes[4] = {};
-        complete_ = complete_ && ::read(file_, bytes, width) == static_cast<ssize_t>(width);
-        if (!complete_) {
+        complete = complete && ::read(file, bytes, width) == static_cast<ssize_t>(width);
+        if (!complete) {
             return 0;
         }
         std::uint32_t value = 0;
@@ -31,8 +31,8 @@ private:
         return value;
     }
 
-    int file_;
-    bool complete_ = true;
+    int file;
+    bool complete = true;
 };
 
 }  // namespace
@@ -50,7 +50,7 @@ std::optional<ImageFileStart> readImageFileStart(int file) {
     fields.read16();  // reserved
     fields.read32();  // reserved
     start.header.version = fields.read32();
-    if (!fields.complete()) {
+    if (!fields.isComplete()) {
         return std::nullopt;
     }
     return start;

@@ -13,13 +13,13 @@ namespace {
 
 using VanidTexts = std::list<std::string>;
 
-// Who was updated by the images so far, by target.
+// The Orvins that the images have updated so far, by target.
 struct UpdatedOrvins {
     VanidTexts arm;
     VanidTexts dsp;
     VanidTexts boosterArm;
 
-    // Null for a code that is no target, that of an unusable image among them.
+    // Null for a code that is no target, and so for an unusable image, whose code is 0.
     VanidTexts* listFor(std::uint32_t target) {
         switch (static_cast<FirmwareTarget>(target)) {
         case FirmwareTarget::Arm:

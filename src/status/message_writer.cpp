@@ -1,5 +1,4 @@
 #include "status/message_writer.h"
-#include "core/console.h"
 
 #include <unistd.h>
 
@@ -9,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "core/console.h"
+
 MessageWriter* MessageWriter::theInstance = nullptr;
 
 namespace {
@@ -17,7 +18,7 @@ namespace {
 constexpr char kTemporaryFileTemplate[] = "/tmp/talmfwXXXXXX";
 
 // Writes the message with one call and closes the file in any case. False, with the reason printed,
-// when it did not take the whole message.
+// when the file did not take the whole message.
 bool writeAndClose(int file, const std::string& message) {
     const ssize_t written = write(file, message.data(), message.size());
     close(file);
@@ -34,9 +35,9 @@ bool writeAndClose(int file, const std::string& message) {
 
 }  // namespace
 
-MessageWriter* MessageWriter::init(const std::string& messageFile) {
+MessageWriter* MessageWriter::init(const std::string& file) {
     if (theInstance == nullptr) {
-        theInstance = new MessageWriter(messageFile);
+        theInstance = new MessageWriter(file);
     }
     return theInstance;
 }
@@ -48,7 +49,7 @@ MessageWriter* MessageWriter::instance() {
     return theInstance;
 }
 
-MessageWriter::MessageWriter(const std::string& path) : messageFile(path) {
+MessageWriter::MessageWriter(const std::string& file) : messageFile(file) {
     if (mutex.init(Mutex::Kind::Default) != 0) {
         throw std::runtime_error("could not initialize message mutex!");
     }
@@ -81,7 +82,7 @@ void MessageWriter::replaceMessageFile(const std::string& message) {
         printLine("Could not create temporary file %s: %s", temporaryFile, strerror(errno));
         return;
     }
-    // After a failed write the temporary file stays behind, for whoever looks into the failure.
+    // After a failed write the temporary file stays behind, to be looked at.
     if (!writeAndClose(file, message)) {
         return;
     }

@@ -9,16 +9,16 @@
 // replaces the file by a rename, so a reader always finds one whole message.
 class MessageWriter {
 public:
-    // Creates the process's writer for the file at `messageFile` (empty: writes do nothing). Once
+    // Creates the process's writer for the message file at `file` (empty: writes do nothing). Once
     // there is one, returns it and ignores the path. Main thread only.
     // Throws std::runtime_error when the mutex cannot be initialised; there is no writer then.
-    static MessageWriter* init(const std::string& messageFile);
+    static MessageWriter* init(const std::string& file);
 
     // The process's writer. Throws std::runtime_error while there is none.
     static MessageWriter* instance();
 
-    explicit MessageWriter(const std::string& messageFile);
-    ~MessageWriter();  // main thread only, while nobody writes
+    explicit MessageWriter(const std::string& file);
+    ~MessageWriter();  // main thread only, while no other thread writes
     MessageWriter(const MessageWriter&) = delete;
     MessageWriter& operator=(const MessageWriter&) = delete;
 

@@ -25,7 +25,7 @@ constexpr int kRemovalPolls = 2 * kResendPolls;  // the resend gets as long as t
 constexpr int kPercentStep = 5;
 constexpr std::uint32_t kPacketsPerDot = 20;
 
-// How long the last progress message stays for those who follow the status message file.
+// How long the last progress message stays for services that follow the status message file.
 constexpr useconds_t kFollowersPauseMicroseconds = 5'000'000;
 
 // One run through the content of an image. Main thread only.
@@ -92,8 +92,8 @@ int PacketLoop::run() {
     return exit_status::kSuccess;
 }
 
-// Looks which packet is the next; false when all were sent. The bytes transferred follow its
-// number, so that they go back with it and the transfer ends only when every byte was acknowledged.
+// Looks up the next packet; false when all were sent. The bytes transferred follow from its number,
+// so they go back with it, and the transfer ends only when every byte was acknowledged.
 bool PacketLoop::lookUpPacket() {
     packet = group.nextPacket();
     const std::uint64_t before = std::uint64_t{packet} * ImageChunkSize;
@@ -136,7 +136,7 @@ int PacketLoop::sendPacket() {
 }
 
 // Sends the packet in flight, a second time if need be, and drops the devices that acknowledge
-// neither. Returns kSentToAll, or what the library answered instead.
+// neither sending. Returns kSentToAll, or what the library answered instead.
 int PacketLoop::sendUntilAcknowledged() {
     int sent = sendPacket();
     for (int poll = 0; sent == kSentToAll && !group.allAcknowledged();) {

@@ -21,7 +21,7 @@ constexpr int kReportWaitSeconds = 5;       // charged to the budget
 constexpr int kMembershipWaitSeconds = 15;  // charged to the budget
 constexpr int kAnswerWaitSeconds = 15;      // charged to the budget
 constexpr int kSettleSeconds = 1;           // between phases
-constexpr int kFollowersPauseSeconds = 5;   // for those who follow the status message file
+constexpr int kFollowersPauseSeconds = 5;   // for services that follow the status file
 
 // Seconds, growing with the square of the number of devices, and more steeply for large groups.
 std::int64_t rejoinBudget(int devices) {
@@ -41,7 +41,7 @@ void writeProgress(ssize_t completed, ssize_t total) {
         gettext("Installing Orvin firmware: %zd / %zd completed"), completed, total));
 }
 
-// Not charged to the budget, and no error when the link stays down: the next phases will tell.
+// Not charged to the budget. A link that stays down is no error here: the next phases run into it.
 void waitForLink(const BusSession& session) {
     printProgress("Waiting for bus to become active...");
     for (int waits = 0; !isLinkActive(session) && waits < kLinkWaits; ++waits) {

@@ -8,20 +8,20 @@
 // packet. A thread that is started meanwhile inherits it.
 class TimerSlack {
 public:
-    TimerSlack() : before_(prctl(PR_GET_TIMERSLACK)) { set(1); }
-    ~TimerSlack() { set(before_); }
+    TimerSlack() : before(prctl(PR_GET_TIMERSLACK)) { set(1); }
+    ~TimerSlack() { set(before); }
     TimerSlack(const TimerSlack&) = delete;
     TimerSlack& operator=(const TimerSlack&) = delete;
 
 private:
-    // Nothing is changed where what was there before could not be restored.
+    // Changes nothing where the system does not tell the slack, which could not be restored then.
     void set(int nanoseconds) const {
-        if (before_ > 0) {
+        if (before > 0) {
             prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(nanoseconds));
         }
     }
 
-    const int before_;  // nanoseconds; -1 where the system does not tell
+    const int before;  // nanoseconds; -1 where the system does not tell
 };
 
 #endif

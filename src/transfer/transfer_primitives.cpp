@@ -29,7 +29,8 @@ int sendChunk(const BusSession& session, const vanid_t& destination, const std::
 }
 
 bool verifyData(const BusSession& session, const vanid_t& destination, std::uint32_t device) {
-    // Two that differ, so that a library that writes nothing has verified nothing.
+    // They start different, so that a library that writes neither does not pass for a successful
+    // check.
     std::uint16_t announced = 0;
     std::uint16_t computed = 1;
     const int result = OrvinImageMaintenance_check_image(session.handle, destination, device,

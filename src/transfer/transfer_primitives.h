@@ -14,7 +14,7 @@ struct FirmwareImageHeader;
 // Bytes of content in a data packet: always all of them, as the library takes no length.
 constexpr std::size_t ImageChunkSize = 64;
 
-// The library's normal answer to a request that went to all devices, and a failure for any other.
+// What the library answers to a request to all devices. For a request to one it is a failure.
 constexpr int kSentToAll = -2;
 
 // Addresses every device.

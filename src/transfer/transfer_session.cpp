@@ -27,7 +27,7 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
 }
 
 void OrvinGroup::runStep(const char* removalLine, const std::function<bool(Orvin&)>& step) {
-    ListLock lock(*this);
+    ListLock lock(*this, listMutex);
     orvins.keepIf([&](Orvin& orvin) {
         const bool done = step(orvin);
         if (!done) {

@@ -2,8 +2,6 @@
 
 #include <libintl.h>
 
-#include <cstdint>
-
 #include "core/console.h"
 #include "core/error_info.h"
 #include "core/exit_status.h"
@@ -43,7 +41,7 @@ void printDevices(OrvinGroup& group) {
     printVanids(vanidTexts);
 }
 
-// Leaves in the device list those that need the image.
+// Leaves in the device list only the devices that need the image; with -f, all.
 void selectOrvins(const RunConfig& config, OrvinGroup& group, const FirmwareImage& image,
                   VanidTexts& upToDate) {
     if (!config.force) {
@@ -85,9 +83,9 @@ void announceRetry(OrvinGroup& group, const std::string& targetName) {
     printDevices(group);
 }
 
-// Up to two attempts. What stays in the device list are the devices that still differ. A late
-// report of a fault may empty it while an announcement is printed, so it is looked at before each
-// attempt.
+// Makes up to two attempts, and leaves in the device list the devices that still differ. A late
+// report of a fault may empty the list while an announcement is printed, so the loop looks at it
+// before each attempt.
 void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& image,
                     VanidTexts& upToDate, VanidTexts& updated) {
     for (int attemptsLeft = kAttempts; attemptsLeft > 0 && group.count() > 0;) {
@@ -106,7 +104,7 @@ void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& i
     }
 }
 
-// False when there is none.
+// False when there is no device to upgrade.
 bool announceUpgrade(OrvinGroup& group) {
     const int count = group.count();
     if (count == 0) {

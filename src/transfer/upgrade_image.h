@@ -13,8 +13,8 @@ struct RunConfig;
 // be opened, which leaves the group alone. Main thread.
 //
 // `upToDate` gets the devices that the last version check found up to date; `updated` grows by
-// those that each successful attempt reports. Returns 0, the image reader's error code, or 139 when
-// devices still differ after the second attempt.
+// those that each successful attempt reports. Returns kSuccess, the image reader's error code, or
+// kOrvinsNotUpgraded when devices still differ after the second attempt.
 int upgradeImage(const RunConfig& config, OrvinGroup& group, const std::string& imagePath,
                  std::list<std::string>& upToDate, std::list<std::string>& updated);
 

@@ -1,38 +1,35 @@
+// Files that programs of their own can see.
 #ifndef TESTS_SUPPORT_FILES_H
 #define TESTS_SUPPORT_FILES_H
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
-#include <vector>
-
-#include "orvin-image/image_file.h"
 
 // A directory of the test's own, removed with all that is in it.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
+    TemporaryDirectory() : path(mkdtemp(std::string("/tmp/orvin-test-XXXXXX").data())) {}
+    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-    std::string operator/(const std::string& name) const { return path_ + '/' + name; }
+    std::string operator/(const std::string& name) const { return path + '/' + name; }
 
 private:
-    std::string path_;
+    const std::string path;
 };
 
 // Empty for a file that is not there.
-std::string readText(const std::string& path);
-void writeText(const std::string& path, const std::string& text);
-inline void writeFile(const std::string& path, const orvin_image::Bytes& bytes) {
-    writeText(path, {bytes.begin(), bytes.end()});
+inline std::string readText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::vector<std::string> linesOf(const std::string& text);
-
-// How often `part` stands in `text`.
-int occurrences(const std::string& text, const std::string& part);
-
-// An image with generated content.
-orvin_image::Bytes makeImage(std::uint32_t target, std::uint32_t version, std::size_t contentSize);
+inline void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
 
 #endif

@@ -1,171 +1,176 @@
 #include "support/tool_run.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <stdexcept>
 
 #include "app/run.h"
 #include "core/run_config.h"
-#include "sim/virtual_time.h"
+#include "orvin-image/image_file.h"
+#include "sim/identifier.h"
+#include "sim/trace.h"
 #include "status/message_writer.h"
-#include "support/system_hooks.h"
 
 namespace {
 
-constexpr std::size_t kHeaderSize = 36;
-
-// The link wait's failure leaves the writer to the end of the process, which is not here.
-void dropMessageWriter() {
+// The link wait's failure, or an aborted run, leaves the writer to the end of the process, which is
+// not here. False when there is none.
+bool dropMessageWriter() {
     try {
         delete MessageWriter::instance();
+        return true;
     } catch (const std::runtime_error&) {
-        // there is none
+        return false;
     }
 }
 
-// A pipe in place of standard output, read before every sleep: what a reader of the tool has by
-// then.
-class Console {
+// Notes every call and every callback, and lets calls end with other results than their own. They
+// are carried out all the same, but for the one that would give the handle.
+class Recorder : public sim::Observer {
 public:
-    Console() {
-        std::fflush(stdout);
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[1]);
-        reader_ = ends[0];
-        sim::VirtualTime::instance().beforeSleep([this](sim::Microseconds duration) {
-            receive();
-            std::fflush(stdout);
-            // A packet is sent again without a flush, between two of its polls.
-            const std::string late = receive();
-            EXPECT_TRUE(late.empty() || (late == "#" && duration == kPoll)) << "late: " << late;
-        });
+    explicit Recorder(const std::map<std::string, int>& byName) : results(byName) {}
+
+    std::optional<sim::Intervention> before(const sim::Call& call) override {
+        underWay.push_back(records.size());
+        records.push_back(
+            {sim::VirtualTime::instance().now(), MemorySystem::instance().console.size(), call});
+        const auto found = results.find(sim::nameOf(call.function));
+        if (found == results.end()) {
+            return std::nullopt;
+        }
+        return sim::Intervention{found->second, call.function != sim::Function::Initialize};
     }
-    Console(const Console&) = delete;
-    Console& operator=(const Console&) = delete;
-    ~Console() {
-        sim::VirtualTime::instance().beforeSleep({});
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-        close(reader_);
+    void after(const sim::Call& call) override {
+        records[underWay.back()].call = call;
+        underWay.pop_back();
     }
 
-    std::string finish() {
-        std::fflush(stdout);
-        receive();
-        return text_;
-    }
+    std::vector<Record> records;
 
 private:
-    static constexpr sim::Microseconds kPoll = 1'000;
-
-    std::string receive() {
-        char buffer[4096];
-        const std::size_t before = text_.size();
-        for (ssize_t count = 0; (count = read(reader_, buffer, sizeof buffer)) > 0;) {
-            text_.append(buffer, static_cast<std::size_t>(count));
-        }
-        return text_.substr(before);
-    }
-
-    std::string text_;
-    const int saved_ = dup(STDOUT_FILENO);
-    int reader_ = -1;
+    const std::map<std::string, int>& results;
+    std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
+
+// What a sleep would leave in the console's buffer. A packet is sent again without a flush, between
+// two of its polls.
+std::string lateOutput(sim::Microseconds sleep) {
+    constexpr sim::Microseconds kPoll = 1'000;
+    const std::string& console = MemorySystem::instance().console;
+    const std::size_t before = console.size();
+    std::fflush(stdout);
+    const std::string late = console.substr(before);
+    return late == "#" && sleep == kPoll ? "" : late;
+}
+
+// Whether a system call fails, by the errors of the setup.
+std::function<int(SystemCall, const std::string&)> errorsOf(const ToolSetup& setup) {
+    return [&setup, counts = std::map<std::string, int>()](SystemCall call,
+                                                           const std::string& mutex) mutable {
+        constexpr const char* kNames[] = {"open",  "mkstemp", "read",  "write",  "rename",
+                                          "print", "init ",   "lock ", "unlock "};
+        const std::string name =
+            kNames[static_cast<int>(call)] + (call < SystemCall::InitMutex ? "" : mutex);
+        const auto found = setup.errors.find(name + " #" + std::to_string(++counts[name]));
+        return found == setup.errors.end() ? 0 : found->second;
+    };
+}
+
+void runMain(const ToolSetup& setup, ToolRun& run) {
+    std::vector<std::string> arguments = {"/usr/bin/orvin-firmware-upgrade", "-c", "sim:bus"};
+    arguments.insert(arguments.end(), setup.arguments.begin(), setup.arguments.end());
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    RunConfig config;
+    try {
+        run.exitStatus = ::run(config, static_cast<int>(arguments.size()), argv.data()) & 0xff;
+        run.ended = true;
+    } catch (const sim::TimeLimitReached&) {
+        run.ended = false;
+    }
+    run.writerLeft = dropMessageWriter();
+}
 
 }  // namespace
 
-int ToolRun::calls(const std::string& call) const {
-    int count = 0;
-    for (const std::string& line : trace) {
-        constexpr std::size_t kTimeWidth = 14;
-        count += line.compare(kTimeWidth, call.size(), call) == 0 ? 1 : 0;
+int ToolRun::calls(sim::Function function) const {
+    return static_cast<int>(
+        std::count_if(records.begin(), records.end(),
+                      [&](const Record& record) { return record.call.function == function; }));
+}
+
+std::string ToolRun::trace() const {
+    std::string text;
+    for (const Record& record : records) {
+        text += sim::traceLine(record.time, record.call) + '\n';
     }
-    return count;
+    return text;
 }
 
-std::string captureOutput(const std::function<void()>& action) {
-    Console console;
-    action();
-    return console.finish();
-}
-
-ToolTest::ToolTest() {
-    sim::VirtualTime::instance().reset();
-    bus.with("trace", "trace.txt").with("store", "store");
-}
-
-ToolTest::~ToolTest() {
-    SystemHooks::instance() = SystemHooks();
-}
-
-std::string ToolTest::image(const std::string& name, std::uint32_t target, std::uint32_t version,
-                            std::size_t contentSize) {
-    std::string path = directory / name;
-    writeFile(path, makeImage(target, version, contentSize));
-    return path;
-}
-
-ToolRun ToolTest::run(const std::vector<std::string>& arguments) {
-    const std::string busFile = directory / "bus.json";
-    writeText(busFile, bus.text());
-    std::vector<std::string> all = {"-c", "sim:" + busFile};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return runBare(all);
-}
-
-ToolRun ToolTest::upgradeAll(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"-B", "-m", directory / "status"});
-    return run(arguments);
-}
-
-ToolRun ToolTest::runBare(const std::vector<std::string>& arguments) {
-    std::vector<std::string> copies = {"/usr/bin/orvin-firmware-upgrade"};
-    copies.insert(copies.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& copy : copies) {
-        argv.push_back(copy.data());
-    }
-    argv.push_back(nullptr);
-
-    ToolRun result;
-    const auto watch = SystemHooks::instance().beforeRename;
-    SystemHooks::instance().beforeRename = [&](const std::string& from, const std::string& to) {
-        if (to == directory / "status") {
-            result.messages.push_back(readText(from));
+ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers,
+                const std::function<int(SystemCall, const std::string&)>& system) {
+    MemorySystem& memory = MemorySystem::instance();
+    memory = {};
+    memory.files = setup.files;
+    memory.before = system || setup.errors.empty() ? system : errorsOf(setup);
+    ToolRun run;
+    sim::VirtualTime& time = sim::VirtualTime::instance();
+    time.reset();
+    time.limit = setup.timeLimit;
+    time.beforeSleep = [&](sim::Microseconds duration) { run.late += lateOutput(duration); };
+    Recorder recorder(setup.results);
+    sim::observers() = observers;
+    sim::observers().push_back(&recorder);
+    auto bus = std::make_shared<sim::Bus>(setup.bus);
+    sim::busOpener() = [&](const std::string&) {
+        if (setup.onOpen) {
+            setup.onOpen(*bus);
         }
-        if (watch) {
-            watch(from, to);
-        }
+        return bus;
     };
-    const sim::Microseconds start = sim::VirtualTime::instance().now();
-    result.console = captureOutput([&] {
-        RunConfig config;
-        result.exitStatus = ::run(config, static_cast<int>(copies.size()), argv.data()) & 0xff;
-    });
-    result.duration = sim::VirtualTime::instance().now() - start;
-    SystemHooks::instance().beforeRename = watch;
-    dropMessageWriter();
-    result.trace = linesOf(readText(directory / "trace.txt"));
-    std::filesystem::remove(directory / "trace.txt");
-    return result;
+
+    run.console = captureOutput([&] { runMain(setup, run); });
+    memory.before = nullptr;
+    time.beforeSleep = nullptr;
+    sim::busOpener() = nullptr;
+    sim::observers().clear();
+    run.messages = memory.messages;
+    run.filesNow = memory.files;
+    run.filesOpen = memory.openFiles.size();
+    for (const sim::MemberDescription& member : setup.bus.members) {
+        const std::vector<std::uint8_t>& content = bus->findDevice(member.id)->content();
+        run.contents.emplace_back(content.begin(), content.end());
+    }
+    run.records = std::move(recorder.records);
+    return run;
 }
 
-std::uint32_t ToolTest::storedVersion(std::size_t member, const char* processor) const {
-    const Json json = Json::parse(readText(directory / "bus.json"));
-    const Json& version = json["members"][member]["versions"][processor];
-    return version.is_string()
-               ? static_cast<std::uint32_t>(std::stoul(version.get<std::string>(), nullptr, 16))
-               : version.get<std::uint32_t>();
+vanid_t orvinId(int number) {
+    return {{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd,
+             0xee, 0xff, static_cast<std::uint8_t>(number)}};
 }
 
-bool ToolTest::installed(int orvin, const char* processor, const std::string& imagePath) const {
-    const std::string stored = directory / ("store/" + orvinId(orvin) + '.' + processor);
-    return std::filesystem::exists(stored) &&
-           readText(stored) == readText(imagePath).substr(kHeaderSize);
+std::string orvinText(int number) {
+    return sim::identifierText(orvinId(number));
+}
+
+sim::MemberDescription orvin(int number) {
+    sim::MemberDescription orvin;
+    orvin.id = orvinId(number);
+    orvin.type = sim::kOrvinType;
+    orvin.name = "Orvin " + std::to_string(number);
+    orvin.versions = {1, kOldVersion, kOldVersion, kOldVersion, 0x30a};
+    return orvin;
+}
+
+std::string makeImage(std::uint32_t target, std::uint32_t version, std::size_t contentSize) {
+    constexpr std::uint32_t kManufacturer = 0x1234;
+    constexpr std::uint32_t kContentType = 7;
+    const orvin_image::Bytes bytes =
+        orvin_image::encodeImage({0, kManufacturer, target, kContentType, 0, 0, version},
+                                 orvin_image::generateContent(target, version, contentSize));
+    return {bytes.begin(), bytes.end()};
 }

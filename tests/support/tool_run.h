@@ -1,61 +1,71 @@
-// Runs of the tool on a simulated bus, in this process and in virtual time.
+// Runs of the tool on a simulated bus, in this process, in virtual time and with its files in
+// memory: the one way in which tests run it.
 #ifndef TESTS_SUPPORT_TOOL_RUN_H
 #define TESTS_SUPPORT_TOOL_RUN_H
 
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "sim/event_queue.h"
-#include "support/bus_builder.h"
-#include "support/files.h"
+#include "sim/bus.h"
+#include "sim/virtual_time.h"
+#include "support/memory_system.h"
 
-// Everything that can be seen of a run from outside.
+constexpr std::uint32_t kArm = 0x200;
+constexpr std::uint32_t kDsp = 0x201;
+constexpr std::uint32_t kBooster = 0x202;
+constexpr std::uint32_t kOldVersion = 0x00010000;  // what every device runs at first
+constexpr std::uint32_t kNewVersion = 0x00010001;
+
+// What the tool is started with, and on what bus.
+struct ToolSetup {
+    std::vector<std::string> arguments;        // the connection to the bus is added in front
+    std::map<std::string, std::string> files;  // content by name, "mem:..."
+    sim::BusDescription bus;
+    std::map<std::string, int> results;     // of bus calls that end otherwise, by name
+    std::map<std::string, int> errors;      // of system calls: "read #5", "lock 1 #2" (mutex 1)
+    std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
+    sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
+};
+
+// A bus call or a callback of a run.
+struct Record {
+    sim::Microseconds time = 0;
+    std::size_t consoleLength = 0;  // what the console held before
+    sim::Call call;
+};
+
+// What can be seen of a run from outside.
 struct ToolRun {
-    int exitStatus = 0;                 // as the system gives it to the caller
-    std::string console;                // standard output
-    std::vector<std::string> messages;  // all that the status message file held, in order
-    std::vector<std::string> trace;     // the bus calls and callbacks
-    sim::Microseconds duration = 0;
+    bool ended = false;  // within the time limit
+    int exitStatus = 0;  // as the system gives it to the caller
+    std::string console;
+    std::string late;  // of the console, what was only printed when a sleep had begun
+    std::vector<std::string> messages;            // all that the status file held, in order
+    std::map<std::string, std::string> filesNow;  // all files after the run
+    std::size_t filesOpen = 0;                    // that the tool has not closed
+    bool writerLeft = false;                      // the tool's message writer was still there
+    std::vector<Record> records;
+    std::vector<std::string> contents;  // what each member of the bus received last
 
     bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
-
-    // How many lines of the trace begin with `call`, after the time.
-    int calls(const std::string& call) const;
+    int calls(sim::Function function) const;
+    std::string trace() const;  // a line for each record
 };
 
-// Standard output of what `action` does.
-std::string captureOutput(const std::function<void()>& action);
+// The same setup gives the same run. `observers` look on or step in at each call, `system`, which
+// takes the place of `errors`, at each system call. Neither outlives the run.
+ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers = {},
+                const std::function<int(SystemCall, const std::string&)>& system = {});
 
-// A bus file, image files and runs of the tool on them.
-class ToolTest : public testing::Test {
-protected:
-    ToolTest();
-    ~ToolTest() override;
+// ---- what buses are made of ----
 
-    // Writes an image file and returns its path.
-    std::string image(const std::string& name, std::uint32_t target,
-                      std::uint32_t version = kNewVersion, std::size_t contentSize = 640);
+vanid_t orvinId(int number);
+std::string orvinText(int number);         // of that identifier
+sim::MemberDescription orvin(int number);  // with old firmware
 
-    // Runs the tool with "-c" and the bus file, and these arguments.
-    ToolRun run(const std::vector<std::string>& arguments);
-
-    // As above, with "-B" and "-m".
-    ToolRun upgradeAll(std::vector<std::string> arguments);
-
-    // Runs the tool with just these arguments.
-    ToolRun runBare(const std::vector<std::string>& arguments);
-
-    // The version that the bus file now holds for the member, counted from 0.
-    std::uint32_t storedVersion(std::size_t member, const char* processor) const;
-
-    // Whether the device holds the content of the image, byte for byte.
-    bool installed(int orvin, const char* processor, const std::string& imagePath) const;
-
-    TemporaryDirectory directory;
-    BusBuilder bus;
-};
+// An image file with generated content.
+std::string makeImage(std::uint32_t target, std::uint32_t version, std::size_t contentSize);
 
 #endif

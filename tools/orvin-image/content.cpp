@@ -10,9 +10,9 @@
 #include <random>
 #include <vector>
 
-#include "firmware/descriptor.h"
 #include "image/image_header.h"
 #include "orvin-image/failure.h"
+#include "sim/firmware_descriptor.h"
 
 namespace orvin_image {
 
@@ -22,16 +22,16 @@ constexpr std::size_t kPiece = 65536;
 
 class ContentFile {
 public:
-    ContentFile(std::string path, std::uint32_t limit)
-        : path_(std::move(path)),
-          limit_(limit),
+    ContentFile(std::string name, std::uint32_t most)
+        : path(std::move(name)),
+          limit(most),
           // Without O_NONBLOCK, to open a pipe is to wait for its writer.
-          file_(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
-        if (file_ < 0 || fstat(file_, &status_) != 0) {
-            failWithErrno(path_, "cannot be opened");
+          file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
+        if (file < 0 || fstat(file, &status) != 0) {
+            failWithErrno(path, "cannot be opened");
         }
     }
-    ~ContentFile() { close(file_); }
+    ~ContentFile() { close(file); }
     ContentFile(const ContentFile&) = delete;
     ContentFile& operator=(const ContentFile&) = delete;
 
@@ -39,7 +39,7 @@ public:
         refuseUnreadable();
         refuseOutput(output);
         refuseImage();
-        if (!S_ISREG(status_.st_mode)) {
+        if (!S_ISREG(status.st_mode)) {
             // Only reading tells that a device has no end, and to sum up takes longer than to read.
             read([](const std::uint8_t*, std::size_t) { return true; });
         }
@@ -50,7 +50,7 @@ public:
         std::array<std::uint8_t, kPiece> piece{};
         std::uint64_t total = 0;
         ssize_t count = 0;
-        while ((count = ::read(file_, piece.data(), piece.size())) > 0) {
+        while ((count = ::read(file, piece.data(), piece.size())) > 0) {
             total += static_cast<std::size_t>(count);
             refuseLong(total);
             if (!sink(piece.data(), static_cast<std::size_t>(count))) {
@@ -58,56 +58,56 @@ public:
             }
         }
         if (count < 0) {
-            failWithErrno(path_, "cannot be read");
+            failWithErrno(path, "cannot be read");
         }
         return true;
     }
 
 private:
     void refuseUnreadable() const {
-        if (S_ISDIR(status_.st_mode)) {
-            fail(path_, "is a directory");
+        if (S_ISDIR(status.st_mode)) {
+            fail(path, "is a directory");
         }
-        if (S_ISFIFO(status_.st_mode)) {
-            fail(path_, "is a pipe: put the content into a file first");
+        if (S_ISFIFO(status.st_mode)) {
+            fail(path, "is a pipe: put the content into a file first");
         }
-        refuseLong(static_cast<std::uint64_t>(status_.st_size));
+        refuseLong(static_cast<std::uint64_t>(status.st_size));
     }
 
     void refuseOutput(const std::string& output) const {
         struct stat other {};
-        if (stat(output.c_str(), &other) == 0 && other.st_dev == status_.st_dev &&
-            other.st_ino == status_.st_ino) {
-            fail(path_, "is both the content and the image to write: give the image another name");
+        if (stat(output.c_str(), &other) == 0 && other.st_dev == status.st_dev &&
+            other.st_ino == status.st_ino) {
+            fail(path, "is both the content and the image to write: give the image another name");
         }
     }
 
     void refuseImage() const {
-        const std::optional<ImageFileStart> start = readImageFileStart(file_);
+        const std::optional<ImageFileStart> start = readImageFileStart(file);
         if (start && start->hasMagic &&
             std::uint64_t{start->header.headerSize} + start->header.contentSize ==
-                static_cast<std::uint64_t>(status_.st_size)) {
-            fail(path_, "is an image already, not the content of one (see 'orvin-image show')");
+                static_cast<std::uint64_t>(status.st_size)) {
+            fail(path, "is an image already, not the content of one (see 'orvin-image show')");
         }
     }
 
     void refuseLong(std::uint64_t size) const {
-        if (size > limit_) {
-            fail(path_, "is too long: at most " + std::to_string(limit_) +
-                            " bytes go into an image, which has less than 2 GiB");
+        if (size > limit) {
+            fail(path, "is too long: at most " + std::to_string(limit) +
+                           " bytes go into an image, which has less than 2 GiB");
         }
     }
 
     void rewind() const {
-        if (lseek(file_, 0, SEEK_SET) < 0) {
-            failWithErrno(path_, "cannot be read");
+        if (lseek(file, 0, SEEK_SET) < 0) {
+            failWithErrno(path, "cannot be read");
         }
     }
 
-    const std::string path_;
-    const std::uint32_t limit_;
-    const int file_;
-    struct stat status_ {};
+    const std::string path;
+    const std::uint32_t limit;
+    const int file;
+    struct stat status {};
 };
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "files/one_line.h"
+#include "sim/one_line.h"
 
 namespace orvin_image {
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "files/replace_file.h"
-#include "firmware/little_endian.h"
 #include "orvin-image/failure.h"
+#include "sim/little_endian.h"
+#include "sim/replace_file.h"
 
 namespace orvin_image {
 
@@ -26,16 +26,17 @@ Bytes encodeHeader(const FirmwareImageHeader& header, const Summary& content) {
 }  // namespace
 
 void Summary::add(const std::uint8_t* bytes, std::size_t length) {
-    if (size_ < start_.size()) {
-        std::copy_n(bytes, std::min(length, start_.size() - size_), start_.begin() + size_);
+    if (contentSize < start.size()) {
+        std::copy_n(bytes, std::min(length, start.size() - contentSize),
+                    start.begin() + contentSize);
     }
-    checksum_.add(bytes, length);
-    size_ += static_cast<std::uint32_t>(length);
+    sum.add(bytes, length);
+    contentSize += static_cast<std::uint32_t>(length);
 }
 
 bool Summary::isFirmware(std::uint32_t target, std::uint32_t version) const {
-    const auto descriptor =
-        firmware::Descriptor::decode(start_.data(), std::min<std::size_t>(size_, start_.size()));
+    const auto descriptor = firmware::Descriptor::decode(
+        start.data(), std::min<std::size_t>(contentSize, start.size()));
     return descriptor && descriptor->target == target && descriptor->version == version;
 }
 

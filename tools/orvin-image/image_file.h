@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "firmware/checksum.h"
-#include "firmware/descriptor.h"
 #include "image/firmware_image.h"
 #include "orvin-image/content.h"
+#include "sim/firmware_checksum.h"
+#include "sim/firmware_descriptor.h"
 
 namespace orvin_image {
 
@@ -21,16 +21,16 @@ class Summary {
 public:
     void add(const std::uint8_t* bytes, std::size_t length);
 
-    std::uint32_t size() const { return size_; }
-    std::uint16_t checksum() const { return checksum_.value(); }
+    std::uint32_t size() const { return contentSize; }
+    std::uint16_t checksum() const { return sum.value(); }
 
     // Whether a simulated device would take the content for firmware of that target and version.
     bool isFirmware(std::uint32_t target, std::uint32_t version) const;
 
 private:
-    std::uint32_t size_ = 0;  // bytes
-    firmware::Checksum checksum_;
-    std::array<std::uint8_t, firmware::Descriptor::kSize> start_{};
+    std::uint32_t contentSize = 0;  // bytes
+    firmware::Checksum sum;
+    std::array<std::uint8_t, firmware::Descriptor::kSize> start{};
 };
 
 Summary summarize(const Content& content);

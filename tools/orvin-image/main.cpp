@@ -14,9 +14,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "files/one_line.h"
 #include "image/firmware_target.h"
 #include "orvin-image/commands.h"
+#include "sim/one_line.h"
 
 namespace {
 

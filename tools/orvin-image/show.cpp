@@ -11,11 +11,11 @@
 #include <optional>
 
 #include "core/error_info.h"
-#include "firmware/checksum.h"
 #include "image/firmware_image.h"
 #include "orvin-image/commands.h"
 #include "orvin-image/content.h"
 #include "orvin-image/failure.h"
+#include "sim/firmware_checksum.h"
 
 namespace orvin_image {
 
@@ -133,6 +133,10 @@ void printText(const Inspection& found) {
     }
     if (!found.refusal.empty()) {
         printf("Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
+    }
+    if (found.fileSize.value_or(0) > kMaxContent + kHeaderSize) {
+        printf("note: the file has %llu bytes, an image has at most %u\n",
+               static_cast<unsigned long long>(*found.fileSize), kMaxContent + kHeaderSize);
     }
     if (found.fileSize.value_or(kHeaderSize) < kHeaderSize) {
         printf("note: the file has %llu bytes, a header has %u\n",

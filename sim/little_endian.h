@@ -1,0 +1,26 @@
+#ifndef SIM_LITTLE_ENDIAN_H
+#define SIM_LITTLE_ENDIAN_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace firmware {
+
+// Stores the low `width` bytes of a number, least significant first.
+inline void storeLittleEndian(std::uint8_t* out, std::uint32_t value, std::size_t width = 4) {
+    for (std::size_t i = 0; i < width; ++i) {
+        out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+    }
+}
+
+inline std::uint32_t loadLittleEndian(const std::uint8_t* bytes) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 4; i-- > 0;) {
+        value = value << 8 | bytes[i];
+    }
+    return value;
+}
+
+}  // namespace firmware
+
+#endif

@@ -1,0 +1,14 @@
+// A usleep that the loader finds before the C library's: a pause takes a tenth of its time. Polls
+// stay as they are, and with them the time that a packet has.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" int usleep(useconds_t microseconds) {
+    const std::chrono::microseconds wait(microseconds);
+    std::this_thread::sleep_for(wait < std::chrono::milliseconds(500) ? wait : wait / 10);
+    return 0;
+}

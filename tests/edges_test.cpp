@@ -1,0 +1,132 @@
+// Runs at the edges of times, sizes and counts, of which only a number or two are of interest.
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include <utility>
+
+#include "support/described_run.h"
+
+namespace {
+
+using sim::Function;
+
+constexpr std::size_t kHeaderSize = 36;
+
+// Two devices get an image with content of that size; the first one with these fields.
+ToolSetup upgrade(std::size_t contentSize, const std::string& fields = "") {
+    ToolSetup run = describedRun(R"({"run": "-B -m mem:status mem:image", "members": [{"id": 1)" +
+                                 fields + R"(}, {"id": 2}]})");
+    run.files["mem:image"] = makeImage(kDsp, kNewVersion, contentSize);
+    return run;
+}
+
+bool bothHaveTheContent(const ToolRun& run) {
+    const std::string content = run.filesNow.at("mem:image").substr(kHeaderSize);
+    return run.contents[0] == content && run.contents[1] == content;
+}
+
+bool isAccepted(const std::string& commandLine) {
+    return checkedRun(describedRun(R"({"run": ")" + commandLine + "\"}")).exitStatus != 129;
+}
+
+TEST(Edges, TheCommandLineHasToDescribeAMode) {
+    for (const char* commandLine :
+         {"-d id x", "-B x", "-B -d id x", "-V -d id", "-l", "-l -d id x", "-B -- -x", "x -B"}) {
+        EXPECT_TRUE(isAccepted(commandLine)) << commandLine;
+    }
+    for (const char* commandLine : {"", "-d id", "-d '' x", "-B", "x", "-V", "-V -B -d id", "-l -B",
+                                    "-l -V -d id", "-l -x", "-l -c", "-B -x"}) {
+        EXPECT_FALSE(isAccepted(commandLine)) << commandLine;
+    }
+}
+
+TEST(Edges, TheBudgetOfAGroupGrowsMoreSteeplyFrom41DevicesOn) {
+    ToolSetup run = describedRun(R"({"run": "-B -p mem:arm"})");
+    for (int number = 1; number <= 40; ++number) {
+        run.bus.members.push_back(orvin(number));
+    }
+    EXPECT_TRUE(checkedRun(run).printed("Will wait 1250 seconds"));
+    run.bus.members.push_back(orvin(41));
+    EXPECT_TRUE(checkedRun(run).printed("Will wait 5202 seconds"));
+}
+
+std::string progress(const ToolSetup& run) {
+    std::string percents;
+    for (const std::string& message : checkedRun(run).messages) {
+        const std::size_t at = message.find(" firmware, ");
+        percents += at == std::string::npos
+                        ? ""
+                        : message.substr(at + 11, message.find('%') - at - 11) + ' ';
+    }
+    return percents;
+}
+
+TEST(Edges, ProgressRoundsUpInStepsOfFive) {
+    EXPECT_EQ(progress(upgrade(128)), "0 50 ");
+    EXPECT_EQ(progress(upgrade(6464)),
+              "0 5 10 15 20 25 30 35 40 45 50 55 60 65 70 75 80 85 90 95 100 ");
+}
+
+// A hundredfold of what is left fits 32 bits up to 42,949,672 bytes.
+TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
+    ToolSetup run = upgrade(0);
+    run.results = {{"ImageTransfer_data", -1}};
+    std::string& image = run.files["mem:image"];
+    for (const auto& [size, percents] :
+         {std::pair{42'949'672U, "0 0 "}, {42'949'673U, "100 100 "}}) {
+        image.replace(20, 4, reinterpret_cast<const char*>(&size), 4).resize(kHeaderSize + size);
+        EXPECT_EQ(progress(run), percents);
+    }
+}
+
+ToolRun goingBack(const std::string& requests) {
+    return checkedRun(upgrade(1000, R"(, "faults": {"go_back": [)" + requests + "]}"));
+}
+
+TEST(Edges, ADeviceGoesBackOftenButNotForEver) {
+    const ToolRun recovered =
+        goingBack(R"({"at": 0, "to": 0, "times": 999}, {"at": 1, "to": 0, "times": 999})");
+    EXPECT_FALSE(recovered.printed("Removing Orvin"));
+    EXPECT_EQ(recovered.calls(Function::Data), 16 + (1 + 2) * 999);
+    EXPECT_TRUE(bothHaveTheContent(recovered));
+    const ToolRun endless = goingBack(R"({"at": 5, "to": 4, "times": 1000})");
+    EXPECT_TRUE(endless.printed("\nRemoving Orvin " + orvinText(1) +
+                                " due to endless go back (1000 requests)\n"));
+    EXPECT_TRUE(endless.printed("Successfully updated 1 Orvin: \n  " + orvinText(2)));
+}
+
+// A request may come when the loop has looked for one and not yet taken the next number: while it
+// writes its progress, which it does for each packet here, or while it reads the packet.
+TEST(Edges, ADeviceGoesBackAtAnyMoment) {
+    constexpr int kPackets = 20;
+    constexpr int kBeforeTheFirst = 31;  // reads of headers and writes of messages
+    for (int moment = 0; moment < 2 * kPackets; ++moment) {
+        ToolSetup described = upgrade(std::size_t{64} * kPackets);
+        sim::Bus* bus = nullptr;
+        described.onOpen = [&](sim::Bus& opened) { bus = &opened; };
+        int count = 0;
+        const ToolRun run = checkedRun(described, [&](SystemCall call, const std::string&) {
+            const bool counts = call == SystemCall::Read || call == SystemCall::Rename;
+            if (counts && count++ == kBeforeTheFirst + moment) {
+                bus->requestGoBack(orvinId(1), 1);
+            }
+            return 0;
+        });
+        EXPECT_EQ(run.calls(Function::Data), kPackets + std::max(moment / 2 - 1, 0)) << moment;
+        EXPECT_TRUE(bothHaveTheContent(run));
+    }
+}
+
+TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
+    const int before = prctl(PR_GET_TIMERSLACK);
+    int during = 0;
+    checkedRun(upgrade(64), [&](SystemCall call, const std::string&) {
+        during = call == SystemCall::Read ? prctl(PR_GET_TIMERSLACK) : during;
+        return 0;
+    });
+    EXPECT_EQ(during, before > 0 ? 1 : before);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK), before);
+}
+
+}  // namespace

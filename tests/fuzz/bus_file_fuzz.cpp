@@ -1,0 +1,19 @@
+// Any text as a bus file: a description, or one line that says what is wrong.
+
+#include <cstdlib>
+#include <string>
+
+#include "sim/bus_file.h"
+#include "sim/one_line.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    try {
+        sim::describeBus(sim::parseBusFile({reinterpret_cast<const char*>(data), size}));
+    } catch (const sim::BusFileError& error) {
+        const std::string line = onOneLine(error.what());
+        if (line.empty() || line.find('\n') != std::string::npos) {
+            std::abort();
+        }
+    }
+    return 0;
+}

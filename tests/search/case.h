@@ -1,0 +1,95 @@
+// One run of the tool with faults, and the devices that these may harm.
+#ifndef TESTS_SEARCH_CASE_H
+#define TESTS_SEARCH_CASE_H
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/tool_run.h"
+
+constexpr sim::Microseconds kSecond = 1'000'000;
+
+// An image file that the tool is given.
+struct Image {
+    std::string name;
+    std::uint32_t target = 0;
+    std::uint32_t version = 0;
+    std::string file;     // all its bytes; none: there is no such file
+    std::string content;  // what of them is sent; none: the file is broken
+};
+
+// What can no longer be expected because of a fault.
+enum class Harm {
+    None,
+    Device,      // that its device is upgraded, or not dropped
+    Upgrade,     // that any device is upgraded; still none may be dropped
+    AllDevices,  // anything of any device
+};
+
+// Where a fault strikes. Of two at one place only one is used.
+enum class Place { Result, Link, Power, Packet };
+
+// Something that goes wrong at one of the tool's calls.
+struct Fault {
+    Place place = Place::Result;
+    std::string device;  // empty: none
+    Harm harm = Harm::None;
+    std::string what;
+    std::int64_t value = 0;   // the result, for how long in microseconds, or the packet fault's
+    bool carriedOut = false;  // the call, though its result is lost
+    sim::Function function = sim::Function::Initialize;  // whose result it is
+    sim::PacketFault packet = {};
+    std::size_t call = 0;  // counted from 0, callbacks as well
+    bool stays = false;    // and strikes at all later calls as well
+};
+
+// The nth system call of its kind for a status message fails; error 0: none does.
+struct StatusFault {
+    SystemCall call = SystemCall::Rename;
+    int error = 0;
+    int number = 0;
+};
+
+struct Case {
+    std::string name;
+    ToolSetup setup;
+    std::vector<Image> images;
+    std::vector<Fault> faults;
+    StatusFault statusFault;
+    std::set<std::string> spoiled;  // devices that may be dropped, or left without the upgrade
+    Harm harm = Harm::None;         // the worst to all devices
+
+    bool has(const std::string& argument) const;
+    void addImage(const Image& image);
+    Case with(const Fault& fault) const;
+};
+
+Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t version,
+              std::size_t contentSize);
+
+ToolRun runCase(const Case& searched);
+
+// The identifier of the device that a call goes to; empty for none.
+std::string deviceOf(const sim::Call& call);
+
+// Every fault that can strike at the call, which is the one at that index in a run of the case;
+// none if it is a callback.
+std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);
+
+// Each base case, alone and with every fault at every call.
+// Cases are made only when they are run.
+using Visit = std::function<void(const std::function<Case()>& make)>;
+void forEachSingle(const Visit& visit);
+
+// Each base case with every pair of faults: the second one at any call of the run with the first.
+void forEachPair(const Visit& visit);
+
+// Any command line, images and bus, with any mixture of faults; the same seed gives the same.
+Case randomCase(std::uint32_t seed);
+
+// The promises of docs/reliability.md that a run of the case breaks, one line each.
+std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run);
+
+#endif

@@ -1,0 +1,180 @@
+// The base cases, and every fault that can strike in them.
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+
+#include "search/case.h"
+#include "sim/identifier.h"
+
+namespace {
+
+using sim::Function;
+using sim::Microseconds;
+using sim::PacketFault;
+
+constexpr Microseconds kForEver = 1'000'000 * kSecond;
+
+Case baseCase(const std::string& name, int orvins, const std::vector<std::string>& arguments,
+              const std::vector<Image>& images) {
+    Case base;
+    base.name = name;
+    base.setup.arguments = arguments;
+    base.setup.arguments.insert(base.setup.arguments.end(), {"-m", MemorySystem::kStatusFile});
+    for (int number = 1; number <= orvins; ++number) {
+        base.setup.bus.members.push_back(orvin(number));
+    }
+    for (const Image& image : images) {
+        base.addImage(image);
+    }
+    return base;
+}
+
+std::vector<Case> baseCases() {
+    const Image arm = imageOf("arm", kArm, kNewVersion, 3 * sim::kPacketBytes + 20);
+    const Image dsp = imageOf("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes);
+    const Image booster = imageOf("booster", kBooster, kNewVersion, 2 * sim::kPacketBytes + 1);
+    const Image same = imageOf("same", kArm, kOldVersion, 100);
+    Case retry = baseCase("retry", 2, {"-B"}, {arm});
+    retry.setup.bus.members[0].faults.keepsOldVersion = sim::KeepsOldVersion::Once;
+    retry.spoiled.insert(orvinText(1));
+    return {baseCase("one", 1, {"-B"}, {arm}),
+            baseCase("three", 3, {"-B"}, {dsp, arm, booster}),
+            retry,
+            baseCase("targeted", 2, {"-d", orvinText(1)}, {dsp}),
+            baseCase("pretend", 2, {"-B", "-p"}, {arm}),
+            baseCase("forced", 2, {"-B", "-f"}, {same}),
+            baseCase("up to date", 2, {"-B"}, {same}),
+            baseCase("listing", 3, {"-l"}, {})};
+}
+
+using Results = std::vector<sim::Intervention>;
+
+// What a call can end with instead of its own result.
+Results failuresOf(Function function) {
+    const Results refusals = {{-1}, {-2}, {5}, {-1, true}};
+    const std::map<Function, Results> failures = {{Function::Open, {{-1}, {1}}},
+                                                  {Function::IsTalm, {{-1}, {1}}},
+                                                  {Function::GetType, {{-1}, {1}}},
+                                                  {Function::GetBusMembers, {{-1}, {0}, {1000}}},
+                                                  {Function::OrvinInfo, {{-1}, {-2}, {5}}},
+                                                  {Function::CheckImage, refusals},
+                                                  {Function::WriteRequest, refusals},
+                                                  {Function::StartUpdate, refusals},
+                                                  {Function::Data, {{0}, {-1}, {-2}, {5}}}};
+    const auto found = failures.find(function);
+    return found == failures.end() ? Results{{-1}} : found->second;
+}
+
+Harm harmOf(const sim::Call& call, int result) {
+    if (call.device && !sim::isBroadcast(*call.device)) {
+        return Harm::Device;
+    }
+    const bool goesUnnoticed = call.function == Function::SetTransferCallback ||
+                               (call.function == Function::Data && result == -2);
+    return goesUnnoticed ? Harm::AllDevices : Harm::Upgrade;
+}
+
+// All that can happen to the packet of that number.
+std::vector<PacketFault> packetFaults(std::int64_t packet) {
+    using Kind = PacketFault::Kind;
+    std::vector<PacketFault> faults = {PacketFault::next(Kind::Lost, 0, 2)};
+    for (const Kind kind : {Kind::Lost, Kind::Damaged, Kind::Twice}) {
+        faults.push_back(PacketFault::next(kind));
+    }
+    for (const int result : {1, -1, 18}) {
+        faults.push_back(PacketFault::next(Kind::Answer, result));
+    }
+    for (const Microseconds delay : {kSecond / 500, 6 * kSecond, 11 * kSecond}) {
+        faults.push_back(PacketFault::next(Kind::Late, delay));
+    }
+    for (std::int64_t to = 0; to <= packet; ++to) {
+        faults.push_back(PacketFault::next(Kind::GoBack, to));
+    }
+    return faults;
+}
+
+// Whether the device answers before the tool's next poll. Only then is the tool sure to make good a
+// request to go back: a later one may come when the last packet is over, or at a repetition that
+// the late answer of another device ends.
+bool answersAtOnce(const sim::MemberDescription& device) {
+    constexpr Microseconds kPoll = 1'000;
+    return device.timing.acknowledge < kPoll && device.timing.acknowledgeJitter == 0;
+}
+
+void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std::string& device,
+                     const sim::Call& call) {
+    for (const Microseconds duration : {4 * kSecond, kForEver}) {
+        faults.push_back({Place::Power, device, Harm::Device, "away for us:", duration});
+    }
+    if (call.function != Function::Data) {
+        return;
+    }
+    const auto& members = searched.setup.bus.members;
+    const bool atOnce = std::all_of(members.begin(), members.end(), answersAtOnce);
+    for (const PacketFault& packet : packetFaults(call.given[0])) {
+        const bool madeGood = atOnce && (packet.kind == PacketFault::Kind::Twice ||
+                                         packet.kind == PacketFault::Kind::GoBack);
+        const std::string what = "packet fault " + std::to_string(static_cast<int>(packet.kind));
+        faults.push_back({Place::Packet, device, madeGood ? Harm::None : Harm::Device, what,
+                          packet.value, false, Function::Data, packet});
+    }
+}
+
+void forEachFault(const Case& searched, std::size_t firstCall,
+                  const std::function<void(const Fault&)>& use) {
+    const ToolRun run = runCase(searched);
+    for (std::size_t index = firstCall; index < run.records.size(); ++index) {
+        const std::vector<Fault> faults = faultsAt(searched, index, run.records[index].call);
+        std::for_each(faults.begin(), faults.end(), use);
+    }
+}
+
+}  // namespace
+
+std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call) {
+    std::vector<Fault> faults;
+    if (sim::isCallback(call.function)) {
+        return faults;
+    }
+    for (const auto& [result, carriedOut] : failuresOf(call.function)) {
+        const std::string what = std::string(sim::nameOf(call.function)) + " gives";
+        faults.push_back({Place::Result, deviceOf(call), harmOf(call, result), what, result,
+                          carriedOut, call.function});
+    }
+    if (call.function == Function::Initialize) {  // call 0, there is no bus yet
+        return faults;
+    }
+    for (const Microseconds duration : {8 * kSecond, kForEver}) {
+        faults.push_back({Place::Link, "", Harm::AllDevices, "link down for us:", duration});
+    }
+    for (const sim::MemberDescription& member : searched.setup.bus.members) {
+        addDeviceFaults(faults, searched, sim::identifierText(member.id), call);
+    }
+    for (Fault& fault : faults) {
+        fault.call = index;
+    }
+    return faults;
+}
+
+void forEachSingle(const Visit& visit) {
+    for (const Case& base : baseCases()) {
+        visit([&] { return base; });
+        forEachFault(base, 0, [&](const Fault& fault) { visit([&] { return base.with(fault); }); });
+    }
+}
+
+void forEachPair(const Visit& visit) {
+    for (const Case& base : baseCases()) {
+        forEachFault(base, 0, [&](const Fault& first) {
+            const Case one = base.with(first);
+            forEachFault(one, first.call, [&](const Fault& second) {
+                // Two faults at the same call are visited in one order only.
+                if (first.call < second.call ||
+                    std::tie(first.place, first.device) < std::tie(second.place, second.device)) {
+                    visit([&] { return one.with(second); });
+                }
+            });
+        });
+    }
+}

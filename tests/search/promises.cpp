@@ -1,0 +1,316 @@
+// What docs/reliability.md promises, one function for each promise and in its order. They judge a
+// run by the bus calls, the files and the output alone.
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+
+#include "search/case.h"
+#include "sim/identifier.h"
+
+namespace {
+
+using sim::Call;
+using sim::Function;
+using Texts = std::set<std::string>;
+
+constexpr char kNextImage[] = "Downloading image ";
+constexpr char kUpdated[] = "Successfully updated ";
+constexpr char kTransferFailed[] = "Failed to transfer data to the Orvins";
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The devices listed under every line that contains `title`.
+Texts listedUnder(const std::string& title, const std::string& console) {
+    Texts listed;
+    std::istringstream lines(console);
+    bool inList = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (inList && line.compare(0, 2, "  ") == 0) {
+            listed.insert(line.substr(2));
+        } else {
+            inList = contains(line, title);
+        }
+    }
+    return listed;
+}
+
+using Calls = std::vector<const Call*>;
+
+bool accepted(const Calls& calls) {
+    return !calls.empty() && calls.back()->result == 0;
+}
+
+// One transfer of one image, from its first write request until the tool names another.
+struct Attempt {
+    const Image* image = nullptr;
+    int number = 0;        // of those with the image
+    std::size_t end = 0;   // in the console
+    std::string transfer;  // what the console holds of it, up to the transfer's end
+    std::string rest;      // and from there on
+    Texts updated;         // devices that the console names so
+    std::map<std::string, std::map<Function, Calls>> devices;  // the calls by device
+
+    bool answersOtherwise(const std::string& device) {
+        const Calls& answers = devices[device][Function::OrvinInfo];
+        return accepted(answers) &&
+               answers.back()->answer[image->target - kArm + 1] != image->version;
+    }
+    // Because it does not answer, or a faulty result was still on its way.
+    bool isDroppedLate(const std::string& device) const {
+        return contains(rest, "Removing Orvin " + device);
+    }
+};
+
+bool carriesItsContent(const Call& data, const Image& image) {
+    const std::size_t start = static_cast<std::size_t>(data.given[0]) * sim::kPacketBytes;
+    return sim::isBroadcast(*data.device) && start < image.content.size() &&
+           image.content.compare(start, sim::kPacketBytes, data.content, 0,
+                                 image.content.size() - start) == 0;
+}
+
+std::uint32_t versionIn(const sim::Versions& versions, std::uint32_t target) {
+    return target == kArm ? versions.arm : target == kDsp ? versions.dsp : versions.boosterArm;
+}
+
+class Checker {
+public:
+    Checker(const Case& searchedCase, const ToolRun& checked)
+        : searched(searchedCase), run(checked) {
+        findAttempts();
+    }
+
+    std::vector<std::string> check() {
+        itEnds();
+        itTellsTheTruth();
+        itLosesNoDeviceWithoutAWord();
+        itSendsWhatIsInTheFile();
+        theStatusFileIsWhole();
+        itLeavesTheBusAsItShould();
+        itSurvivesItsSurroundings();
+        return broken;
+    }
+
+private:
+    void itEnds() {
+        for (const Attempt& attempt : attempts) {
+            require(attempt.number <= 2, "more than two attempts");
+        }
+        require(notUpgraded.empty() || (!attempts.empty() && attempts.back().number == 2),
+                "not tried again");
+    }
+
+    void itTellsTheTruth() {
+        require(run.exitStatus == expectedStatus(), "wrong exit status");
+        for (Attempt& attempt : attempts) {
+            for (auto& [device, calls] : attempt.devices) {
+                require(calls[Function::WriteRequest].empty() ||
+                            !calls[Function::OrvinInfo].empty() || attempt.isDroppedLate(device),
+                        "not asked for its version again", device);
+            }
+            for (const std::string& device : attempt.updated) {
+                // A simulated device that starts has passed its check.
+                auto& calls = attempt.devices[device];
+                for (const auto step :
+                     {Function::WriteRequest, Function::CheckImage, Function::StartUpdate}) {
+                    require(accepted(calls[step]), "falsely named as updated", device);
+                }
+            }
+        }
+        for (const std::string& device : notUpgraded) {
+            require(!attempts.empty() && attempts.back().answersOtherwise(device),
+                    "named as not upgraded, but did not answer so", device);
+        }
+    }
+
+    void itLosesNoDeviceWithoutAWord() {
+        for (std::size_t i = 0; i < attempts.size(); ++i) {
+            for (auto& [device, calls] : attempts[i].devices) {
+                if (!calls[Function::WriteRequest].empty()) {
+                    checkNamed(i, device);
+                }
+            }
+        }
+        for (const sim::MemberDescription& member : searched.setup.bus.members) {
+            const std::string device = sim::identifierText(member.id);
+            if (searched.harm == Harm::AllDevices || searched.spoiled.count(device) != 0) {
+                continue;
+            }
+            require(!isDropped(run.console, device), "dropped for another's fault", device);
+            if (searched.harm == Harm::None) {
+                checkServed(member, device);
+            }
+        }
+    }
+
+    void itSendsWhatIsInTheFile() {
+        for (Attempt& attempt : attempts) {
+            const bool failed = contains(attempt.rest, kTransferFailed);
+            const std::size_t size = attempt.image->content.size();
+            for (auto& [device, calls] : attempt.devices) {
+                for (const Call* const data : calls[Function::Data]) {
+                    require(carriesItsContent(*data, *attempt.image), "another packet's content");
+                    require(failed || data->result == sim::result::kBroadcast,
+                            "a refused packet is not reported");
+                }
+                require(calls[Function::CheckImage].empty() ||
+                            calls[Function::TransferCallback].size() * sim::kPacketBytes >= size,
+                        "checked, though it did not acknowledge each packet", device);
+            }
+        }
+    }
+
+    void theStatusFileIsWhole() {
+        for (const std::string& message : run.messages) {
+            const std::string end = message.substr(message.find_last_not_of(".!") + 1);
+            require(end == "..." || end == "!" || contains(message, " completed"),
+                    "not a whole message", message);
+        }
+        const bool wanted = searched.has("-m") && hasSession;
+        require(wanted == !run.messages.empty() || searched.statusFault.number == 1,
+                "messages without -m, or none with it");
+        const bool failed = run.printed("Error at write message: ") ||
+                            run.printed("Incomplete write for message: ");
+        const std::size_t status = run.filesNow.count(MemorySystem::kStatusFile);
+        require(run.filesNow.size() == searched.setup.files.size() + status + (failed ? 1 : 0),
+                "temporary files left");
+    }
+
+    void itLeavesTheBusAsItShould() {
+        const bool readsOnly = searched.has("-p") || searched.has("-l") || searched.has("-V");
+        std::map<Function, bool> isSet;
+        for (const Record& record : run.records) {
+            const Function function = record.call.function;
+            require(
+                !readsOnly || function < Function::WriteRequest || function > Function::StartUpdate,
+                "writes though it must not");
+            isSet[function] = record.call.text == "set";
+        }
+        require(!isSet[Function::SetTransferCallback] && !isSet[Function::SetBusChangeCallback],
+                "a callback left set");
+        const int sessions = hasSession ? 1 : 0;
+        require(run.calls(Function::Cleanup) == sessions && run.calls(Function::Close) == sessions,
+                "the session is not closed once");
+        require(!hasSession || run.records.back().call.function == Function::Close,
+                "a call after the session's end");
+    }
+
+    void itSurvivesItsSurroundings() {
+        require(run.filesOpen == 0, "a file left open");
+        require(run.late.empty(), "printed late", run.late);
+    }
+
+    // ---- parts of the promises ----
+
+    int expectedStatus() const {
+        if (!hasSession) {
+            return 132;
+        }
+        if (run.printed("Bus not ACTIVE, exiting.")) {
+            return 133;
+        }
+        if (!notUpgraded.empty()) {
+            return 139;
+        }
+        const bool failed = run.printed("Error while reading") || run.printed("Error: invalid");
+        return failed ? 255 : static_cast<int>(updated.size());
+    }
+
+    static bool isDropped(const std::string& console, const std::string& device) {
+        return contains(console, "Removing Orvin " + device) ||
+               contains(console, "Removing orvin '" + device);
+    }
+
+    // The console names the device as updated, or as dropped with the reason. When the transfer
+    // failed, one line stands for all. A device with another version is tried again or named.
+    void checkNamed(std::size_t number, const std::string& device) {
+        Attempt& attempt = attempts[number];
+        require(isDropped(attempt.transfer, device) || attempt.updated.count(device) != 0 ||
+                    contains(attempt.transfer, "Error in sendChunk(): "),
+                "left without a word", device);
+        const bool retried = number + 1 < attempts.size() && attempts[number + 1].number == 2 &&
+                             !attempts[number + 1].devices[device][Function::WriteRequest].empty();
+        require(!attempt.answersOtherwise(device) || attempt.isDroppedLate(device) || retried ||
+                    notUpgraded.count(device) != 0,
+                "runs another version, and the tool does not say so", device);
+    }
+
+    // A healthy device on a sound bus gets all that it was chosen for, and nothing in vain.
+    void checkServed(const sim::MemberDescription& member, const std::string& device) {
+        require(!searched.has("-l") || run.printed(device), "not listed", device);
+        require(notUpgraded.count(device) == 0, "healthy, but not upgraded", device);
+        const bool chosen = !searched.has("-l") && !searched.has("-V") &&
+                            (searched.has("-B") || searched.has(device));
+        const bool needed =
+            std::any_of(searched.images.begin(), searched.images.end(), [&](const Image& image) {
+                return !image.content.empty() && image.target <= kBooster &&
+                       (searched.has("-f") ||
+                        versionIn(member.versions, image.target) != image.version);
+            });
+        const bool endedEarly = !notUpgraded.empty();  // other devices ended it before all images
+        require(endedEarly || (updated.count(device) != 0) == (chosen && needed),
+                "passed over, or updated in vain", device);
+    }
+
+    void findAttempts() {
+        Function last = Function::Initialize;
+        for (const Record& record : run.records) {
+            const Call& call = record.call;
+            if (call.function == Function::WriteRequest && last != Function::WriteRequest) {
+                beginAttempt(record.consoleLength);
+            }
+            last = sim::isCallback(call.function) ? last : call.function;
+            if (!attempts.empty() && record.consoleLength <= attempts.back().end) {
+                attempts.back().devices[deviceOf(call)][call.function].push_back(&call);
+            }
+        }
+    }
+
+    void beginAttempt(std::size_t begin) {
+        const std::size_t line = run.console.rfind(kNextImage, begin);
+        Attempt attempt;
+        for (const Image& image : searched.images) {
+            const bool named = run.console.find(kNextImage + image.name, line) == line;
+            attempt.image = named ? &image : attempt.image;
+        }
+        if (attempt.image == nullptr) {
+            return require(false, "sends an image that it has not named");
+        }
+        const bool again = !attempts.empty() && attempts.back().image == attempt.image;
+        attempt.number = again ? attempts.back().number + 1 : 1;
+        attempt.end = std::min({run.console.find(kNextImage, begin), run.console.size(),
+                                run.console.find("Retrying upgrade on following ", begin)});
+        const std::string text = run.console.substr(begin, attempt.end - begin);
+        const std::size_t transferred =
+            std::min({text.find(kTransferFailed), text.find("Update took "), text.size()});
+        attempt.transfer = text.substr(0, transferred);
+        attempt.rest = text.substr(transferred);
+        attempt.updated = listedUnder(kUpdated, attempt.transfer);
+        attempts.push_back(attempt);
+    }
+
+    void require(bool holds, const char* what, const std::string& about = {}) {
+        if (!holds) {
+            broken.push_back(std::string(what) + ' ' + about);
+        }
+    }
+
+    const Case& searched;
+    const ToolRun& run;
+    const bool hasSession = !run.printed("Failed to initialize lumnet lib on ");
+    const Texts updated = listedUnder(kUpdated, run.console);
+    const Texts notUpgraded = listedUnder("could not be upgraded", run.console);
+    std::vector<Attempt> attempts;
+    std::vector<std::string> broken;
+};
+
+}  // namespace
+
+std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run) {
+    if (!run.ended) {
+        return {"does not end in time"};
+    }
+    return Checker(searched, run).check();
+}

@@ -1,0 +1,111 @@
+// The simulated devices and their bus file keep the other tests honest.
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+
+#include "orvin-image/image_file.h"
+#include "sim/bus_file.h"
+#include "sim/firmware_checksum.h"
+#include "support/files.h"
+#include "support/tool_run.h"
+
+namespace {
+
+using orvin_image::Bytes;
+using sim::Json;
+
+// What comes of an upgrade with the content, of which these packets arrive.
+std::string upgradeWith(const Bytes& content, const std::vector<std::uint32_t>& packets) {
+    const auto size = static_cast<std::uint32_t>(content.size());
+    firmware::Checksum checksum;
+    checksum.add(content.data(), size);
+    sim::Device device(orvin(1));
+    device.writeRequest(kArm, size, checksum.value());
+    Bytes padded = content;
+    padded.resize(size + sim::kPacketBytes);
+    for (const std::uint32_t packet : packets) {
+        device.receive(packet, &padded[packet * sim::kPacketBytes]);
+    }
+    std::uint16_t announced = 0;
+    std::uint16_t computed = 0;
+    device.checkImage(kArm, announced, computed);
+    if (device.startUpdate(kArm) != 0) {
+        return announced == computed ? "not started" : "fails its check";
+    }
+    return device.finishInstallation() ? "installed" : "not taken";
+}
+
+TEST(SimulatedDevice, InstallsOnlyWholeFirmwareForItsOwnProcessor) {
+    const Bytes good = orvin_image::generateContent(kArm, 7, 137);
+    EXPECT_EQ(upgradeWith(good, {2, 1, 0, 2}), "installed");
+    EXPECT_EQ(upgradeWith(good, {0, 1}), "fails its check");
+    EXPECT_EQ(upgradeWith(good, {1, 2}), "fails its check");
+    EXPECT_EQ(upgradeWith(orvin_image::generateContent(kDsp, 7, 64), {0}), "not taken");
+    // The sum starts at 0xffff: two bytes of 0xff in front make it 0, and zeros keep it there.
+    Bytes zeros(137);
+    zeros[0] = zeros[1] = 0xff;
+    EXPECT_EQ(upgradeWith(zeros, {0, 1, 2}), "not taken");
+    EXPECT_EQ(upgradeWith(zeros, {0, 2}), "fails its check");
+}
+
+std::string reasonOf(const std::string& text) {
+    try {
+        sim::describeBus(sim::parseBusFile(text));
+    } catch (const sim::BusFileError& error) {
+        return error.what();
+    }
+    return "";
+}
+
+std::string busWithOrvin(const std::string& fields) {
+    return R"({"members": [{"id": ")" + orvinText(1) + R"(", "type": 64, "versions": {})" + fields +
+           "}]}";
+}
+
+TEST(BusFile, NamesThePlaceOfWhatIsWrong) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"{\n  \"members\": [\n", "line 3, column 1: "},
+        {R"({"members": [], "sed": 1})", "/sed: unknown field"},
+        {R"({"members": [], "seed": "0x1ffffffff"})", "/seed: neither a number nor a text like"},
+        {busWithOrvin(R"(, "faults": {"go_back": [{"at": 1}]})"),
+         "/members/0/faults/go_back/0: has no"},
+        {R"({"members": [], "faults": {"get_members": {"calls": "all", "result": 5}}})",
+         "/faults/get_members/result: would invent"},
+        {busWithOrvin(R"(}, {"id": ")" + orvinText(1) + R"(", "type": 1)"),
+         "/members/1/id: there already"},
+    };
+    for (const auto& [text, reason] : cases) {
+        EXPECT_EQ(reasonOf(text).substr(0, std::string(reason).size()), reason);
+    }
+}
+
+TEST(BusFile, HasOneUserAndAnEnd) {
+    const TemporaryDirectory directory;
+    const std::string path = directory / "bus.json";
+    writeText(path, R"({"members": []})");
+    const sim::BusFile user(path);
+    EXPECT_THROW(sim::BusFile second(path), sim::BusFileError);
+    EXPECT_THROW(sim::BusFile endless("/dev/zero"), sim::BusFileError);
+    writeText(directory / "long.json", std::string(5 << 20, ' '));
+    EXPECT_THROW(sim::BusFile tooLong(directory / "long.json"), sim::BusFileError);
+}
+
+// Each fault in the tables, and that there is an example for each fault.
+TEST(BusFile, UnderstandsTheExamplesOfItsDocument) {
+    std::set<std::string> faults;
+    std::istringstream document(readText(DOCUMENT));
+    for (std::string line; std::getline(document, line);) {
+        if (line.rfind("| `{", 0) == 0) {
+            const std::string example = line.substr(3, line.find("` |") - 3);
+            faults.insert(Json::parse(example).items().begin().key());
+            EXPECT_TRUE(reasonOf(busWithOrvin(R"(, "faults": )" + example)).empty() ||
+                        reasonOf(R"({"members": [], "faults": )" + example + "}").empty())
+                << line;
+        }
+    }
+    EXPECT_EQ(faults.size(), 17U);
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+#include "support/memory_system.h"
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+MemorySystem& memory() {
+    return MemorySystem::instance();
+}
+
+// Whether the call fails, with errno set.
+bool fails(SystemCall call, const std::string& what) {
+    errno = memory().before ? memory().before(call, what) : 0;
+    return errno != 0;
+}
+
+// The program has other mutexes, which never fail.
+bool fails(SystemCall call, const pthread_mutex_t* mutex) {
+    const auto found = memory().mutexes.find(mutex);
+    return found != memory().mutexes.end() && fails(call, found->second);
+}
+
+int openNew(const std::string& name) {
+    static int last = 1 << 20;  // beyond all of the system's own
+    memory().openFiles[++last].name = name;
+    return last;
+}
+
+// How many of the bytes are read or written; -1 with errno set.
+ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
+    const auto all = static_cast<ssize_t>(bytes);
+    if (!fails(call, name)) {
+        return all;
+    }
+    return errno == MemorySystem::kHalfOfIt ? all / 2 : -1;
+}
+
+ssize_t writeConsole(void* /*cookie*/, const char* bytes, std::size_t length) {
+    memory().console.append(bytes, length);
+    fails(SystemCall::Print, {bytes, length});
+    return static_cast<ssize_t>(length);
+}
+
+}  // namespace
+
+MemorySystem& MemorySystem::instance() {
+    static MemorySystem system;
+    return system;
+}
+
+std::string captureOutput(const std::function<void()>& action) {
+    static std::FILE* const stream =
+        fopencookie(nullptr, "w", {nullptr, writeConsole, nullptr, nullptr});
+    const std::size_t before = memory().console.size();
+    std::FILE* const output = stdout;
+    stdout = stream;
+    action();
+    std::fflush(stdout);
+    stdout = output;
+    return memory().console.substr(before);
+}
+
+// The linker has the program call these in place of the functions after "__wrap_", which are called
+// "__real_" then. The names with 64 are what the system's headers make of a name without.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+
+int __wrap_open64(const char* name, int /*flags*/, ...) {
+    if (fails(SystemCall::Open, name)) {
+        return -1;
+    }
+    errno = ENOENT;
+    return memory().files.count(name) == 0 ? -1 : openNew(name);
+}
+
+int __wrap_mkstemp64(char* name) {
+    if (fails(SystemCall::CreateTemporary, name)) {
+        return -1;
+    }
+    const std::string digits = std::to_string(100'000 + memory().files.size());
+    digits.copy(name + std::strlen(name) - digits.size(), digits.size());
+    memory().files[name] = "";
+    return openNew(name);
+}
+
+off64_t __wrap_lseek64(int number, off64_t offset, int origin) {
+    MemorySystem::OpenFile& file = memory().openFiles.at(number);
+    const auto content = static_cast<off64_t>(memory().files[file.name].size());
+    const off64_t position = (origin == SEEK_END ? content + memory().missing : 0) + offset;
+    file.position = static_cast<std::size_t>(position);
+    return position;
+}
+
+ssize_t __wrap_read(int number, void* buffer, std::size_t length) {
+    MemorySystem::OpenFile& file = memory().openFiles.at(number);
+    const std::string& content = memory().files[file.name];
+    const std::size_t start = std::min(file.position, content.size());
+    const std::size_t available = content.copy(static_cast<char*>(buffer), length, start);
+    const ssize_t count = countOf(SystemCall::Read, file.name, available);
+    file.position = start + static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    return count;
+}
+
+ssize_t __wrap_write(int number, const void* bytes, std::size_t length) {
+    const std::string& name = memory().openFiles.at(number).name;
+    const ssize_t count = countOf(SystemCall::Write, name, length);
+    memory().files[name].append(static_cast<const char*>(bytes),
+                                static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    return count;
+}
+
+int __wrap_close(int number) {
+    return memory().openFiles.erase(number) == 0 ? -1 : 0;
+}
+
+int __wrap_rename(const char* from, const char* to) {
+    if (fails(SystemCall::Rename, from)) {
+        return -1;
+    }
+    const std::string content = memory().files[from];
+    memory().files.erase(from);
+    memory().files[to] = content;
+    if (std::strcmp(to, MemorySystem::kStatusFile) == 0) {
+        memory().messages.push_back(content);
+    }
+    return 0;
+}
+
+int __wrap_unlink(const char* name) {
+    return memory().files.erase(name) == 0 ? -1 : 0;
+}
+
+int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    memory().mutexes[mutex] = std::to_string(memory().mutexes.size() + 1);
+    return fails(SystemCall::InitMutex, mutex) ? errno
+                                               : __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    return fails(SystemCall::LockMutex, mutex) ? errno : __real_pthread_mutex_lock(mutex);
+}
+
+// Fails only in what it answers, so that the next one to lock the mutex does not wait for ever.
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const int result = __real_pthread_mutex_unlock(mutex);
+    return fails(SystemCall::UnlockMutex, mutex) ? errno : result;
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

@@ -1,0 +1,51 @@
+// The system calls of the tool, answered in memory: a program that links this has no other files
+// than these, but for those that the C and C++ libraries open themselves.
+#ifndef TESTS_SUPPORT_MEMORY_SYSTEM_H
+#define TESTS_SUPPORT_MEMORY_SYSTEM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+enum class SystemCall {
+    Open,
+    CreateTemporary,
+    Read,
+    Write,
+    Rename,
+    Print,
+    InitMutex,
+    LockMutex,
+    UnlockMutex,
+};
+
+struct MemorySystem {
+    static constexpr char kStatusFile[] = "mem:status";
+    static constexpr int kHalfOfIt = -1;  // a read or a write that takes half of the bytes
+
+    static MemorySystem& instance();
+
+    struct OpenFile {
+        std::string name;
+        std::size_t position = 0;
+    };
+
+    std::map<std::string, std::string> files;  // content by name
+    std::int64_t missing = 0;                  // bytes that each file claims beyond its content
+    std::vector<std::string> messages;         // all that the status file held, in order
+    std::string console;                       // what captureOutput has seen
+    std::map<int, OpenFile> openFiles;
+    std::map<const void*, std::string> mutexes;  // their numbers, as they were initialised: "1"...
+
+    // Called at each system call with the name of its file, the text that is printed, or the number
+    // of the mutex. The error number that it returns is what the call fails with; 0: it goes on.
+    std::function<int(SystemCall call, const std::string& what)> before;
+};
+
+// Standard output of what `action` does.
+std::string captureOutput(const std::function<void()>& action);
+
+#endif

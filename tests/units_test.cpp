@@ -1,0 +1,274 @@
+// What no run shows: what callback threads do meanwhile, records that a bus never gives, a library
+// of identifiers other than the stand-in, and parts with a promise of their own.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "bus/vanid_text.h"
+#include "core/bus_session.h"
+#include "core/error_info.h"
+#include "core/exit_status.h"
+#include "core/run_config.h"
+#include "group/orvin_group.h"
+#include "image/firmware_image.h"
+#include "status/message_writer.h"
+#include "support/described_run.h"
+#include "transfer/transfer_primitives.h"
+#include "transfer/upgrade_image.h"
+
+namespace {
+
+std::size_t firstByteThatCounts = 0;
+
+}  // namespace
+
+// Takes the place of vanid_equal for all that is linked into this program.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __wrap_vanid_equal(const vanid_t* a, const vanid_t* b) {
+    const std::size_t first = firstByteThatCounts;
+    return std::equal(a->bytes + first, std::end(a->bytes), b->bytes + first) ? 1 : 0;
+}
+
+namespace {
+
+// On a bus with device 1, which keeps its old firmware.
+class Group : public testing::Test {
+protected:
+    Group() {
+        MemorySystem::instance() = {};
+        MemorySystem::instance().files = standardImages();
+        sim::VirtualTime::instance().reset();
+        MessageWriter::init("");
+        sim::BusDescription bus;
+        bus.members = {orvin(1)};
+        bus.members[0].faults.keepsOldVersion = sim::KeepsOldVersion::Always;
+        sim::busOpener() = [bus](const std::string&) { return std::make_shared<sim::Bus>(bus); };
+        session.handle = TalmApiInitialize();
+        session.open = TalmApiOpen(session.handle, "sim:", 0) == 0;
+    }
+    ~Group() override {
+        TalmApiClose(session.handle);
+        delete MessageWriter::instance();
+        MemorySystem::instance().before = nullptr;
+        firstByteThatCounts = 0;
+    }
+
+    void add(std::initializer_list<int> numbers) {
+        for (const int number : numbers) {
+            group.addOrvin(orvinText(number));
+        }
+    }
+
+    bool allAcknowledge(std::initializer_list<int> numbers) {
+        group.startPackets();
+        group.takePacket(0);
+        for (const int number : numbers) {
+            group.onTransferResult(0, orvinId(number), 0);
+        }
+        return group.allAcknowledged();
+    }
+
+    void expectRestart() {
+        group.lockList();
+        group.setRestartPending(orvinText(1), true);
+        group.unlockList();
+    }
+
+    void goBackTooOften() {
+        for (int request = 0; request < 1000; ++request) {
+            group.takePacket(0);
+            group.onTransferResult(17, orvinId(1), 0);
+        }
+    }
+
+    void checkVersions(const char* imageFile) {
+        ErrorInfo error;
+        FirmwareImage image(&error);
+        std::list<std::string> upToDate;
+        image.open(imageFile);
+        group.checkVersions(image, upToDate, true, true);
+    }
+
+    BusSession session;
+    OrvinGroup group{&session, false};
+};
+
+TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
+    add({1, 2, 1});
+    EXPECT_FALSE(allAcknowledge({1, 3}));
+    EXPECT_FALSE(allAcknowledge({2}));
+    EXPECT_TRUE(allAcknowledge({2, 1}));
+    add({2});
+    EXPECT_FALSE(group.allAcknowledged());
+    EXPECT_TRUE(allAcknowledge({2, 1}));
+    captureOutput([&] { group.onTransferResult(9, orvinId(1), 0); });
+    EXPECT_TRUE(allAcknowledge({2}));
+    group.restoreFromFullList();
+    EXPECT_FALSE(allAcknowledge({2})) << "the look-up is for the list as it is now";
+}
+
+TEST_F(Group, LeavesItToTheLibraryWhichIdentifiersAreEqual) {
+    firstByteThatCounts = 1;
+    add({1});
+    group.addOrvin("99" + orvinText(1).substr(2));
+    vanid_t source{};
+    for (const char* firstByte : {"00", "99", "55"}) {
+        EXPECT_FALSE(allAcknowledge({}));
+        parseVanid(source, firstByte + orvinText(1).substr(2));
+        group.onTransferResult(0, source, 0);
+        EXPECT_TRUE(group.allAcknowledged()) << firstByte;
+    }
+}
+
+TEST_F(Group, DoesNotWaitForADeviceThatItRemoved) {
+    const std::pair<const char*, std::function<void()>> removals[] = {
+        {"due to timeout", [&] { group.removeUnacknowledged(); }},
+        {"due to faulty callback", [&] { group.onTransferResult(9, orvinId(1), 0); }},
+        {"due to endless go back", [&] { goBackTooOften(); }},
+        {" is already up to date.\n", [&] { checkVersions("mem:old"); }},
+        {" is another type.\n", [&] { checkVersions("mem:unknown"); }},
+        {"because getVersion failed",
+         [&] {
+             TalmApiClose(session.handle);
+             checkVersions("mem:arm");
+         }},
+    };
+    add({1});
+    for (const auto& [line, remove] : removals) {
+        expectRestart();
+        EXPECT_FALSE(group.allRejoined());
+        EXPECT_NE(captureOutput(remove).find(line), std::string::npos) << line;
+        EXPECT_EQ(group.count(), 0);
+        group.restoreFromFullList();
+        EXPECT_TRUE(group.allRejoined()) << line;
+    }
+}
+
+TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
+    add({2, 1, 1});
+    expectRestart();
+    group.markRejoined(orvinId(2));
+    EXPECT_FALSE(group.allRejoined());
+    group.markRejoined(orvinId(1));
+    EXPECT_TRUE(group.allRejoined());
+}
+
+// A report of a fault may still be on its way when the callback was cleared.
+TEST_F(Group, StartsNoAttemptOnceALateFaultTookTheLastDevice) {
+    add({1});
+    const RunConfig config;
+    std::list<std::string> none;
+    for (const char* announcement :
+         {"Upgrading 1 Orvin\n", "Retrying upgrade on following Orvin: \n"}) {
+        MemorySystem::instance().before = [&](SystemCall call, const std::string& text) {
+            if (call == SystemCall::Print && text == announcement) {
+                group.onTransferResult(9, orvinId(1), 0);
+            }
+            return 0;
+        };
+        const std::string console = captureOutput(
+            [&] { EXPECT_EQ(upgradeImage(config, group, "mem:arm", none, none), 0); });
+        const std::string end = console.substr(console.rfind("callback (9 / 0x9)\n") + 19);
+        EXPECT_EQ(end, announcement[0] == 'U' ? "Removing image files from Orvins\n" : "");
+    }
+}
+
+TEST_F(Group, WithoutDevicesWaitsForNone) {
+    captureOutput([&] { EXPECT_TRUE(group.waitForRejoin()); });
+    EXPECT_EQ(sim::VirtualTime::instance().now(), 0);
+}
+
+TEST_F(Group, TakesTheLibrarysAnswerToARequestToAllForSuccess) {
+    EXPECT_TRUE(startUpdate(session, broadcastVanid, kArm));
+    EXPECT_FALSE(startUpdate(session, orvinId(1), kArm));
+}
+
+// A length cut to 32 bits would fit the header.
+TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
+    constexpr std::int64_t kLimit = (std::int64_t{1} << 31) - 36;
+    ErrorInfo error;
+    FirmwareImage image(&error);
+    for (const std::int64_t content : {kLimit - 1, kLimit, 2 * kLimit + 100}) {
+        const auto inHeader = static_cast<std::uint32_t>(content);
+        MemorySystem::instance().files["mem:image"] =
+            makeImage(kArm, kNewVersion, 0)
+                .replace(20, 4, reinterpret_cast<const char*>(&inHeader), 4);
+        MemorySystem::instance().missing = content;
+        EXPECT_EQ(image.open("mem:image"), content < kLimit) << content;
+    }
+}
+
+TEST(FirmwareImage, HoldsOneFileAndNoneAfterAFailure) {
+    MemorySystem& system = MemorySystem::instance() = {};
+    system.files = standardImages();
+    ErrorInfo error;
+    FirmwareImage image(&error);
+    char byte = 0;
+    ASSERT_TRUE(image.open("mem:arm") && image.open("mem:arm"));
+    EXPECT_EQ(system.openFiles.size(), 1U);
+    system.before = [](SystemCall call, const std::string&) {
+        return call == SystemCall::Read ? EIO : 0;
+    };
+    EXPECT_EQ(image.read(&byte, 1), -1);
+    EXPECT_EQ(error.code, exit_status::kImageReadFailed);
+    EXPECT_FALSE(image.open("mem:arm"));
+    system.before = nullptr;
+    EXPECT_EQ(image.read(&byte, 1), -1);
+    EXPECT_TRUE(system.openFiles.empty());
+    ASSERT_TRUE(image.open("mem:arm"));
+    image.close();
+    EXPECT_EQ(image.read(&byte, 1), -1);
+}
+
+TEST(Mutex, OfOneListThatIsNotInitialisedDoesNotHoldTheUpgradeUp) {
+    for (const auto& [failing, line] :
+         {std::pair{"init 2 #1", "Could not initialize Orvin list mutex!\n"},
+          {"init 3 #1", "Could not initialize Orvin full list mutex!\n"}}) {
+        ToolSetup setup = describedRun(R"({"run": "-B mem:arm", "members": [{"id": 1}]})");
+        setup.errors = {{failing, ENOMEM}};
+        const ToolRun run = checkedRun(setup);
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_TRUE(run.printed(line));
+    }
+}
+
+TEST(VanidText, IsReadFieldByField) {
+    vanid_t id{};
+    for (const auto& [field, byte] : {std::pair{"AB", 0xab},
+                                      {"zz", 0},
+                                      {" f", 0x0f},
+                                      {"-1", 0xff},
+                                      {"+7", 7},
+                                      {"1g", 1},
+                                      {"0x", 0}}) {
+        // What follows the field would change the number, were it read on.
+        ASSERT_TRUE(parseVanid(id, field + ("9" + orvinText(1).substr(3))));
+        EXPECT_EQ(id.bytes[0], byte) << field;
+        EXPECT_EQ(formatVanid(id).substr(2), orvinText(1).substr(2));
+    }
+    EXPECT_FALSE(parseVanid(id, orvinText(1).substr(1)));
+    EXPECT_FALSE(parseVanid(id, orvinText(1) + "0"));
+}
+
+std::string summaryOf(std::time_t elapsed) {
+    constexpr std::time_t kEnd = std::numeric_limits<std::int32_t>::max() - 61;
+    OrvinGroup group(nullptr, false);
+    std::list<std::string> updated;
+    return captureOutput([&] { printSummary(group, kEnd - elapsed, kEnd, updated); });
+}
+
+TEST(Summary, TellsMinutesAndSeconds) {
+    EXPECT_EQ(summaryOf(61), "Update took 1 min 01 second\n");
+    EXPECT_EQ(summaryOf(6005), "Update took 100 min 05 seconds\n");
+    EXPECT_EQ(summaryOf(-61), "Update took 4294967295 min 4294967295 seconds\n");
+}
+
+TEST(HexDump, HasEightBytesARow) {
+    const std::uint8_t bytes[] = {0, 1, 2, 3, 4, 5, 6, 7, 0xab};
+    EXPECT_EQ(captureOutput([&] { dumpHex(bytes, sizeof bytes); }),
+              "01: 00 01 02 03 04 05 06 07 \n02: ab \n");
+}
+
+}  // namespace

@@ -1,0 +1,47 @@
+// Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
+// what came of it: the exit status, the console, the status messages and every bus call with its
+// time. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the
+// difference before you commit it.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "support/described_run.h"
+#include "support/files.h"
+
+namespace {
+
+std::string describe(const ToolRun& run) {
+    std::string text = "exit status " + std::to_string(run.exitStatus) +
+                       (run.writerLeft ? ", message writer left" : "");
+    text += "\n\n-- console\n" + run.console + "\n-- status messages\n";
+    for (const std::string& message : run.messages) {
+        text += message + "\n";
+    }
+    for (const auto& file : run.filesNow) {
+        text +=
+            file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
+    }
+    return text + "\n-- bus calls\n" + run.trace();
+}
+
+class WholeRun : public testing::TestWithParam<std::filesystem::directory_entry> {};
+
+TEST_P(WholeRun, IsExactlyAsExpected) {
+    const std::string path = GetParam().path();
+    const std::string all = readText(path);
+    const std::string setup = all.substr(0, all.find("\n\n"));
+    const std::string outcome = setup + "\n\n" + describe(checkedRun(describedRun(setup)));
+    if (std::getenv("ORVIN_UPDATE_EXPECTED") != nullptr) {
+        writeText(path, outcome);
+    }
+    EXPECT_EQ(outcome, readText(path));
+}
+
+INSTANTIATE_TEST_SUITE_P(, WholeRun,
+                         testing::ValuesIn(std::filesystem::directory_iterator(RUNS), {}),
+                         [](const auto& run) { return run.param.path().stem().string(); });
+
+}  // namespace
