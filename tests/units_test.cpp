@@ -220,6 +220,7 @@ TEST(FirmwareImage, HoldsOneFileAndNoneAfterAFailure) {
     ASSERT_TRUE(image.open("mem:arm"));
     image.close();
     EXPECT_EQ(image.read(&byte, 1), -1);
+    EXPECT_EQ(error.message, "File not open");
 }
 
 TEST(Mutex, OfOneListThatIsNotInitialisedDoesNotHoldTheUpgradeUp) {
