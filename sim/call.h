@@ -48,7 +48,7 @@ struct Call {
         : function(called), device(whom), given(std::move(numbers)), text(std::move(words)) {}
 
     Function function;
-    std::optional<vanid_t> device;     // that it goes to, or that reports
+    std::optional<vanid_t> device;     // the one that it goes to, or that reports
     std::vector<std::int64_t> given;   // its numbers, in the order of the arguments
     std::string text;                  // Open: the connection; Set...Callback: "set" or "cleared"
     std::string content;               // Data: the packet's bytes
