@@ -71,9 +71,6 @@ void readCallFault(FieldReader& parent, const char* name, Function function,
     fault.result = static_cast<int>(fields.number("result", fault.result,
                                                   std::numeric_limits<std::int32_t>::min(),
                                                   std::numeric_limits<std::int32_t>::max()));
-    if (fault.result == 0) {
-        throw BusFileError(fields.placeOf("result") + ": 0 is no fault");
-    }
     if (function == Function::GetBusMembers && fault.result > 0) {
         throw BusFileError(fields.placeOf("result") + ": would invent members");
     }

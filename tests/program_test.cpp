@@ -6,8 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 
-#include <nlohmann/json.hpp>
-
 #include "sim/replace_file.h"
 #include "support/files.h"
 
@@ -79,20 +77,10 @@ TEST_F(Program, TakesWhicheverBusLibrariesTheSearchPathHasFirst) {
     EXPECT_EQ(lost.exitStatus, 127);
     EXPECT_TRUE(contains(lost.error, "libtalm-api-v2.so"));
 
-    const std::string others = LOGGING_TALM ":"s + kStandIn;
-    const Result elsewhere = shell("orvin-firmware-upgrade -l -c tcp://elsewhere", others);
+    const Result elsewhere =
+        shell("orvin-firmware-upgrade -l -c 1,0,0", OTHER_TALM ":"s + kStandIn);
     EXPECT_EQ(elsewhere.exitStatus, 0);
-    EXPECT_EQ(elsewhere.error,
-              "TalmApiInitialize 00\ntcp://elsewhere 00\nTalmApiGetLinkState 00\n"
-              "TalmApiGetBusMembers 00\nBusMember_get_type 0b\nOrvinInfo 0b\nTalmApiCleanup 00\n"
-              "TalmApiClose 00\n");
-    EXPECT_TRUE(contains(elsewhere.output, " 1)  0b:ff:"));
-    EXPECT_TRUE(contains(elsewhere.output, "'Elsewhere')")) << elsewhere.output;
-
-    // It answers a check with success, but writes no sums. An image without content gets that far.
-    shell("touch empty; orvin-image create image --target arm --version 0 --content empty");
-    const Result verified = shell("orvin-firmware-upgrade -B -f image", others);
-    EXPECT_TRUE(contains(verified.output, "after verifyData() failed")) << verified.output;
+    EXPECT_TRUE(contains(elsewhere.output, " 1)  0a:00:")) << elsewhere.output;
 }
 
 TEST_F(Program, LauncherRunsTheToolOnABusOfTheUsersOwn) {
@@ -172,12 +160,11 @@ TEST_F(Program, OrvinImageShowsWhatItCreatesWithADescriptorOrWithout) {
     EXPECT_EQ(shell(command + " --add-descriptor").error, "");
     EXPECT_EQ(readText(directory / "image").substr(36),
               "OFWD\x01\x02\0\0\x04\x03\x02\x01"s + content);
-    EXPECT_TRUE(contains(shell("orvin-image show image").output, "0x201 (Pellix DSP)\n"));
-    const auto json = nlohmann::json::parse(shell("orvin-image show --json image").output);
-    EXPECT_EQ(json["accepted"], true);
-    EXPECT_EQ(json["header"]["version"], 0x01020304);
-    EXPECT_EQ(json["header"]["contentSize"], 100012);
-    EXPECT_EQ(json["header"]["contentChecksum"], json["computedChecksum"]);
+    const std::string shown = shell("orvin-image show image; orvin-image show --json image").output;
+    for (const char* part : {"0x201 (Pellix DSP)\n", " (right)\n", "\"accepted\": true",
+                             "\"version\": 16909060\n", "\"contentSize\": 100012,"}) {
+        EXPECT_TRUE(contains(shown, part)) << part << shown;
+    }
 }
 
 TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
@@ -191,7 +178,7 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
         writeText(directory / "image", text);
         const Result shown = shell("orvin-image show --json image");
         EXPECT_EQ(shown.exitStatus, 1);
-        EXPECT_EQ(nlohmann::json::parse(shown.output)["refusal"], reason);
+        EXPECT_TRUE(contains(shown.output, "\"refusal\": \""s + reason + '"'));
     }
     EXPECT_TRUE(contains(shell("orvin-image show image").output,
                          "Error in 'image': File not open\nnote: the file has 35 bytes"));

@@ -1,11 +1,16 @@
 // fault-search: runs the tool with faults at its bus calls, in virtual time, and reports the runs
-// that break a promise. One case is had again with --part NUMBER --of 99999999.
+// that break a promise.
+//
+//     fault-search single|pairs|random [PART PARTS]
+//
+// runs every case, or of that many parts the one of that number, from 0. One case is had again by
+// its number, as a part of 99999999.
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
+#include <map>
 
 #include "search/case.h"
 
@@ -61,20 +66,23 @@ void forEachSeed(const Visit& visit) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Runs the upgrade tool with faults and checks its promises.", "fault-search");
     const std::map<std::string, void (*)(const Visit&)> searches = {
         {"single", forEachSingle}, {"pairs", forEachPair}, {"random", forEachSeed}};
-    std::string cases;
+    const auto chosen = searches.find(argc > 1 ? argv[1] : "");
+    if (chosen == searches.end() || argc == 3 || argc > 4) {
+        std::cerr << "Usage: fault-search single|pairs|random [PART PARTS]\n";
+        return 2;
+    }
     Search search;
-    app.add_option("cases", cases, "Which faults")->required()->check(CLI::IsMember(searches));
-    app.add_option("--part", search.part, "The part of the cases to run, from 0");
-    app.add_option("--of", search.parts, "How many parts")->check(CLI::PositiveNumber);
-    CLI11_PARSE(app, argc, argv);
+    if (argc == 4) {
+        search.part = std::stoull(argv[2]);
+        search.parts = std::stoull(argv[3]);
+    }
 
     for (const int signal : {SIGALRM, SIGSEGV, SIGABRT}) {
         std::signal(signal, nameCurrent);
     }
-    searches.at(cases)([&](const std::function<Case()>& make) { search.visit(make); });
+    chosen->second([&](const std::function<Case()>& make) { search.visit(make); });
     std::cout << search.ran << " cases, " << search.wrong << " wrong\n";
     return search.wrong == 0 && search.ran > 0 ? 0 : 1;
 }
