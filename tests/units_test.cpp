@@ -107,6 +107,8 @@ TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
     EXPECT_TRUE(allAcknowledge({2}));
     group.restoreFromFullList();
     EXPECT_FALSE(allAcknowledge({2})) << "the look-up is for the list as it is now";
+    group.addOrvin("99" + orvinText(1).substr(2));
+    EXPECT_FALSE(allAcknowledge({2, 1})) << "every byte of an identifier counts";
 }
 
 TEST_F(Group, LeavesItToTheLibraryWhichIdentifiersAreEqual) {
