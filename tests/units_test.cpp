@@ -76,8 +76,8 @@ protected:
         group.unlockList();
     }
 
-    void goBackTooOften() {
-        for (int request = 0; request < 1000; ++request) {
+    void goBack(int requests) {
+        for (int request = 0; request < requests; ++request) {
             group.takePacket(0);
             group.onTransferResult(17, orvinId(1), 0);
         }
@@ -128,7 +128,7 @@ TEST_F(Group, DoesNotWaitForADeviceThatItRemoved) {
     const std::pair<const char*, std::function<void()>> removals[] = {
         {"due to timeout", [&] { group.removeUnacknowledged(); }},
         {"due to faulty callback", [&] { group.onTransferResult(9, orvinId(1), 0); }},
-        {"due to endless go back", [&] { goBackTooOften(); }},
+        {"due to endless go back", [&] { goBack(1000); }},
         {" is already up to date.\n", [&] { checkVersions("mem:old"); }},
         {" is another type.\n", [&] { checkVersions("mem:unknown"); }},
         {"because getVersion failed",
@@ -145,6 +145,18 @@ TEST_F(Group, DoesNotWaitForADeviceThatItRemoved) {
         EXPECT_EQ(group.count(), 0);
         group.restoreFromFullList();
         EXPECT_TRUE(group.allRejoined()) << line;
+    }
+}
+
+TEST_F(Group, ForgivesRequestsToGoBackWithEachPacketOfEachTransfer) {
+    add({1});
+    for (int transfer = 0; transfer < 2; ++transfer) {
+        group.startPackets();
+        goBack(999);
+        group.takePacket(0);
+        group.noteAcknowledged();
+        goBack(1);
+        EXPECT_EQ(group.count(), 1) << transfer;
     }
 }
 

@@ -149,7 +149,6 @@ int PacketLoop::sendUntilAcknowledged() {
         }
         if (poll == kRemovalPolls) {
             group.removeUnacknowledged();
-            break;
         }
     }
     return sent;
