@@ -59,13 +59,13 @@ class Benchmark:
 
     # ---- instructions ----
 
-    def instructions(self, command, *switched_by, from_start=True):
+    def instructions(self, command, *switched_by, from_start=True, **environment):
         """Those of the whole run, or those before, between or after the calls of functions of the measured bus."""
         profile = os.path.join(self.work, "profile")
         self.run(["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={profile}",
                   *(f"--toggle-collect={function}" for function in switched_by),
                   f"--collect-atstart={'yes' if from_start else 'no'}", *command],
-                 **({"LD_BIND_NOW": "1"} if switched_by else {}))
+                 **({"LD_BIND_NOW": "1"} if switched_by else {}), **environment)
         report = output(["callgrind_annotate", "--show-percs=no", "--threshold=100", profile])
 
         def cost(line):
@@ -85,6 +85,9 @@ class Benchmark:
             figures[f"{sender}, packet"] = (all_packets - fewer) / (MANY - FEW)
             figures[f"{sender}, acknowledgement"] = callbacks / MANY / devices
             figures[f"{sender}, further poll"] = (ten_polls_more - all_packets) / MANY / 10
+        recorded = self.instructions(many["tool"], "deliver", from_start=False,
+                                     LD_PRELOAD=f"{self.build}/lib/liborvin-record.so", ORVIN_RECORDING="/dev/null")
+        figures["recorder, acknowledgement"] = recorded / MANY / devices - figures["tool, acknowledgement"]
         return {f"devices: {devices}; {name}": round(figure) for name, figure in figures.items()}
 
     def arm_instructions(self, *arguments):

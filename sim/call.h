@@ -3,63 +3,17 @@
 #ifndef SIM_CALL_H
 #define SIM_CALL_H
 
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <utility>
 #include <vector>
 
-#include "talm/vanid.h"
+#include "recording/call.h"
 
 namespace sim {
 
-enum class Function {
-    Initialize,
-    Open,
-    GetLinkState,
-    Cleanup,
-    Close,
-    GetBusMembers,
-    GetType,
-    IsTalm,
-    OrvinInfo,
-    WriteRequest,
-    Data,
-    CheckImage,
-    StartUpdate,
-    SetTransferCallback,
-    SetBusChangeCallback,
-    TransferCallback,  // from here on, from the bus to the tool
-    BusChangeCallback,
-};
-
-// The name in the bus libraries' interface.
-const char* nameOf(Function function);
-
-inline bool isCallback(Function function) {
-    return function >= Function::TransferCallback;
-}
-
-// One call across the interface, to the bus or back. A callback's numbers are result and packet, or
-// the event.
-struct Call {
-    explicit Call(Function called, const std::optional<vanid_t>& whom = std::nullopt,
-                  std::vector<std::int64_t> numbers = {}, std::string words = {})
-        : function(called), device(whom), given(std::move(numbers)), text(std::move(words)) {}
-
-    Function function;
-    std::optional<vanid_t> device;     // the one that it goes to, or that reports
-    std::vector<std::int64_t> given;   // its numbers, in the order of the arguments
-    std::string text;                  // Open: the connection; Set...Callback: "set" or "cleared"
-    std::string content;               // Data: the packet's bytes
-    int result = 0;                    // from here on, known once the call was carried out
-    std::vector<std::int64_t> answer;  // what it wrote beside its result
-    std::vector<vanid_t> members;      // GetBusMembers
-    std::string name;                  // OrvinInfo
-};
-
-// The call as one line of text: name, arguments, result and what it wrote.
-std::string describe(const Call& call);
+using recording::Call;
+using recording::Function;
+using recording::isCallback;
+using recording::nameOf;
 
 // What an observer makes of a call instead of letting it take its course.
 struct Intervention {

@@ -36,16 +36,12 @@ std::optional<vanid_t> parseIdentifier(const std::string& text) {
 }
 
 std::string identifierText(const vanid_t& id) {
-    return hexText(id.bytes, sizeof id.bytes, ":");
-}
-
-std::string hexText(const std::uint8_t* bytes, std::size_t length, const char* separator) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
-    for (std::size_t i = 0; i < length; ++i) {
-        text += i == 0 ? "" : separator;
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 0xf];
+    for (const std::uint8_t byte : id.bytes) {
+        text += text.empty() ? "" : ":";
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0xf];
     }
     return text;
 }

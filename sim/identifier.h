@@ -15,9 +15,6 @@ bool isBroadcast(const vanid_t& id);
 std::optional<vanid_t> parseIdentifier(const std::string& text);
 std::string identifierText(const vanid_t& id);
 
-// Bytes as lower-case hexadecimal digits, `separator` between them.
-std::string hexText(const std::uint8_t* bytes, std::size_t length, const char* separator);
-
 }  // namespace sim
 
 #endif

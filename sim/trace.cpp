@@ -1,53 +1,43 @@
 #include "sim/trace.h"
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
-
-#include "sim/one_line.h"
+#include <vector>
 
 namespace sim {
+
+namespace {
+
+// When the calls began that this thread is in: a callback may call the bus.
+thread_local std::vector<Microseconds> begun;
+
+}  // namespace
 
 Trace::Trace(const std::string& path, const EventQueue& clock)
     : queue(clock), openedAt(clock.now()) {
     if (path.empty()) {
         return;
     }
-    file.reset(std::fopen(path.c_str(), "ae"));
-    if (!file) {
-        throw std::runtime_error("/trace: cannot be opened: " + std::string(std::strerror(errno)));
+    try {
+        file = std::make_unique<recording::Recording>(path);
+    } catch (const std::exception& error) {
+        throw std::runtime_error(std::string("/trace: ") + error.what());
     }
-    std::setvbuf(file.get(), nullptr, _IOLBF, BUFSIZ);
 }
 
 std::optional<Intervention> Trace::before(const Call& call) {
-    if (isCallback(call.function)) {
-        write(call);
+    begun.push_back(queue.now());
+    if (file && isCallback(call.function)) {
+        file->note({begun.back() - openedAt, 0, recording::threadNumber()}, call);
     }
     return std::nullopt;
 }
 
 void Trace::after(const Call& call) {
-    if (!isCallback(call.function)) {
-        write(call);
+    const Microseconds began = begun.back();
+    begun.pop_back();
+    if (file && !isCallback(call.function)) {
+        file->note({began - openedAt, queue.now() - began, recording::threadNumber()}, call);
     }
-}
-
-void Trace::write(const Call& call) {
-    if (file == nullptr) {
-        return;
-    }
-    const std::string line = traceLine(queue.now() - openedAt, call) + '\n';
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::fputs(line.c_str(), file.get());
-}
-
-std::string traceLine(Microseconds time, const Call& call) {
-    constexpr Microseconds kSecond = 1'000'000;
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%6lld.%06lld ", static_cast<long long>(time / kSecond),
-                  static_cast<long long>(time % kSecond));
-    return seconds + onOneLine(describe(call));
 }
 
 }  // namespace sim

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Kills the installed tool at random moments of an upgrade: the status file then holds a whole message or
-# is not there, the bus file is whole, and the next run completes the upgrade.
+# Kills the installed tool at random moments of a recorded upgrade: the status file then holds a whole message
+# or is not there, the bus file and each line of the recording are whole, and the next run completes the
+# upgrade.
 # Usage: kill_test.sh BUILD-DIR [TIMES [AT-ONCE]]
 set -u
 build=$(cd "$1" && pwd) || exit 1
@@ -15,16 +16,16 @@ orvin-image create arm.img --target arm --version 2 --size 640
 orvin-image create dsp.img --target dsp --version 2 --size 640
 id='0a:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:0'
 rest='"type": 64, "versions": {"arm": 1, "dsp": 1}, "timing": {"install_ms": 10, "restart_ms": 10}'
-echo "{\"trace\": \"trace\", \"members\": [{\"id\": \"${id}1\", $rest}, {\"id\": \"${id}2\", $rest}]}" >new.json
+echo "{\"members\": [{\"id\": \"${id}1\", $rest}, {\"id\": \"${id}2\", $rest}]}" >new.json
 
 known='^(Waiting for Lumnet bus to become active\.\.\.|Orvin firmware upgrade in progress\. Uploading Pellix (ARM|DSP) firmware, [0-9]+% completed\.\.\.|Verifying uploaded firmware image\.\.\.|Please wait\.\.\.|Installing Orvin firmware: [0-9] / 2 completed)$'
 
 kill_after() { # CALLS, of the bus and back
     cp ../new.json bus.json
     rm -f status
-    : >trace
-    orvin-firmware-upgrade -B -c sim:bus.json -m status ../arm.img ../dsp.img >console 2>&1 &
-    while kill -0 $! && [ "$(wc -l <trace)" -lt "$1" ]; do sleep 0.01; done
+    : >recording
+    orvin-record recording orvin-firmware-upgrade -B -c sim:bus.json -m status ../arm.img ../dsp.img >console 2>&1 &
+    while kill -0 $! && [ "$(wc -l <recording)" -lt "$1" ]; do sleep 0.01; done
     kill -KILL $!
     wait $!
     [ $? -eq 137 ]
@@ -35,6 +36,7 @@ one() { # NUMBER
     local calls=$((RANDOM % 110)) listing # an upgrade has 111
     until kill_after "$calls"; do calls=$((calls / 2)); done # again, where the upgrade had ended before
     [ ! -e status ] || [[ $(cat status) =~ $known ]] || echo "$1: after $calls calls, status file: $(cat status)"
+    grep -vq '^{.*}$' recording && echo "$1: after $calls calls, recording broken"
     listing=$(orvin-firmware-upgrade -l -c sim:bus.json) || echo "$1: after $calls calls, bus file broken"
     [ "$(grep -c Pellix <<<"$listing")" -eq 2 ] || echo "$1: after $calls calls, devices lost"
     orvin-firmware-upgrade -B -c sim:bus.json ../arm.img ../dsp.img >again 2>&1

@@ -142,6 +142,27 @@ TEST_F(Program, LivesWithItsSurroundings) {
     EXPECT_TRUE(contains(refused.error, "cannot start a thread")) << refused.error;
 }
 
+TEST_F(Program, RecorderLeavesTheCommandAsItIs) {
+    const std::string listing = "orvin-firmware-upgrade -l -c sim:bus.json";
+    const Result alone = shell(listing);
+    for (const auto& [file, told] : {std::pair{"recording", ""},
+                                     {"/nowhere/x", "does not begin: cannot be opened: No such"},
+                                     {"/dev/full", "ends: No space left on device\n"}}) {
+        const Result recorded = shell("orvin-record "s + file + ' ' + listing);
+        EXPECT_EQ(recorded.exitStatus, 0) << file;
+        EXPECT_EQ(recorded.output, alone.output) << file;
+        EXPECT_TRUE(contains(recorded.error, told)) << recorded.error;
+    }
+    const std::string recording = readText(directory / "recording");
+    for (const char* const part : {"{\"orvin-recording\":1,", "\"call\":\"BusMember_get_type\",",
+                                   ",\"device\":\"0a:00:", "\"call\":\"TalmApiClose\","}) {
+        EXPECT_TRUE(contains(recording, part)) << part;
+    }
+    // Without a call of the bus there is nothing to be recorded.
+    EXPECT_EQ(shell("orvin-record x sh -c 'kill -TERM $$'").exitStatus, 128 + SIGTERM);
+    EXPECT_EQ(readText(directory / "x"), "");
+}
+
 // Takes twelve minutes, so ctest leaves it out.
 TEST_F(Program, SendsFortyMegabytes) {
     shell("orvin-image create large.img --target arm --version 7 --size 41943040");

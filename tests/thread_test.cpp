@@ -40,10 +40,11 @@ public:
     std::set<std::thread::id> threads;
 };
 
-std::shared_ptr<sim::Bus> makeBus() {
+std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     using Kind = sim::PacketFault::Kind;
     constexpr Kind kinds[] = {Kind::GoBack, Kind::Answer, Kind::Twice};
     sim::BusDescription bus;
+    bus.trace = trace;
     for (std::uint32_t device = 1; device <= kDevices; ++device) {
         sim::MemberDescription member;
         member.id.bytes[0] = static_cast<std::uint8_t>(device);
@@ -66,7 +67,7 @@ TEST(Threads, ReportAllAtOnceOfATransferTo63Devices) {
     ASSERT_TRUE(image.open(directory / "image"));
     Reporters reporters;
     sim::observers().push_back(&reporters);
-    auto bus = makeBus();
+    auto bus = makeBus(directory / "trace");
     sim::busOpener() = [&](const std::string&) { return bus; };
     BusSession session{true, TalmApiInitialize(), nullptr};
     ASSERT_EQ(TalmApiOpen(session.handle, "sim:", 0), 0);

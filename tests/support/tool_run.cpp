@@ -7,8 +7,8 @@
 #include "app/run.h"
 #include "core/run_config.h"
 #include "orvin-image/image_file.h"
+#include "recording/lines.h"
 #include "sim/identifier.h"
-#include "sim/trace.h"
 #include "status/message_writer.h"
 
 namespace {
@@ -33,7 +33,7 @@ public:
     std::optional<sim::Intervention> before(const sim::Call& call) override {
         underWay.push_back(records.size());
         records.push_back(
-            {sim::VirtualTime::instance().now(), MemorySystem::instance().console.size(), call});
+            {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
         const auto found = results.find(sim::nameOf(call.function));
         if (found == results.end()) {
             return std::nullopt;
@@ -41,7 +41,9 @@ public:
         return sim::Intervention{found->second, call.function != sim::Function::Initialize};
     }
     void after(const sim::Call& call) override {
-        records[underWay.back()].call = call;
+        Record& record = records[underWay.back()];
+        record.call = call;
+        record.took = sim::VirtualTime::instance().now() - record.time;
         underWay.pop_back();
     }
 
@@ -103,11 +105,11 @@ int ToolRun::calls(sim::Function function) const {
 }
 
 std::string ToolRun::trace() const {
-    std::string text;
+    recording::Lines lines;
     for (const Record& record : records) {
-        text += sim::traceLine(record.time, record.call) + '\n';
+        lines.add({record.time, record.took}, record.call);
     }
-    return text;
+    return lines.take();
 }
 
 ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers,

@@ -32,6 +32,7 @@ struct ToolSetup {
 // A bus call or a callback of a run.
 struct Record {
     sim::Microseconds time = 0;
+    sim::Microseconds took = 0;
     std::size_t consoleLength = 0;  // what the console held before
     sim::Call call;
 };
@@ -51,7 +52,7 @@ struct ToolRun {
 
     bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
     int calls(sim::Function function) const;
-    std::string trace() const;  // a line for each record
+    std::string trace() const;  // the records as a recording has them
 };
 
 // The same setup gives the same run. `observers` look on or step in at each call, `system`, which

@@ -1,0 +1,3 @@
+# fish completion for orvin-record(1)
+
+complete -c orvin-record -n 'test (count (commandline -opc)) -ge 2' -x -a '(__fish_complete_subcommand --fcs-skip=2)'

@@ -1,0 +1,304 @@
+// Stands in front of the bus libraries, when the loader is told to load it first: notes every call
+// and every callback, and passes it on. Nothing that goes wrong here reaches the program.
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <mutex>
+
+#include "recording/recording.h"
+#include "talm/talm_api.h"
+
+namespace {
+
+using recording::Call;
+using recording::Function;
+using recording::Microseconds;
+using recording::Moment;
+using recording::Recording;
+
+constexpr std::size_t kPacketBytes = 64;
+constexpr std::size_t kNameBytes = 32;
+
+Microseconds clockNow() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return Microseconds{time.tv_sec} * 1'000'000 + time.tv_nsec / 1'000;
+}
+
+std::once_flag begun;
+// Set before the first call is passed on, and not changed after that.
+Recording* current = nullptr;  // null: there is none
+Microseconds began = 0;
+
+Microseconds now() {
+    return clockNow() - began;
+}
+
+// Begins with the first call of the bus: a program without any is not recorded.
+void begin() {
+    began = clockNow();
+    const char* const path = std::getenv("ORVIN_RECORDING");
+    if (path == nullptr) {
+        return;
+    }
+    try {
+        current = new Recording(path);  // a callback may come as long as the process runs
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "recording '%s' does not begin: %s\n", path, error.what());
+    }
+}
+
+// Has `note` add to the recording, if there is one.
+template <typename Note>
+void noted(Note note) {
+    if (current == nullptr) {
+        return;
+    }
+    try {
+        note(*current);
+    } catch (const std::exception& error) {
+        current->end(error.what());
+    }
+}
+
+// The bus library's own function.
+template <typename Signature>
+Signature* find(const char* name) {
+    if (void* const found = dlsym(RTLD_NEXT, name)) {
+        return reinterpret_cast<Signature*>(found);
+    }
+    // What the loader does where a library lacks a function.
+    std::fprintf(stderr, "%s\n", dlerror());
+    _exit(127);
+}
+
+#define NEXT(function) static auto* const next = find<decltype(function)>(#function)
+
+// Carries the call out and notes it; `fillIn` adds what it wrote.
+template <typename CarryOut, typename FillIn>
+int pass(const std::optional<vanid_t>& device, Function function, CarryOut carryOut,
+         FillIn fillIn) {
+    std::call_once(begun, begin);
+    const Microseconds at = now();
+    const int result = carryOut();
+    const Microseconds took = now() - at;
+    noted([&](Recording& recording) {
+        Call call(function, device);
+        call.result = result;
+        fillIn(call);
+        recording.note({at, took, recording::threadNumber()}, call);
+    });
+    return result;
+}
+
+// ---- callbacks ----
+
+void onTransfer(int32_t result, void* slot, vanid_t source, vanid_t other, uint32_t packet,
+                uint32_t lastWord) {
+    noted([&](Recording& recording) {
+        const Moment moment{now(), 0, recording::threadNumber()};
+        if (result == 0) {
+            recording.noteAcknowledgement(moment, source, packet);
+        } else {
+            recording.note(moment, Call(Function::TransferCallback, source, {result, packet}));
+        }
+    });
+    const auto* const own = static_cast<const CallbackSlot*>(slot);
+    reinterpret_cast<TransferCallback>(own->function)(result, own->userArgument, source, other,
+                                                      packet, lastWord);
+}
+
+void onBusChange(void* slot, const vanid_t* member, uint32_t event) {
+    noted([&](Recording& recording) {
+        const Moment moment{now(), 0, recording::threadNumber()};
+        recording.note(moment, Call(Function::BusChangeCallback, *member, {event}));
+    });
+    const auto* const own = static_cast<const CallbackSlot*>(slot);
+    reinterpret_cast<BusChangeCallback>(own->function)(own->userArgument, member, event);
+}
+
+// The slot to set in place of the program's: the callback above, in front of the program's own.
+CallbackSlot inFront(void (*callback)(), const CallbackSlot& slot) {
+    // Never freed: a callback may still be on its way.
+    auto* const own = slot.function == nullptr ? nullptr : new (std::nothrow) CallbackSlot(slot);
+    return own == nullptr ? slot : CallbackSlot{callback, own};
+}
+
+void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> numbers) {
+    call.given = std::move(numbers);
+    call.text = slot.function == nullptr ? "cleared" : "set";
+}
+
+__attribute__((destructor)) void finish() {
+    if (current != nullptr) {
+        current->finish();
+    }
+}
+
+}  // namespace
+
+// ---- session ----
+
+TalmApiHandle TalmApiInitialize() {
+    NEXT(TalmApiInitialize);
+    TalmApiHandle handle = nullptr;
+    pass(
+        {}, Function::Initialize, [&] { return (handle = next()) == nullptr ? -1 : 0; },
+        [](Call&) {});
+    return handle;
+}
+
+int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
+    NEXT(TalmApiOpen);
+    return pass(
+        {}, Function::Open, [&] { return next(handle, connection, reserved); },
+        [&](Call& call) {
+            call.given = {reserved};
+            call.text = connection == nullptr ? "" : connection;
+        });
+}
+
+int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
+    NEXT(TalmApiGetLinkState);
+    return pass(
+        {}, Function::GetLinkState, [&] { return next(handle, active); },
+        [&](Call& call) {
+            if (*active) {
+                call.answer = {1};
+            }
+        });
+}
+
+int TalmApiCleanup(TalmApiHandle handle) {
+    NEXT(TalmApiCleanup);
+    return pass(
+        {}, Function::Cleanup, [&] { return next(handle); }, [](Call&) {});
+}
+
+int TalmApiClose(TalmApiHandle handle) {
+    NEXT(TalmApiClose);
+    return pass(
+        {}, Function::Close, [&] { return next(handle); }, [](Call&) {});
+}
+
+// ---- bus members ----
+
+int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
+    NEXT(TalmApiGetBusMembers);
+    return pass(
+        {}, Function::GetBusMembers, [&] { return next(handle, members, capacity); },
+        [&](Call& call) {
+            call.given = {capacity};
+            const int count = std::clamp(call.result, 0, capacity);
+            call.members.assign(members, members + count);
+        });
+}
+
+int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
+    NEXT(BusMember_get_type);
+    return pass(
+        member, Function::GetType, [&] { return next(handle, member, type); },
+        [&](Call& call) {
+            if (call.result == 0) {
+                call.answer = {*type};
+            }
+        });
+}
+
+int TalmApiIsTalm(vanid_t member) {
+    NEXT(TalmApiIsTalm);
+    return pass(
+        member, Function::IsTalm, [&] { return next(member); }, [](Call&) {});
+}
+
+int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm, uint32_t* dsp,
+              uint32_t* boosterArm, uint16_t* api, void* reserved, char* name) {
+    NEXT(OrvinInfo);
+    return pass(
+        device, Function::OrvinInfo,
+        [&] { return next(handle, device, hw, arm, dsp, boosterArm, api, reserved, name); },
+        [&](Call& call) {
+            if (call.result == 0) {
+                call.answer = {*hw, *arm, *dsp, *boosterArm, *api};
+                call.name.assign(name, std::find(name, name + kNameBytes, '\0'));
+            }
+        });
+}
+
+// ---- image transfer and maintenance ----
+
+int ImageTransfer_write_request(TalmApiHandle handle, vanid_t device, uint32_t manufacturer,
+                                uint32_t target, uint32_t contentType, uint32_t contentSize,
+                                uint16_t contentChecksum) {
+    NEXT(ImageTransfer_write_request);
+    return pass(
+        device, Function::WriteRequest,
+        [&] {
+            return next(handle, device, manufacturer, target, contentType, contentSize,
+                        contentChecksum);
+        },
+        [&](Call& call) {
+            call.given = {manufacturer, target, contentType, contentSize, contentChecksum};
+        });
+}
+
+int ImageTransfer_data(TalmApiHandle handle, vanid_t device, uint32_t packetNumber,
+                       const uint8_t* data, uint32_t* firstOutput, uint32_t* secondOutput) {
+    NEXT(ImageTransfer_data);
+    return pass(
+        device, Function::Data,
+        [&] { return next(handle, device, packetNumber, data, firstOutput, secondOutput); },
+        [&](Call& call) {
+            call.given = {packetNumber};
+            call.content.assign(data, data + kPacketBytes);
+        });
+}
+
+int OrvinImageMaintenance_check_image(TalmApiHandle handle, vanid_t device, uint32_t target,
+                                      uint16_t* firstOutput, uint16_t* secondOutput) {
+    NEXT(OrvinImageMaintenance_check_image);
+    return pass(
+        device, Function::CheckImage,
+        [&] { return next(handle, device, target, firstOutput, secondOutput); },
+        [&](Call& call) {
+            call.given = {target};
+            if (call.result == 0) {
+                call.answer = {*firstOutput, *secondOutput};
+            }
+        });
+}
+
+int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uint32_t target) {
+    NEXT(OrvinImageMaintenance_start_update);
+    return pass(
+        device, Function::StartUpdate, [&] { return next(handle, device, target); },
+        [&](Call& call) { call.given = {target}; });
+}
+
+// ---- setting callbacks ----
+
+int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
+                       const CallbackSlot* slot, int last) {
+    NEXT(TalmApiSetCallback);
+    const CallbackSlot ours = inFront(reinterpret_cast<void (*)()>(onTransfer), *slot);
+    return pass(
+        {}, Function::SetTransferCallback,
+        [&] { return next(handle, first, second, third, &ours, last); },
+        [&](Call& call) {
+            fillInSlot(call, *slot, {first, second, third, last});
+        });
+}
+
+int TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, int last) {
+    NEXT(TalmApiSetBusChangeCallback);
+    const CallbackSlot ours = inFront(reinterpret_cast<void (*)()>(onBusChange), *slot);
+    return pass(
+        {}, Function::SetBusChangeCallback, [&] { return next(handle, &ours, last); },
+        [&](Call& call) { fillInSlot(call, *slot, {last}); });
+}

@@ -1,0 +1,151 @@
+#include "recording/recording.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+
+namespace recording {
+
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenWrites{200};
+constexpr std::chrono::seconds kLongestWrite{5};
+constexpr std::size_t kMostInMemory = 1'000'000;  // some 50 MB, when the disk does not answer
+
+// While there is one, the threads that start take no signals: those belong to the recorded program,
+// and a write that one would interrupt fails instead.
+class NoSignals {
+public:
+    NoSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
+private:
+    sigset_t before{};
+};
+
+}  // namespace
+
+std::uint32_t threadNumber() {
+    static std::atomic<std::uint32_t> last{0};
+    static thread_local std::uint32_t number = 0;
+    return number != 0 ? number : (number = ++last);
+}
+
+Recording::Recording(const std::string& file) : path(file) {
+    // Waits for no reader, if it is a pipe.
+    constexpr mode_t kMode = 0666;
+    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
+    if (descriptor < 0) {
+        throw std::runtime_error(std::string("cannot be opened: ") + std::strerror(errno));
+    }
+    lines.addHeader();
+    const NoSignals noSignals;
+    writer = std::thread(&Recording::writeNowAndThen, this);
+}
+
+Recording::~Recording() {
+    finish();
+    writer.join();
+    close(descriptor);
+}
+
+void Recording::note(const Moment& moment, const Call& call) {
+    auto copy = std::make_unique<const Call>(call);
+    if (add({moment, copy.get(), {}, 0})) {
+        copy.release();
+    }
+}
+
+void Recording::noteAcknowledgement(const Moment& moment, const vanid_t& device,
+                                    std::uint32_t packet) {
+    add({moment, nullptr, device, packet});
+}
+
+// Whether it was taken.
+bool Recording::add(const Noted& entry) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (ended) {
+            return false;
+        }
+        if (noted.size() < kMostInMemory) {
+            noted.push_back(entry);
+            return true;
+        }
+    }
+    end("it is not written fast enough");
+    return false;
+}
+
+void Recording::end(const std::string& reason) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!ended) {
+        std::fprintf(stderr, "recording '%s' ends: %s\n", path.c_str(), reason.c_str());
+    }
+    ended = true;
+}
+
+void Recording::finish() {
+    std::unique_lock<std::mutex> lock(mutex);
+    stopped = true;
+    changed.notify_all();
+    changed.wait_for(lock, kLongestWrite, [this] { return written; });
+    ended = true;
+}
+
+void Recording::writeNowAndThen() {
+    for (bool last = false; !last;) {
+        try {
+            last = takeBatch();
+            for (const Noted& entry : batch) {
+                if (entry.call != nullptr) {
+                    lines.add(entry.moment, *entry.call);
+                    delete entry.call;
+                } else {
+                    lines.addAcknowledgement(entry.moment, entry.device, entry.packet);
+                }
+            }
+            batch.clear();
+            write(lines.take());
+        } catch (const std::exception& error) {
+            end(error.what());
+        }
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    written = true;
+    changed.notify_all();
+}
+
+// Whether it is the last one.
+bool Recording::takeBatch() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, kBetweenWrites, [this] { return stopped; });
+    batch.swap(noted);
+    return stopped;
+}
+
+void Recording::write(const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = ::write(descriptor, &text[done], text.size() - done);
+        if (count < 0) {
+            return end(std::strerror(errno));
+        }
+        done += static_cast<std::size_t>(count);
+    }
+}
+
+}  // namespace recording

@@ -1,0 +1,69 @@
+#ifndef RECORDING_RECORDING_H
+#define RECORDING_RECORDING_H
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "recording/lines.h"
+
+namespace recording {
+
+// A file with what happens on a bus. A thread of its own writes it several times a second, so that
+// no caller waits for a disk. What goes wrong ends the recording, with one line on standard error.
+// Any thread may call.
+class Recording {
+public:
+    // Appends to the file. Throws std::exception with a reason in one line.
+    explicit Recording(const std::string& file);
+    ~Recording();
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+    // Throws std::bad_alloc.
+    void note(const Moment& moment, const Call& call);
+
+    // A transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
+    void noteAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
+
+    void end(const std::string& reason);
+
+    // Ends it when all is written; waits for that, but not for a disk that does not answer.
+    void finish();
+
+private:
+    struct Noted {
+        Moment moment;
+        const Call* call;  // owned; null: an acknowledgement, of the device for the packet
+        vanid_t device;
+        std::uint32_t packet;
+    };
+
+    bool add(const Noted& entry);
+    void writeNowAndThen();
+    bool takeBatch();
+    void write(const std::string& text);
+
+    const std::string path;
+    int descriptor = -1;
+    Lines lines;  // the writer's alone, like the batch
+    std::vector<Noted> batch;
+
+    std::mutex mutex;  // guards what follows
+    std::vector<Noted> noted;
+    bool ended = false;    // nothing is noted any more
+    bool stopped = false;  // the writer is to write what there is, and then to end
+    bool written = false;  // it has
+    std::condition_variable changed;
+
+    std::thread writer;
+};
+
+// The number of the calling thread, counted from 1 as they first call.
+std::uint32_t threadNumber();
+
+}  // namespace recording
+
+#endif
