@@ -34,11 +34,17 @@ Bus::Bus(BusDescription busDescription, StoreVersions store)
       storeVersions(std::move(store)),
       queue(makeEventQueue()),
       openedAt(queue->now()),
-      callFaults(description.callFaults),
+      callFaults(description.callFaults, *queue),
       trace(description.trace, *queue),
       devices(description.members.begin(), description.members.end()),
       random(description.seed),
-      linkDownUntil(description.linkActiveAfter) {}
+      linkDownUntil(description.linkActiveAfter) {
+    for (Device& device : devices) {
+        if (const auto* const changes = device.takeChanges()) {
+            reportLater(device, *changes);
+        }
+    }
+}
 
 Bus::~Bus() {
     stop();
@@ -102,18 +108,17 @@ int Bus::request(const vanid_t& id, const std::function<int(Device&)>& carryOut)
     return result::kBroadcast;
 }
 
-int Bus::getMembers(vanid_t* members, int capacity) {
+int Bus::getMembers(std::vector<vanid_t>& members, int capacity) {
     const Lock lock(mutex);
     if (!isLinkUp()) {
         return result::kNoAnswer;
     }
-    int count = 0;
     for (const Device& device : devices) {
-        if (device.isOnBus() && count < capacity) {
-            members[count++] = device.description.id;
+        if (device.isOnBus() && static_cast<int>(members.size()) < capacity) {
+            members.push_back(device.description.id);
         }
     }
-    return count;
+    return static_cast<int>(members.size());
 }
 
 int Bus::readType(const vanid_t& id, std::uint8_t& type) {
@@ -149,24 +154,35 @@ int Bus::writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t con
         id, [&](Device& device) { return device.writeRequest(target, contentSize, checksum); });
 }
 
-// A packet to all devices reaches them at the same moment.
+// A packet to all devices reaches them at the same moment. A history goes on with each packet,
+// whatever becomes of it.
 int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes) {
     const Lock lock(mutex);
-    return request(id, [&](Device& device) {
-        passPacketTo(device, packet, bytes);
+    const int answer = request(id, [&](Device& device) {
+        if (!device.hasAnswersLeft()) {
+            reportLater(device, device.receive(packet, bytes, answerDelay(device)));
+        }
         return 0;
     });
+    for (Device& device : devices) {
+        if (device.hasAnswersLeft()) {
+            reportLater(device, device.repeatAnswers(packet, bytes));
+        }
+    }
+    return answer;
 }
 
-void Bus::passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes) {
-    const std::optional<PacketAnswer> answer = device.receive(packet, bytes);
-    if (!answer) {
-        return;
+void Bus::reportLater(const Device& device, const PacketAnswers& answers) {
+    for (const PacketAnswer& answer : answers) {
+        after(answer.delay,
+              [this, id = device.description.id, answer] { reportTransferResult(id, answer); });
     }
-    const Microseconds delay = answerDelay(device) + answer->later;
-    for (int i = 1; i <= answer->times; ++i) {
-        after(i * delay, [this, id = device.description.id, answer = *answer] {
-            reportTransferResult(id, answer);
+}
+
+void Bus::reportLater(const Device& device, const std::vector<BusChange>& changes) {
+    for (const BusChange& change : changes) {
+        after(change.delay, [this, id = device.description.id, event = change.event] {
+            reportBusChange(id, event);
         });
     }
 }
@@ -199,7 +215,10 @@ int Bus::startUpdate(const vanid_t& id, std::uint32_t target) {
     const Lock lock(mutex);
     return request(id, [&](Device& device) {
         const int result = device.startUpdate(target);
-        if (result == 0) {
+        if (const auto* const changes = device.takeChanges()) {
+            reportLater(device, *changes);
+            device.installAtOnce();
+        } else if (result == 0) {
             after(device.description.timing.install,
                   [this, &device, installation = device.installation()] {
                       finishInstallation(device, installation);
@@ -279,7 +298,7 @@ void Bus::requestGoBack(const vanid_t& id, std::uint32_t packet) {
         }
         device->discardFrom(packet);
     }
-    reportTransferResult(id, PacketAnswer{kGoBackResult, packet, 1});
+    reportTransferResult(id, PacketAnswer{kGoBackResult, packet});
 }
 
 void Bus::interrupt(const vanid_t& id, Microseconds duration) {

@@ -35,7 +35,7 @@ public:
 
     // Each as the bus call of that name; for the results see namespace `result`.
     bool isLinkActive();
-    int getMembers(vanid_t* members, int capacity);
+    int getMembers(std::vector<vanid_t>& members, int capacity);
     int readType(const vanid_t& id, std::uint8_t& type);
     bool isMaster(const vanid_t& id);
     int readVersions(const vanid_t& id, Versions& versions, std::string& name);
@@ -75,7 +75,8 @@ private:
     Device* findOnBus(const vanid_t& id);
     int request(const vanid_t& id, const std::function<int(Device&)>& carryOut);
     Microseconds answerDelay(const Device& device);
-    void passPacketTo(Device& device, std::uint32_t packet, const std::uint8_t* bytes);
+    void reportLater(const Device& device, const PacketAnswers& answers);
+    void reportLater(const Device& device, const std::vector<BusChange>& changes);
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
     void finishInstallation(Device& device, std::uint32_t installation);

@@ -3,6 +3,7 @@
 #define SIM_BUS_DESCRIPTION_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "sim/call.h"
 #include "sim/event_queue.h"
+#include "sim/history.h"
 #include "talm/vanid.h"
 
 namespace sim {
@@ -33,13 +35,15 @@ struct Selection {
     }
 };
 
-// Makes calls of one function, to one device or to any, end with `result` instead of being carried
-// out.
+// Makes calls of one function, to one device or to any, end with `result`.
 struct CallFault {
     Function function = Function::Open;
     std::optional<vanid_t> device;
     Selection calls;
     int result = -1;
+    bool carriedOut = false;            // all the same
+    std::optional<Answer> answer = {};  // what the calls write
+    Microseconds takes = 0;             // so much later they return
 };
 
 // What happens to a packet on its way to a device, or to the device's answer.
@@ -82,6 +86,11 @@ struct Versions {
     std::uint16_t api = 1;
 };
 
+// As OrvinInfo writes them.
+inline std::vector<std::int64_t> numbersOf(const Versions& versions) {
+    return {versions.hw, versions.arm, versions.dsp, versions.boosterArm, versions.api};
+}
+
 struct DeviceTiming {
     Microseconds acknowledge = 300;
     Microseconds acknowledgeJitter = 0;  // at most so much later, at random
@@ -97,6 +106,7 @@ struct MemberDescription {
     std::string name;   // at most kNameBytes
     DeviceTiming timing;
     DeviceFaults faults;
+    std::shared_ptr<const History> history = std::make_shared<History>();  // large: not copied
 };
 
 // A time during which the link is down, from the opening of the connection.

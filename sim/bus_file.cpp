@@ -14,10 +14,13 @@ namespace sim {
 
 namespace {
 
+constexpr std::int64_t kMax8 = std::numeric_limits<std::uint8_t>::max();
+constexpr std::int64_t kMax16 = std::numeric_limits<std::uint16_t>::max();
 constexpr std::int64_t kMax32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::int64_t kMaxMicroseconds = kMax32;
 constexpr std::int64_t kMaxMilliseconds = 100'000'000;  // a little more than a day
 constexpr Microseconds kMillisecond = 1'000;
+constexpr Microseconds kMaxDelay = kMaxMilliseconds * kMillisecond;
 
 std::uint32_t read32(FieldReader& fields, const char* name, std::uint32_t fallback) {
     return static_cast<std::uint32_t>(fields.number(name, fallback, 0, kMax32));
@@ -32,6 +35,39 @@ const Json& requireArray(const Json& json, const std::string& place) {
         throw BusFileError(place + ": not an array");
     }
     return json;
+}
+
+template <typename ReadItem>
+auto readItems(const Json& json, const std::string& place, ReadItem readItem) {
+    std::vector<decltype(readItem(Json(), std::string()))> items;
+    for (const Json& item : requireArray(json, place)) {
+        items.push_back(readItem(item, place + '/' + std::to_string(items.size())));
+    }
+    return items;
+}
+
+template <typename ReadItem>
+auto readList(FieldReader& parent, const char* name, ReadItem readItem) {
+    const Json* const json = parent.find(name);
+    using Items = decltype(readItems(*json, std::string(), readItem));
+    return json == nullptr ? Items() : readItems(*json, parent.placeOf(name), readItem);
+}
+
+using Range = std::pair<std::int64_t, std::int64_t>;
+constexpr Range kSigned32{std::numeric_limits<std::int32_t>::min(),
+                          std::numeric_limits<std::int32_t>::max()};
+
+// A list of as many numbers as there are ranges.
+std::vector<std::int64_t> readNumbers(const Json& json, const std::string& place,
+                                      const std::vector<Range>& ranges) {
+    if (requireArray(json, place).size() != ranges.size()) {
+        throw BusFileError(place + ": not " + std::to_string(ranges.size()) + " numbers");
+    }
+    auto range = ranges.begin();
+    return readItems(json, place, [&](const Json& number, const std::string& where) {
+        const auto [min, max] = *range++;
+        return readNumber(number, where, min, max);
+    });
 }
 
 // "all", or a list of numbers, or {"every": n}.
@@ -58,24 +94,93 @@ Selection readSelection(const Json& json, const std::string& place) {
     return selection;
 }
 
-// Adds the calls of `function` that the field `name` lets fail, if there is one.
-void readCallFault(FieldReader& parent, const char* name, Function function,
-                   const std::optional<vanid_t>& device, std::vector<CallFault>& faults) {
-    const Json* const json = parent.find(name);
-    if (json == nullptr) {
-        return;
+vanid_t readIdentifier(const Json& json, const std::string& place) {
+    const auto id = parseIdentifier(json.is_string() ? json.get<std::string>() : "");
+    if (!id || isBroadcast(*id)) {
+        throw BusFileError(place + ": not a device's identifier");
     }
-    FieldReader fields(*json, parent.placeOf(name));
+    return *id;
+}
+
+std::string readName(FieldReader& fields) {
+    std::string name = fields.text("name");
+    if (name.size() > kNameBytes) {
+        throw BusFileError(fields.placeOf("name") + ": longer than " + std::to_string(kNameBytes) +
+                           " bytes");
+    }
+    return name;
+}
+
+Versions readVersions(FieldReader& fields) {
+    Versions versions;
+    versions.hw = read32(fields, "hw", versions.hw);
+    versions.arm = read32(fields, "arm", versions.arm);
+    versions.dsp = read32(fields, "dsp", versions.dsp);
+    versions.boosterArm = read32(fields, "booster_arm", versions.boosterArm);
+    versions.api = static_cast<std::uint16_t>(fields.number("api", versions.api, 0, kMax16));
+    return versions;
+}
+
+Answer readVersionAnswer(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    Answer answer{numbersOf(readVersions(fields)), {}, readName(fields)};
+    fields.finish();
+    return answer;
+}
+
+// What a call of the function writes.
+Answer readAnswer(const Json& json, const std::string& place, Function function) {
+    switch (function) {
+    case Function::GetLinkState:
+        return {{readFlag(json, place) ? 1 : 0}, {}, {}};
+    case Function::GetBusMembers:
+        return {{}, readItems(json, place, readIdentifier), {}};
+    case Function::GetType:
+        return {{readNumber(json, place, 0, kMax8)}, {}, {}};
+    case Function::OrvinInfo:
+        return readVersionAnswer(json, place);
+    case Function::CheckImage:
+        return {readNumbers(json, place, {{0, kMax16}, {0, kMax16}}), {}, {}};
+    default:
+        throw BusFileError(place + ": this call writes nothing");
+    }
+}
+
+CallFault readCallFault(const Json& json, const std::string& place, Function function,
+                        const std::optional<vanid_t>& device) {
+    FieldReader fields(json, place);
     CallFault fault{function, device, {}};
     fault.calls = readSelection(fields.require("calls"), fields.placeOf("calls"));
     fault.result = static_cast<int>(fields.number("result", fault.result,
                                                   std::numeric_limits<std::int32_t>::min(),
                                                   std::numeric_limits<std::int32_t>::max()));
-    if (function == Function::GetBusMembers && fault.result > 0) {
+    fault.carriedOut = fields.flag("carried_out");
+    fault.takes = fields.number("takes_us", 0, 0, kMaxDelay);
+    if (const Json* const answer = fields.find("answer")) {
+        fault.answer = readAnswer(*answer, fields.placeOf("answer"), function);
+    }
+    if (function == Function::GetBusMembers && fault.result > 0 && !fault.answer) {
         throw BusFileError(fields.placeOf("result") + ": would invent members");
     }
     fields.finish();
-    faults.push_back(fault);
+    return fault;
+}
+
+// Adds the calls of `function` that the field `name` lets end otherwise, if there is one: an object
+// or a list of them.
+void readCallFaults(FieldReader& parent, const char* name, Function function,
+                    const std::optional<vanid_t>& device, std::vector<CallFault>& faults) {
+    const Json* const json = parent.find(name);
+    if (json == nullptr) {
+        return;
+    }
+    const auto readOne = [&](const Json& item, const std::string& place) {
+        return readCallFault(item, place, function, device);
+    };
+    const std::string place = parent.placeOf(name);
+    const auto all = json->is_array() ? readItems(*json, place, readOne)
+                                      : std::vector<CallFault>{readOne(*json, place)};
+    faults.insert(faults.end(), all.begin(), all.end());
 }
 
 // Every packet that the field `name` selects, if there is one.
@@ -133,20 +238,6 @@ PacketFault readLate(const Json& json, const std::string& place) {
     return fault;
 }
 
-template <typename ReadItem>
-auto readList(FieldReader& parent, const char* name, ReadItem readItem) {
-    std::vector<decltype(readItem(Json(), std::string()))> items;
-    const Json* const json = parent.find(name);
-    if (json == nullptr) {
-        return items;
-    }
-    const std::string place = parent.placeOf(name);
-    for (const Json& item : requireArray(*json, place)) {
-        items.push_back(readItem(item, place + '/' + std::to_string(items.size())));
-    }
-    return items;
-}
-
 KeepsOldVersion readKeepsOldVersion(FieldReader& fields, const char* name) {
     const Json* const json = fields.find(name);
     if (json == nullptr) {
@@ -180,13 +271,12 @@ std::vector<PacketFault> readPacketFaults(FieldReader& fields) {
 void readDeviceFaults(const Json& json, const std::string& place, MemberDescription& member,
                       std::vector<CallFault>& callFaults) {
     FieldReader fields(json, place);
-    const std::pair<const char*, Function> calls[] = {{"type_query", Function::GetType},
-                                                      {"version_query", Function::OrvinInfo},
-                                                      {"write_request", Function::WriteRequest},
-                                                      {"check", Function::CheckImage},
-                                                      {"start", Function::StartUpdate}};
+    const std::pair<const char*, Function> calls[] = {
+        {"type_query", Function::GetType},      {"is_talm", Function::IsTalm},
+        {"version_query", Function::OrvinInfo}, {"write_request", Function::WriteRequest},
+        {"check", Function::CheckImage},        {"start", Function::StartUpdate}};
     for (const auto& [name, function] : calls) {
-        readCallFault(fields, name, function, member.id, callFaults);
+        readCallFaults(fields, name, function, member.id, callFaults);
     }
     member.faults.packets = readPacketFaults(fields);
     member.faults.neverReturns = fields.flag("never_returns");
@@ -197,15 +287,38 @@ void readDeviceFaults(const Json& json, const std::string& place, MemberDescript
 
 Versions readVersions(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
-    Versions versions;
-    versions.hw = read32(fields, "hw", versions.hw);
-    versions.arm = read32(fields, "arm", versions.arm);
-    versions.dsp = read32(fields, "dsp", versions.dsp);
-    versions.boosterArm = read32(fields, "booster_arm", versions.boosterArm);
-    versions.api = static_cast<std::uint16_t>(
-        fields.number("api", versions.api, 0, std::numeric_limits<std::uint16_t>::max()));
+    const Versions versions = readVersions(fields);
     fields.finish();
     return versions;
+}
+
+// A number: acknowledged so much later. A list: the transfer callbacks, each with its delay, result
+// and packet.
+std::vector<PacketReply> readReplies(const Json& json, const std::string& place) {
+    if (json.is_number()) {
+        return {{readNumber(json, place, 0, kMaxDelay)}};
+    }
+    return readItems(json, place, [](const Json& reply, const std::string& where) {
+        const auto numbers = readNumbers(reply, where, {{0, kMaxDelay}, kSigned32, {0, kMax32}});
+        return PacketReply{numbers[0], static_cast<std::int32_t>(numbers[1]),
+                           static_cast<std::uint32_t>(numbers[2])};
+    });
+}
+
+std::vector<BusChange> readChanges(const Json& json, const std::string& place) {
+    return readItems(json, place, [](const Json& change, const std::string& where) {
+        const auto numbers = readNumbers(change, where, {{0, kMaxDelay}, {0, kMax32}});
+        return BusChange{numbers[0], static_cast<std::uint32_t>(numbers[1])};
+    });
+}
+
+History readHistory(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    History history;
+    history.packets = readList(fields, "packets", readReplies);
+    history.changes = readList(fields, "changes", readChanges);
+    fields.finish();
+    return history;
 }
 
 DeviceTiming readTiming(const Json& json, const std::string& place) {
@@ -221,11 +334,7 @@ DeviceTiming readTiming(const Json& json, const std::string& place) {
 }
 
 void readOrvin(FieldReader& fields, MemberDescription& member) {
-    member.name = fields.text("name");
-    if (member.name.size() > kNameBytes) {
-        throw BusFileError(fields.placeOf("name") + ": longer than " + std::to_string(kNameBytes) +
-                           " bytes");
-    }
+    member.name = readName(fields);
     member.versions = readVersions(fields.require("versions"), fields.placeOf("versions"));
     if (const Json* const timing = fields.find("timing")) {
         member.timing = readTiming(*timing, fields.placeOf("timing"));
@@ -236,20 +345,18 @@ MemberDescription readMember(const Json& json, const std::string& place,
                              std::vector<CallFault>& callFaults) {
     FieldReader fields(json, place);
     MemberDescription member;
-    fields.require("id");
-    const std::optional<vanid_t> id = parseIdentifier(fields.text("id"));
-    if (!id || isBroadcast(*id)) {
-        throw BusFileError(fields.placeOf("id") + ": not a device's identifier");
-    }
-    member.id = *id;
+    member.id = readIdentifier(fields.require("id"), fields.placeOf("id"));
     fields.require("type");
-    member.type = static_cast<std::uint8_t>(
-        fields.number("type", 0, 0, std::numeric_limits<std::uint8_t>::max()));
+    member.type = static_cast<std::uint8_t>(fields.number("type", 0, 0, kMax8));
     if (member.type == kOrvinType) {
         readOrvin(fields, member);
     }
     if (const Json* const faults = fields.find("faults")) {
         readDeviceFaults(*faults, fields.placeOf("faults"), member, callFaults);
+    }
+    if (const Json* const history = fields.find("history")) {
+        member.history =
+            std::make_shared<History>(readHistory(*history, fields.placeOf("history")));
     }
     fields.finish();
     return member;
@@ -270,9 +377,18 @@ void readBusFaults(FieldReader& parent, BusDescription& bus) {
         return;
     }
     FieldReader fields(*json, parent.placeOf("faults"));
-    readCallFault(fields, "open", Function::Open, std::nullopt, bus.callFaults);
-    readCallFault(fields, "get_members", Function::GetBusMembers, std::nullopt, bus.callFaults);
-    readCallFault(fields, "data", Function::Data, std::nullopt, bus.callFaults);
+    const std::pair<const char*, Function> calls[] = {
+        {"open", Function::Open},
+        {"link_state", Function::GetLinkState},
+        {"get_members", Function::GetBusMembers},
+        {"data", Function::Data},
+        {"set_transfer_callback", Function::SetTransferCallback},
+        {"set_bus_change_callback", Function::SetBusChangeCallback},
+        {"cleanup", Function::Cleanup},
+        {"close", Function::Close}};
+    for (const auto& [name, function] : calls) {
+        readCallFaults(fields, name, function, std::nullopt, bus.callFaults);
+    }
     fields.finish();
 }
 

@@ -3,7 +3,10 @@
 #ifndef SIM_CALL_H
 #define SIM_CALL_H
 
+#include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "recording/call.h"
@@ -15,10 +18,19 @@ using recording::Function;
 using recording::isCallback;
 using recording::nameOf;
 
+// What a call writes beside its result, as in Call.
+struct Answer {
+    std::vector<std::int64_t> numbers;
+    std::vector<vanid_t> members;
+    std::string name;
+};
+
 // What an observer makes of a call instead of letting it take its course.
 struct Intervention {
     int result = 0;
     bool carriedOut = false;  // the bus carries it out all the same; its own result is lost
+    std::optional<Answer> answer = {};  // in place of the call's own
+    std::function<void()> sleep = {};   // before the call returns; empty: not at all
 };
 
 // Called on the caller's thread, several at once, without any lock of the bus held.
@@ -38,6 +50,9 @@ public:
 // them only while no bus is in use.
 std::vector<Observer*>& observers();
 
+// Gives the call its outcome and lets it last as long as it is to.
+void intervene(Call& call, const Intervention& intervention);
+
 // Asks all observers, carries the call out unless one intervenes, and shows them the outcome.
 // `carryOut` gets the call to fill in what it writes, and returns the result.
 template <typename CarryOut>
@@ -53,7 +68,7 @@ int pass(Call& call, const std::vector<Observer*>& ofTheBus, CarryOut carryOut) 
         call.result = carryOut(call);
     }
     if (intervention) {
-        call.result = intervention->result;
+        intervene(call, *intervention);
     }
     for (Observer* const observer : all) {
         observer->after(call);

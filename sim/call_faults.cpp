@@ -13,7 +13,7 @@ bool concerns(const CallFault& fault, const Call& call) {
 
 }  // namespace
 
-CallFaults::CallFaults(const std::vector<CallFault>& callFaults) {
+CallFaults::CallFaults(const std::vector<CallFault>& callFaults, EventQueue& clock) : queue(clock) {
     for (const CallFault& fault : callFaults) {
         faults.push_back({fault, 0});
     }
@@ -24,8 +24,16 @@ std::optional<Intervention> CallFaults::before(const Call& call) {
     std::optional<Intervention> intervention;
     for (Counted& each : faults) {
         if (concerns(each.fault, call) && each.fault.calls.contains(++each.calls)) {
-            intervention = Intervention{each.fault.result, false};
+            intervention = makeIntervention(each.fault);
         }
+    }
+    return intervention;
+}
+
+Intervention CallFaults::makeIntervention(const CallFault& fault) {
+    Intervention intervention{fault.result, fault.carriedOut, fault.answer};
+    if (fault.takes > 0) {
+        intervention.sleep = [this, duration = fault.takes] { queue.sleep(duration); };
     }
     return intervention;
 }

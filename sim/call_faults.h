@@ -9,10 +9,11 @@
 
 namespace sim {
 
-// Makes calls end with the result of the fault that strikes them. Any thread.
+// Makes calls end as the fault that strikes them says. Any thread.
 class CallFaults : public Observer {
 public:
-    explicit CallFaults(const std::vector<CallFault>& callFaults);
+    // `clock` must outlive this.
+    CallFaults(const std::vector<CallFault>& callFaults, EventQueue& clock);
 
     std::optional<Intervention> before(const Call& call) override;
 
@@ -21,6 +22,9 @@ private:
         CallFault fault;
         std::uint32_t calls = 0;  // that it could have struck so far
     };
+    Intervention makeIntervention(const CallFault& fault);
+
+    EventQueue& queue;
     std::mutex mutex;  // guards the counts
     std::vector<Counted> faults;
 };

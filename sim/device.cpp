@@ -66,20 +66,46 @@ int Device::writeRequest(std::uint32_t target, std::uint32_t contentSize, std::u
     return 0;
 }
 
-std::optional<PacketAnswer> Device::receive(std::uint32_t number, const std::uint8_t* bytes) {
+PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes,
+                              Microseconds usualDelay) {
     if (!transfer.open) {
-        return std::nullopt;
+        return {};
     }
     ++packetsSeen;
     const PacketFault* const fault = takeFault(number);
     if (fault != nullptr && fault->kind == PacketFault::Kind::Lost) {
-        return std::nullopt;
+        return {};
     }
-    if (number >= packetsOf(transfer.contentSize)) {
-        return PacketAnswer{kNotPartOfImage, number};
+    if (!expects(number)) {
+        return {{kNotPartOfImage, number, usualDelay}};
     }
     keepPacket(number, bytes);
-    return fault == nullptr ? PacketAnswer{kReceivedResult, number} : answerWith(*fault, number);
+    const PacketAnswer usual{kReceivedResult, number, usualDelay};
+    return fault == nullptr ? PacketAnswers{usual} : answerWith(*fault, usual);
+}
+
+PacketAnswers Device::repeatAnswers(std::uint32_t number, const std::uint8_t* bytes) {
+    PacketAnswers answers;
+    for (const PacketReply& reply : description.history->packets[packetsRepeated++]) {
+        const PacketAnswer answer{reply.result, reply.packet.value_or(number), reply.delay};
+        if (answer.result == kReceivedResult && answer.packet == number && expects(number)) {
+            keepPacket(number, bytes);
+        }
+        if (answer.result == kGoBackResult) {
+            discardFrom(answer.packet);
+        }
+        answers.push_back(answer);
+    }
+    return answers;
+}
+
+const std::vector<BusChange>* Device::takeChanges() {
+    const auto& all = description.history->changes;
+    return changesTaken == all.size() ? nullptr : &all[changesTaken++];
+}
+
+bool Device::expects(std::uint32_t number) const {
+    return transfer.open && number < packetsOf(transfer.contentSize);
 }
 
 // The fault that strikes the packet that has just come, or null.
@@ -112,29 +138,28 @@ void Device::keepPacket(std::uint32_t number, const std::uint8_t* bytes) {
     transfer.checked = false;
 }
 
-PacketAnswer Device::answerWith(const PacketFault& fault, std::uint32_t number) {
-    PacketAnswer answer{kReceivedResult, number};
+PacketAnswers Device::answerWith(const PacketFault& fault, const PacketAnswer& usual) {
+    PacketAnswer answer = usual;
     switch (fault.kind) {
     case PacketFault::Kind::Lost:
         break;  // the packet did not arrive
     case PacketFault::Kind::Damaged:
-        transfer.content[std::size_t{number} * kPacketBytes] ^= 1;
+        transfer.content[std::size_t{usual.packet} * kPacketBytes] ^= 1;
         break;
     case PacketFault::Kind::Twice:
-        answer.times = 2;
-        break;
+        return {usual, {usual.result, usual.packet, 2 * usual.delay}};
     case PacketFault::Kind::Answer:
         answer.result = static_cast<std::int32_t>(fault.value);
         break;
     case PacketFault::Kind::GoBack:
-        answer = {kGoBackResult, static_cast<std::uint32_t>(fault.value)};
+        answer = {kGoBackResult, static_cast<std::uint32_t>(fault.value), usual.delay};
         discardFrom(answer.packet);
         break;
     case PacketFault::Kind::Late:
-        answer.later = fault.value;
+        answer.delay += fault.value;
         break;
     }
-    return answer;
+    return {answer};
 }
 
 void Device::discardFrom(std::uint32_t packet) {
@@ -177,6 +202,13 @@ bool Device::finishInstallation() {
     }
     state = restarts ? State::Restarting : State::Ready;
     return takesNewFirmware();
+}
+
+void Device::installAtOnce() {
+    if (isInstalling()) {
+        takesNewFirmware();
+        state = State::Ready;
+    }
 }
 
 bool Device::takesNewFirmware() {

@@ -28,9 +28,9 @@ constexpr std::uint32_t kBoosterArmTarget = 0x202;
 struct PacketAnswer {
     std::int32_t result = 0;
     std::uint32_t packet = 0;
-    int times = 1;
-    Microseconds later = 0;  // than usual
+    Microseconds delay = 0;
 };
+using PacketAnswers = std::vector<PacketAnswer>;
 
 // One bus member and, for an Orvin, its firmware: what was announced to it, received and installed.
 // It knows no time and no threads; the bus brings both, and holds its lock around every call.
@@ -50,8 +50,21 @@ public:
     int checkImage(std::uint32_t target, std::uint16_t& announced, std::uint16_t& computed);
     int startUpdate(std::uint32_t target);
 
-    // A data packet of kPacketBytes. None: the device says nothing.
-    std::optional<PacketAnswer> receive(std::uint32_t number, const std::uint8_t* bytes);
+    // A data packet of kPacketBytes, which the device answers after that delay if nothing is wrong.
+    PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes,
+                          Microseconds usualDelay = 0);
+
+    // ---- its history ----
+
+    bool hasAnswersLeft() const { return packetsRepeated < description.history->packets.size(); }
+
+    // What it answered to the next packet, which it gets now. There must be answers left.
+    PacketAnswers repeatAnswers(std::uint32_t number, const std::uint8_t* bytes);
+
+    // The next list of what the bus reported about it; null when there is none left.
+    const std::vector<BusChange>* takeChanges();
+
+    // ----
 
     // Forgets the packets from `packet` on, as a device does that asks for them again.
     void discardFrom(std::uint32_t packet);
@@ -68,6 +81,9 @@ public:
     // Ends the installation: the firmware is in, if it is fit for the device, and a device that
     // restarts has left the bus. True when there is new content to keep.
     bool finishInstallation();
+
+    // Ends the installation, if there is one, without leaving the bus.
+    void installAtOnce();
 
     // The device is back on the bus. False when it never comes, or never left.
     bool comeBack();
@@ -96,9 +112,10 @@ private:
         std::uint16_t computeChecksum() const;
     };
 
+    bool expects(std::uint32_t number) const;
     const PacketFault* takeFault(std::uint32_t number);
     void keepPacket(std::uint32_t number, const std::uint8_t* bytes);
-    PacketAnswer answerWith(const PacketFault& fault, std::uint32_t number);
+    PacketAnswers answerWith(const PacketFault& fault, const PacketAnswer& usual);
     bool takesNewFirmware();
     std::uint32_t* versionOf(std::uint32_t target);
 
@@ -108,6 +125,8 @@ private:
     std::vector<PacketFault> packetFaults;  // with the times that they still strike
     std::uint32_t installationNumber = 0;
     std::uint32_t packetsSeen = 0;
+    std::size_t packetsRepeated = 0;
+    std::size_t changesTaken = 0;
     std::uint32_t installations = 0;
 };
 

@@ -52,13 +52,7 @@ std::int64_t FieldReader::number(const char* name, std::int64_t fallback, std::i
 
 bool FieldReader::flag(const char* name) {
     const Json* const field = find(name);
-    if (field == nullptr) {
-        return false;
-    }
-    if (!field->is_boolean()) {
-        reject(placeOf(name), "neither true nor false");
-    }
-    return field->get<bool>();
+    return field != nullptr && readFlag(*field, placeOf(name));
 }
 
 std::string FieldReader::text(const char* name) {
@@ -96,6 +90,13 @@ std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t
         reject(place, "not between " + std::to_string(min) + " and " + std::to_string(max));
     }
     return value;
+}
+
+bool readFlag(const Json& json, const std::string& place) {
+    if (!json.is_boolean()) {
+        reject(place, "neither true nor false");
+    }
+    return json.get<bool>();
 }
 
 }  // namespace sim

@@ -49,6 +49,7 @@ private:
 
 std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t min,
                         std::int64_t max);
+bool readFlag(const Json& json, const std::string& place);
 
 }  // namespace sim
 

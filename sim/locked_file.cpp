@@ -14,7 +14,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t kMaxBytes = 4U << 20U;  // room for thousands of members
+constexpr std::size_t kMaxBytes = 64U << 20U;  // room for the history of 63 devices and 1 MiB
 
 BusFileError unreadable() {
     return BusFileError(std::string("cannot be read: ") + std::strerror(errno));
@@ -63,7 +63,7 @@ std::string LockedFile::read() const {
     while (const std::size_t count = std::fread(chunk, 1, sizeof chunk, stream.get())) {
         text.append(chunk, count);
         if (text.size() > kMaxBytes) {
-            throw BusFileError("larger than 4 MiB");
+            throw BusFileError("larger than 64 MiB");
         }
     }
     if (std::ferror(stream.get()) != 0) {

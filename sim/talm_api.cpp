@@ -73,15 +73,15 @@ Result guarded(Function function, Result failed, Body body) {
     }
 }
 
-// Shows the call to the observers and has the handle's bus carry it out.
+// Shows the call to the observers and has the handle's bus carry it out. What the call writes is in
+// it afterwards.
 template <typename CarryOut>
-int passToBus(TalmApiHandle handle, Call call, CarryOut carryOut) {
+int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
     const std::shared_ptr<Bus> bus = connections().find(handle);
     return guarded(call.function, int{result::kNoSession}, [&] {
         const std::vector<Observer*> own = bus ? bus->ownObservers() : std::vector<Observer*>();
-        return sim::pass(call, own, [&](Call& outcome) {
-            return bus ? carryOut(*bus, outcome) : result::kNoSession;
-        });
+        return sim::pass(call, own,
+                         [&](Call&) { return bus ? carryOut(*bus) : result::kNoSession; });
     });
 }
 
@@ -152,25 +152,31 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
 }
 
 int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
-    return passToBus(handle, Call(Function::GetLinkState), [&](Bus& bus, Call& call) {
+    Call call(Function::GetLinkState);
+    const int answer = passToBus(handle, call, [&](Bus& bus) {
         // Leaves `*active` alone while the link is down, as a library may.
         if (bus.isLinkActive()) {
-            *active = true;
             call.answer = {1};
         }
         return 0;
     });
+    if (!call.answer.empty()) {
+        *active = call.answer[0] != 0;
+    }
+    return answer;
 }
 
 int TalmApiCleanup(TalmApiHandle handle) {
-    return passToBus(handle, Call(Function::Cleanup), [](Bus& bus, Call&) {
+    Call call(Function::Cleanup);
+    return passToBus(handle, call, [](Bus& bus) {
         bus.stop();
         return 0;
     });
 }
 
 int TalmApiClose(TalmApiHandle handle) {
-    const int answer = passToBus(handle, Call(Function::Close), [](Bus& bus, Call&) {
+    Call call(Function::Close);
+    const int answer = passToBus(handle, call, [](Bus& bus) {
         bus.stop();
         return 0;
     });
@@ -189,21 +195,27 @@ int TalmApiClose(TalmApiHandle handle) {
 
 int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
     Call call(Function::GetBusMembers, std::nullopt, {capacity});
-    return passToBus(handle, call, [&](Bus& bus, Call& outcome) {
-        const int count = bus.getMembers(members, capacity);
-        outcome.members.assign(members, members + std::max(count, 0));
-        return count;
-    });
+    const int answer =
+        passToBus(handle, call, [&](Bus& bus) { return bus.getMembers(call.members, capacity); });
+    const auto room = static_cast<std::size_t>(std::max(capacity, 0));
+    std::copy_n(call.members.begin(), std::min(call.members.size(), room), members);
+    return answer;
 }
 
 int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
-    return passToBus(handle, Call(Function::GetType, member), [&](Bus& bus, Call& call) {
-        const int answer = bus.readType(member, *type);
-        if (answer == 0) {
-            call.answer = {*type};
+    Call call(Function::GetType, member);
+    const int answer = passToBus(handle, call, [&](Bus& bus) {
+        std::uint8_t own = 0;
+        const int result = bus.readType(member, own);
+        if (result == 0) {
+            call.answer = {own};
         }
-        return answer;
+        return result;
     });
+    if (!call.answer.empty()) {
+        *type = static_cast<std::uint8_t>(call.answer[0]);
+    }
+    return answer;
 }
 
 int TalmApiIsTalm(vanid_t member) {
@@ -225,22 +237,25 @@ int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm,
     *hw = *arm = *dsp = *boosterArm = 0xdeadbeef;
     *api = 0xdead;
     std::memset(name, '?', sim::kNameBytes);
-    return passToBus(handle, Call(Function::OrvinInfo, device), [&](Bus& bus, Call& call) {
-        sim::Versions versions;
-        const int answer = bus.readVersions(device, versions, call.name);
-        if (answer != 0) {
-            return answer;
+    Call call(Function::OrvinInfo, device);
+    const int answer = passToBus(handle, call, [&](Bus& bus) {
+        sim::Versions own;
+        const int result = bus.readVersions(device, own, call.name);
+        if (result == 0) {
+            call.answer = sim::numbersOf(own);
         }
-        *hw = versions.hw;
-        *arm = versions.arm;
-        *dsp = versions.dsp;
-        *boosterArm = versions.boosterArm;
-        *api = versions.api;
+        return result;
+    });
+    if (!call.answer.empty()) {
+        *hw = static_cast<std::uint32_t>(call.answer[0]);
+        *arm = static_cast<std::uint32_t>(call.answer[1]);
+        *dsp = static_cast<std::uint32_t>(call.answer[2]);
+        *boosterArm = static_cast<std::uint32_t>(call.answer[3]);
+        *api = static_cast<std::uint16_t>(call.answer[4]);
         // Without a terminating zero when the name fills all the room there is.
         std::strncpy(name, call.name.c_str(), sim::kNameBytes);
-        call.answer = {*hw, *arm, *dsp, *boosterArm, *api};
-        return answer;
-    });
+    }
+    return answer;
 }
 
 // ---- image transfer and maintenance ----
@@ -250,7 +265,7 @@ int ImageTransfer_write_request(TalmApiHandle handle, vanid_t device, uint32_t m
                                 uint16_t contentChecksum) {
     Call call(Function::WriteRequest, device,
               {manufacturer, target, contentType, contentSize, contentChecksum});
-    return passToBus(handle, call, [&](Bus& bus, Call&) {
+    return passToBus(handle, call, [&](Bus& bus) {
         return bus.writeRequest(device, target, contentSize, contentChecksum);
     });
 }
@@ -261,26 +276,32 @@ int ImageTransfer_data(TalmApiHandle handle, vanid_t device, uint32_t packetNumb
     *secondOutput = 0;
     Call call(Function::Data, device, {packetNumber});
     call.content.assign(reinterpret_cast<const char*>(data), sim::kPacketBytes);
-    return passToBus(handle, std::move(call),
-                     [&](Bus& bus, Call&) { return bus.sendData(device, packetNumber, data); });
+    return passToBus(handle, call,
+                     [&](Bus& bus) { return bus.sendData(device, packetNumber, data); });
 }
 
 int OrvinImageMaintenance_check_image(TalmApiHandle handle, vanid_t device, uint32_t target,
                                       uint16_t* firstOutput, uint16_t* secondOutput) {
     Call call(Function::CheckImage, device, {target});
-    return passToBus(handle, call, [&](Bus& bus, Call& outcome) {
-        const int answer = bus.checkImage(device, target, *firstOutput, *secondOutput);
-        if (answer == 0) {
-            outcome.answer = {*firstOutput, *secondOutput};
+    const int answer = passToBus(handle, call, [&](Bus& bus) {
+        std::uint16_t announced = 0;
+        std::uint16_t computed = 0;
+        const int result = bus.checkImage(device, target, announced, computed);
+        if (result == 0) {
+            call.answer = {announced, computed};
         }
-        return answer;
+        return result;
     });
+    if (!call.answer.empty()) {
+        *firstOutput = static_cast<std::uint16_t>(call.answer[0]);
+        *secondOutput = static_cast<std::uint16_t>(call.answer[1]);
+    }
+    return answer;
 }
 
 int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uint32_t target) {
     Call call(Function::StartUpdate, device, {target});
-    return passToBus(handle, call,
-                     [&](Bus& bus, Call&) { return bus.startUpdate(device, target); });
+    return passToBus(handle, call, [&](Bus& bus) { return bus.startUpdate(device, target); });
 }
 
 // ---- callbacks ----
@@ -289,7 +310,7 @@ int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
                        const CallbackSlot* slot, int last) {
     Call call(Function::SetTransferCallback, std::nullopt, {first, second, third, last},
               describeSlot(*slot));
-    return passToBus(handle, call, [&](Bus& bus, Call&) {
+    return passToBus(handle, call, [&](Bus& bus) {
         bus.setTransferCallback(*slot);
         return 0;
     });
@@ -297,7 +318,7 @@ int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
 
 int TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, int last) {
     Call call(Function::SetBusChangeCallback, std::nullopt, {last}, describeSlot(*slot));
-    return passToBus(handle, call, [&](Bus& bus, Call&) {
+    return passToBus(handle, call, [&](Bus& bus) {
         bus.setBusChangeCallback(*slot);
         return 0;
     });

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -91,5 +92,12 @@ Case randomCase(std::uint32_t seed);
 
 // The promises of docs/reliability.md that a run of the case breaks, one line each.
 std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run);
+
+// What is other when the tool runs again on the bus that `orvin-recording bus` makes of a recording
+// of the run. Throws CannotBeHadAgain when it makes none.
+struct CannotBeHadAgain : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+std::vector<std::string> differencesAgain(const Case& searched, const ToolRun& run);
 
 #endif

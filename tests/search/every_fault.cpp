@@ -137,10 +137,10 @@ std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::
     if (sim::isCallback(call.function)) {
         return faults;
     }
-    for (const auto& [result, carriedOut] : failuresOf(call.function)) {
+    for (const sim::Intervention& failure : failuresOf(call.function)) {
         const std::string what = std::string(sim::nameOf(call.function)) + " gives";
-        faults.push_back({Place::Result, deviceOf(call), harmOf(call, result), what, result,
-                          carriedOut, call.function});
+        faults.push_back({Place::Result, deviceOf(call), harmOf(call, failure.result), what,
+                          failure.result, failure.carriedOut, call.function});
     }
     if (call.function == Function::Initialize) {  // call 0, there is no bus yet
         return faults;

@@ -1,10 +1,11 @@
 // fault-search: runs the tool with faults at its bus calls, in virtual time, and reports the runs
 // that break a promise.
 //
-//     fault-search single|pairs|random [PART PARTS]
+//     fault-search [again] single|pairs|random [PART PARTS]
 //
 // runs every case, or of that many parts the one of that number, from 0. One case is had again by
-// its number, as a part of 99999999.
+// its number, as a part of 99999999. With `again` it reports instead the runs that go another way
+// on the bus that `orvin-recording bus` makes of them.
 
 #include <unistd.h>
 
@@ -29,6 +30,8 @@ struct Search {
     std::uint64_t next = 0;
     std::uint64_t ran = 0;
     std::uint64_t wrong = 0;
+    std::uint64_t refused = 0;  // by orvin-recording
+    std::vector<std::string> (*findWrong)(const Case&, const ToolRun&) = brokenPromises;
 
     void visit(const std::function<Case()>& make) {
         constexpr unsigned kSecondsPerCase = 60;  // of real time; a case takes far less than one
@@ -37,13 +40,22 @@ struct Search {
             ++ran;
             current = number + "\nWRONG: dies or hangs\n";
             alarm(kSecondsPerCase);
-            check(number, make());
+            tryCheck(number, make());
+        }
+    }
+
+    void tryCheck(const std::string& number, const Case& searched) {
+        try {
+            check(number, searched);
+        } catch (const CannotBeHadAgain& reason) {
+            ++refused;
+            std::cerr << number << ": " << searched.name << '\n' << reason.what();
         }
     }
 
     void check(const std::string& number, const Case& searched) {
         const ToolRun run = runCase(searched);
-        const std::vector<std::string> broken = brokenPromises(searched, run);
+        const std::vector<std::string> broken = findWrong(searched, run);
         if (broken.empty()) {
             return;
         }
@@ -66,14 +78,19 @@ void forEachSeed(const Visit& visit) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    Search search;
+    if (argc > 1 && std::string(argv[1]) == "again") {
+        search.findWrong = differencesAgain;
+        --argc;
+        ++argv;
+    }
     const std::map<std::string, void (*)(const Visit&)> searches = {
         {"single", forEachSingle}, {"pairs", forEachPair}, {"random", forEachSeed}};
     const auto chosen = searches.find(argc > 1 ? argv[1] : "");
     if (chosen == searches.end() || argc == 3 || argc > 4) {
-        std::cerr << "Usage: fault-search single|pairs|random [PART PARTS]\n";
+        std::cerr << "Usage: fault-search [again] single|pairs|random [PART PARTS]\n";
         return 2;
     }
-    Search search;
     if (argc == 4) {
         search.part = std::stoull(argv[2]);
         search.parts = std::stoull(argv[3]);
@@ -83,6 +100,7 @@ int main(int argc, char** argv) {
         std::signal(signal, nameCurrent);
     }
     chosen->second([&](const std::function<Case()>& make) { search.visit(make); });
-    std::cout << search.ran << " cases, " << search.wrong << " wrong\n";
+    std::cout << search.ran << " cases, " << search.refused << " refused, " << search.wrong
+              << " wrong\n";
     return search.wrong == 0 && search.ran > 0 ? 0 : 1;
 }

@@ -7,7 +7,7 @@ import json
 import os
 import sys
 
-from . import plot, reader, summary
+from . import bus, plot, reader, summary
 from .analysis import Analysis
 from .device import printable
 
@@ -32,8 +32,6 @@ def _plot(arguments, recording):
 
 
 def _bus(_, recording):
-    from . import bus
-
     bus.write(recording, sys.stdout)
 
 
@@ -70,7 +68,11 @@ def _run(arguments):
     if not sys.stdout:
         raise OSError(errno.EBADF, os.strerror(errno.EBADF))
     sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
-    arguments.run(arguments, recording)
+    try:
+        arguments.run(arguments, recording)
+    except bus.CannotBeHadAgain as error:
+        _complain(f"{arguments.recording}: {error}")
+        return DAMAGED
     sys.stdout.flush()
     return DAMAGED if recording.problem else 0
 

@@ -1,0 +1,47 @@
+#include <cstdlib>
+#include <limits>
+
+#include "search/case.h"
+#include "sim/bus_file.h"
+#include "support/files.h"
+
+namespace {
+
+// The bus on which the run is to be had again.
+sim::BusDescription busOf(const ToolRun& run) {
+    static const TemporaryDirectory directory;
+    const std::string recording = directory / "recording";
+    const std::string bus = directory / "bus.json";
+    const std::string complaints = directory / "complaints";
+    writeText(recording, "{\"orvin-recording\":1}\n" + run.trace());
+    const std::string command =
+        "'" ORVIN_RECORDING "' bus " + recording + " >" + bus + " 2>" + complaints;
+    const bool complains = std::system(command.c_str()) != 0;  // also of a session without an end
+    const std::string complaint = readText(complaints);
+    if (complains && complaint.find("cannot be had again") != std::string::npos) {
+        throw CannotBeHadAgain(complaint);
+    }
+    return sim::describeBus(sim::parseBusFile(readText(bus)));
+}
+
+}  // namespace
+
+std::vector<std::string> differencesAgain(const Case& searched, const ToolRun& run) {
+    Case again = searched;
+    again.setup.bus = busOf(run);
+    for (Fault& fault : again.faults) {
+        fault.call = std::numeric_limits<std::size_t>::max();  // strikes no more
+    }
+    const ToolRun second = runCase(again);
+    std::vector<std::string> differences;
+    if (second.console != run.console) {
+        differences.push_back("had again, the console is:\n" + second.console);
+    }
+    if (second.messages != run.messages) {
+        differences.emplace_back("had again, the status messages are others");
+    }
+    if (second.ended != run.ended || second.exitStatus != run.exitStatus) {
+        differences.emplace_back("had again, the run ends in another way");
+    }
+    return differences;
+}
