@@ -195,8 +195,8 @@ def check(figures):
 
 def print_tables(benchmark, figures):
     print("| devices | instructions: packet (floor's) | acknowledgement (floor's) | further poll (floor's) "
-          "| 32-bit ARM: packet | share of a poll, x86-64, ARM | real time, of the floor's pace |"
-          "\n|---|---|---|---|---|---|---|")
+          "| recorder: acknowledgement | 32-bit ARM: packet | share of a poll, x86-64, ARM | real time, of the floor's pace |"
+          "\n|---|---|---|---|---|---|---|---|")
     for devices in DEVICES:
         def pair(what, of=f"devices: {devices}"):
             return f"{figures[f'{of}; tool, {what}']} ({figures[f'{of}; floor, {what}']})"
@@ -204,7 +204,8 @@ def print_tables(benchmark, figures):
         packets = (figures[f"devices: {devices}; tool, packet"], benchmark.arm_packet(devices))
         shares = ", ".join(f"{packet / POLL_INSTRUCTIONS:.1%}" for packet in packets)
         low, median, high = benchmark.real_time(devices)
-        print(f"| {devices} | {counts} | {packets[1]} | {shares} | {median:.3f} ({low:.3f}-{high:.3f}) |", flush=True)
+        recorder = figures[f"devices: {devices}; recorder, acknowledgement"]
+        print(f"| {devices} | {counts} | {recorder} | {packets[1]} | {shares} | {median:.3f} ({low:.3f}-{high:.3f}) |", flush=True)
     print("\n| polls/packet (the floor's are the same), acknowledged after | 1 device | 10 | 63 |\n|---|---|---|---|")
     for delays in DELAYS:
         polls = (f"{figures[polls_of(devices, delays)]:g}" for devices in DEVICES)

@@ -20,7 +20,7 @@ echo "{\"members\": [{\"id\": \"${id}1\", $rest}, {\"id\": \"${id}2\", $rest}]}"
 
 known='^(Waiting for Lumnet bus to become active\.\.\.|Orvin firmware upgrade in progress\. Uploading Pellix (ARM|DSP) firmware, [0-9]+% completed\.\.\.|Verifying uploaded firmware image\.\.\.|Please wait\.\.\.|Installing Orvin firmware: [0-9] / 2 completed)$'
 
-kill_after() { # CALLS, of the bus and back
+kill_after() { # LINES, of the recording
     cp ../new.json bus.json
     rm -f status
     : >recording
@@ -33,15 +33,15 @@ kill_after() { # CALLS, of the bus and back
 
 one() { # NUMBER
     mkdir "$1" && cd "$1" || exit 1
-    local calls=$((RANDOM % 110)) listing # an upgrade has 111
-    until kill_after "$calls"; do calls=$((calls / 2)); done # again, where the upgrade had ended before
-    [ ! -e status ] || [[ $(cat status) =~ $known ]] || echo "$1: after $calls calls, status file: $(cat status)"
-    grep -vq '^{.*}$' recording && echo "$1: after $calls calls, recording broken"
-    listing=$(orvin-firmware-upgrade -l -c sim:bus.json) || echo "$1: after $calls calls, bus file broken"
-    [ "$(grep -c Pellix <<<"$listing")" -eq 2 ] || echo "$1: after $calls calls, devices lost"
+    local lines=$((RANDOM % 100)) listing # lines of the recording; an upgrade has about 100
+    until kill_after "$lines"; do lines=$((lines / 2)); done # again, where the upgrade had ended before
+    [ ! -e status ] || [[ $(cat status) =~ $known ]] || echo "$1: after $lines lines, status file: $(cat status)"
+    grep -vq '^{.*}$' recording && echo "$1: after $lines lines, recording broken"
+    listing=$(orvin-firmware-upgrade -l -c sim:bus.json) || echo "$1: after $lines lines, bus file broken"
+    [ "$(grep -c Pellix <<<"$listing")" -eq 2 ] || echo "$1: after $lines lines, devices lost"
     orvin-firmware-upgrade -B -c sim:bus.json ../arm.img ../dsp.img >again 2>&1
-    [ $? -le 2 ] || echo "$1: after $calls calls, the next run failed: $(tail -n 5 again)"
-    [ "$(grep -cE '"(arm|dsp)": "0x00000002"' bus.json)" -eq 4 ] || echo "$1: after $calls calls, not upgraded"
+    [ $? -le 2 ] || echo "$1: after $lines lines, the next run failed: $(tail -n 5 again)"
+    [ "$(grep -cE '"(arm|dsp)": "0x00000002"' bus.json)" -eq 4 ] || echo "$1: after $lines lines, not upgraded"
 }
 
 for ((started = 0; started < times; ++started)); do

@@ -163,6 +163,40 @@ TEST_F(Program, RecorderLeavesTheCommandAsItIs) {
     EXPECT_EQ(readText(directory / "x"), "");
 }
 
+TEST_F(Program, RecordingShowsWhatWentWrongAndBringsItBack) {
+    writeText(directory / "bus.json", R"({"members": [
+        {"id": "0a:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:01", "type": 64, "name": "Gate",
+         "versions": {}, "timing": {"install_ms": 1, "restart_ms": 1},
+         "faults": {"fault_result": [{"at": 1, "result": 3}]}},
+        {"id": "0a:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:02", "type": 64, "name": "Hall",
+         "versions": {}, "timing": {"install_ms": 1, "restart_ms": 1},
+         "faults": {"go_back": [{"at": 2, "to": 0}]}}]})");
+    shell("orvin-image create arm.img --target arm --version 7 --size 200");
+    const std::string upgrade = "orvin-firmware-upgrade -B arm.img -c sim:";
+    EXPECT_EQ(shell("orvin-record recording " + upgrade + "bus.json >then").exitStatus, 139);
+    const std::string summary = shell("orvin-recording summary recording").output;
+    for (const char* const part : {"Gate", "fault 3", "Hall", "00000001 -> 00000007"}) {
+        EXPECT_TRUE(contains(summary, part)) << part << summary;
+    }
+    const Result picture = shell(
+        "orvin-recording plot recording -o recording.svg;"
+        " python3 -c 'import xml.dom.minidom as xml; xml.parse(\"recording.svg\")'");
+    EXPECT_EQ(picture.error, "");
+    // How long it took may be a second more or less.
+    EXPECT_EQ(shell("orvin-recording bus recording >again.json; " + upgrade + "again.json >now;" +
+                    " sed -i /took/d then now; diff then now")
+                  .output,
+              "");
+    for (const auto& [damage, told] : {std::pair{"4s/.*/{/", ": line 4: damaged"},
+                                       {"$d", "cut off, the session does not end"},
+                                       {"1d", ": line 1: not a recording"}}) {
+        const Result damaged =
+            shell("sed '"s + damage + "' recording >damaged; orvin-recording summary damaged");
+        EXPECT_TRUE(contains(damaged.error, told)) << damaged.error;
+        EXPECT_EQ(damaged.output.empty(), damage == "1d"s) << damaged.output;
+    }
+}
+
 // Takes twelve minutes, so ctest leaves it out.
 TEST_F(Program, SendsFortyMegabytes) {
     shell("orvin-image create large.img --target arm --version 7 --size 41943040");
