@@ -3,6 +3,7 @@
 #define RECORDING_CALL_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,6 +15,9 @@
 namespace recording {
 
 using Microseconds = std::int64_t;
+
+constexpr std::size_t kPacketBytes = 64;
+constexpr std::size_t kNameBytes = 32;  // room for a device's name
 
 enum class Function {
     Initialize,
@@ -57,9 +61,12 @@ inline bool isCallback(Function function) {
 
 // One call across the interface, to the bus or back.
 struct Call {
-    explicit Call(Function called, const std::optional<vanid_t>& whom = std::nullopt,
-                  std::vector<std::int64_t> numbers = {}, std::string words = {})
-        : function(called), device(whom), given(std::move(numbers)), text(std::move(words)) {}
+    explicit Call(Function called, const std::optional<vanid_t>& itsDevice = std::nullopt,
+                  std::vector<std::int64_t> numbers = {}, std::string itsText = {})
+        : function(called),
+          device(itsDevice),
+          given(std::move(numbers)),
+          text(std::move(itsText)) {}
 
     Function function;
     std::optional<vanid_t> device;     // the one that it goes to, or that reports

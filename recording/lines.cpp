@@ -25,10 +25,8 @@ void appendNumber(std::string& text, std::int64_t number) {
 }
 
 void appendItem(std::string& list, std::int64_t number) {
-    char digits[24];
-    char* const end = std::to_chars(digits, std::end(digits), number).ptr;
-    *end = ',';
-    list.append(digits, static_cast<std::size_t>(end - digits) + 1);
+    appendNumber(list, number);
+    list += ',';
 }
 
 // Microseconds as seconds.

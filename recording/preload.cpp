@@ -22,8 +22,8 @@ using recording::Microseconds;
 using recording::Moment;
 using recording::Recording;
 
-constexpr std::size_t kPacketBytes = 64;
-constexpr std::size_t kNameBytes = 32;
+using recording::kNameBytes;
+using recording::kPacketBytes;
 
 Microseconds clockNow() {
     timespec time{};

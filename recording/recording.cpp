@@ -66,7 +66,7 @@ Recording::~Recording() {
 void Recording::note(const Moment& moment, const Call& call) {
     auto copy = std::make_unique<const Call>(call);
     if (add({moment, copy.get(), {}, 0})) {
-        copy.release();
+        static_cast<void>(copy.release());  // the writer deletes it
     }
 }
 

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "sim/bus_file.h"
 #include "sim/identifier.h"
 
 namespace sim {
@@ -298,7 +297,7 @@ void Bus::requestGoBack(const vanid_t& id, std::uint32_t packet) {
         }
         device->discardFrom(packet);
     }
-    reportTransferResult(id, PacketAnswer{kGoBackResult, packet});
+    reportTransferResult(id, PacketAnswer{0, kGoBackResult, packet});
 }
 
 void Bus::interrupt(const vanid_t& id, Microseconds duration) {
@@ -335,10 +334,11 @@ void Bus::reportTransferResult(const vanid_t& source, const PacketAnswer& answer
     if (slot.function == nullptr) {
         return;
     }
-    Call call(Function::TransferCallback, source, {answer.result, answer.packet});
+    const std::uint32_t packet = *answer.packet;
+    Call call(Function::TransferCallback, source, {answer.result, packet});
     pass(call, observers, [&](Call&) {
         reinterpret_cast<TransferCallback>(slot.function)(answer.result, slot.userArgument, source,
-                                                          kController, answer.packet, kLastWord);
+                                                          kController, packet, kLastWord);
         return 0;
     });
 }
@@ -361,23 +361,6 @@ void Bus::reportBusChange(const vanid_t& member, std::uint32_t event) {
 
 void Bus::after(Microseconds delay, Event event) {
     queue->schedule(queue->now() + delay, std::move(event));
-}
-
-namespace {
-
-std::shared_ptr<Bus> openBusFile(const std::string& path) {
-    const auto file = std::make_shared<BusFile>(path);
-    return std::make_shared<Bus>(file->description(),
-                                 [file](std::size_t member, const Versions& versions) {
-                                     file->storeVersions(member, versions);
-                                 });
-}
-
-}  // namespace
-
-BusOpener& busOpener() {
-    static auto& opener = *new BusOpener(openBusFile);
-    return opener;
 }
 
 }  // namespace sim

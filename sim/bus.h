@@ -100,11 +100,6 @@ private:
     bool stopped = false;
 };
 
-// Opens the bus of that name: the file at a path, unless the program brings buses of its own.
-// Throws std::exception, with a reason in one line, when it cannot be opened.
-using BusOpener = std::function<std::shared_ptr<Bus>(const std::string& name)>;
-BusOpener& busOpener();
-
 }  // namespace sim
 
 #endif

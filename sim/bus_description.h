@@ -18,7 +18,6 @@ namespace sim {
 
 constexpr std::uint8_t kBusMasterType = 16;
 constexpr std::uint8_t kOrvinType = 64;
-constexpr std::size_t kNameBytes = 32;
 
 // Transfer results that are no faults.
 constexpr std::int32_t kReceivedResult = 0;
@@ -41,9 +40,9 @@ struct CallFault {
     std::optional<vanid_t> device;
     Selection calls;
     int result = -1;
-    bool carriedOut = false;            // all the same
+    bool carriedOut = false;            // the bus carries them out all the same
     std::optional<Answer> answer = {};  // what the calls write
-    Microseconds takes = 0;             // so much later they return
+    Microseconds takes = 0;             // added to the calls' own time
 };
 
 // What happens to a packet on its way to a device, or to the device's answer.
@@ -52,7 +51,7 @@ struct PacketFault {
         Lost,
         Damaged,  // and acknowledged all the same: the device fails its check
         Twice,    // acknowledged once more, as much later as the first time
-        Answer,   // with `value` as its result
+        Result,   // answered with `value` as the result
         GoBack,   // to packet `value`
         Late,     // by `value` microseconds
     };

@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "sim/bus_file_error.h"
 #include "sim/identifier.h"
 #include "sim/replace_file.h"
 
@@ -21,6 +22,10 @@ constexpr std::int64_t kMaxMicroseconds = kMax32;
 constexpr std::int64_t kMaxMilliseconds = 100'000'000;  // a little more than a day
 constexpr Microseconds kMillisecond = 1'000;
 constexpr Microseconds kMaxDelay = kMaxMilliseconds * kMillisecond;
+
+using Range = std::pair<std::int64_t, std::int64_t>;
+constexpr Range kSigned32{std::numeric_limits<std::int32_t>::min(),
+                          std::numeric_limits<std::int32_t>::max()};
 
 std::uint32_t read32(FieldReader& fields, const char* name, std::uint32_t fallback) {
     return static_cast<std::uint32_t>(fields.number(name, fallback, 0, kMax32));
@@ -53,10 +58,6 @@ auto readList(FieldReader& parent, const char* name, ReadItem readItem) {
     return json == nullptr ? Items() : readItems(*json, parent.placeOf(name), readItem);
 }
 
-using Range = std::pair<std::int64_t, std::int64_t>;
-constexpr Range kSigned32{std::numeric_limits<std::int32_t>::min(),
-                          std::numeric_limits<std::int32_t>::max()};
-
 // A list of as many numbers as there are ranges.
 std::vector<std::int64_t> readNumbers(const Json& json, const std::string& place,
                                       const std::vector<Range>& ranges) {
@@ -87,9 +88,11 @@ Selection readSelection(const Json& json, const std::string& place) {
     if (!json.is_array()) {
         throw BusFileError(place + ": not \"all\", a list of numbers or {\"every\": n}");
     }
-    for (std::size_t i = 0; i < json.size(); ++i) {
-        const std::string item = place + '/' + std::to_string(i);
-        selection.numbers.insert(static_cast<std::uint32_t>(readNumber(json[i], item, 1, kMax32)));
+    for (const std::int64_t number :
+         readItems(json, place, [](const Json&item, const std::string&where) {
+             return readNumber(item, where, 1, kMax32);
+         })) {
+        selection.numbers.insert(static_cast<std::uint32_t>(number));
     }
     return selection;
 }
@@ -151,15 +154,15 @@ CallFault readCallFault(const Json& json, const std::string& place, Function fun
     FieldReader fields(json, place);
     CallFault fault{function, device, {}};
     fault.calls = readSelection(fields.require("calls"), fields.placeOf("calls"));
-    fault.result = static_cast<int>(fields.number("result", fault.result,
-                                                  std::numeric_limits<std::int32_t>::min(),
-                                                  std::numeric_limits<std::int32_t>::max()));
+    fault.result =
+        static_cast<int>(fields.number("result", fault.result, kSigned32.first, kSigned32.second));
     fault.carriedOut = fields.flag("carried_out");
     fault.takes = fields.number("takes_us", 0, 0, kMaxDelay);
     if (const Json* const answer = fields.find("answer")) {
         fault.answer = readAnswer(*answer, fields.placeOf("answer"), function);
     }
-    if (function == Function::GetBusMembers && fault.result > 0 && !fault.answer) {
+    if (function == Function::GetBusMembers && fault.result > 0 && !fault.answer &&
+        !fault.carriedOut) {
         throw BusFileError(fields.placeOf("result") + ": would invent members");
     }
     fields.finish();
@@ -213,10 +216,8 @@ PacketFault readGoBack(const Json& json, const std::string& place) {
 PacketFault readFaultResult(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
     fields.require("at");
-    PacketFault fault =
-        PacketFault::next(PacketFault::Kind::Answer,
-                          fields.number("result", 1, std::numeric_limits<std::int32_t>::min(),
-                                        std::numeric_limits<std::int32_t>::max()));
+    PacketFault fault = PacketFault::next(
+        PacketFault::Kind::Result, fields.number("result", 1, kSigned32.first, kSigned32.second));
     fault.number = read32(fields, "at", 0);
     fault.times = std::nullopt;
     if (fault.value == kReceivedResult || fault.value == kGoBackResult) {
@@ -294,14 +295,14 @@ Versions readVersions(const Json& json, const std::string& place) {
 
 // A number: acknowledged so much later. A list: the transfer callbacks, each with its delay, result
 // and packet.
-std::vector<PacketReply> readReplies(const Json& json, const std::string& place) {
+std::vector<PacketAnswer> readReplies(const Json& json, const std::string& place) {
     if (json.is_number()) {
         return {{readNumber(json, place, 0, kMaxDelay)}};
     }
     return readItems(json, place, [](const Json& reply, const std::string& where) {
         const auto numbers = readNumbers(reply, where, {{0, kMaxDelay}, kSigned32, {0, kMax32}});
-        return PacketReply{numbers[0], static_cast<std::int32_t>(numbers[1]),
-                           static_cast<std::uint32_t>(numbers[2])};
+        return PacketAnswer{numbers[0], static_cast<std::int32_t>(numbers[1]),
+                            static_cast<std::uint32_t>(numbers[2])};
     });
 }
 

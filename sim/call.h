@@ -16,6 +16,8 @@ namespace sim {
 using recording::Call;
 using recording::Function;
 using recording::isCallback;
+using recording::kNameBytes;
+using recording::kPacketBytes;
 using recording::nameOf;
 
 // What a call writes beside its result, as in Call.

@@ -20,7 +20,7 @@ public:
 private:
     struct Counted {
         CallFault fault;
-        std::uint32_t calls = 0;  // that it could have struck so far
+        std::uint32_t calls = 0;  // so far, of its function and device
     };
     Intervention makeIntervention(const CallFault& fault);
 

@@ -77,24 +77,23 @@ PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes,
         return {};
     }
     if (!expects(number)) {
-        return {{kNotPartOfImage, number, usualDelay}};
+        return {{usualDelay, kNotPartOfImage, number}};
     }
     keepPacket(number, bytes);
-    const PacketAnswer usual{kReceivedResult, number, usualDelay};
+    const PacketAnswer usual{usualDelay, kReceivedResult, number};
     return fault == nullptr ? PacketAnswers{usual} : answerWith(*fault, usual);
 }
 
 PacketAnswers Device::repeatAnswers(std::uint32_t number, const std::uint8_t* bytes) {
-    PacketAnswers answers;
-    for (const PacketReply& reply : description.history->packets[packetsRepeated++]) {
-        const PacketAnswer answer{reply.result, reply.packet.value_or(number), reply.delay};
+    PacketAnswers answers = description.history->packets[packetsRepeated++];
+    for (PacketAnswer& answer : answers) {
+        answer.packet = answer.packet.value_or(number);
         if (answer.result == kReceivedResult && answer.packet == number && expects(number)) {
             keepPacket(number, bytes);
         }
         if (answer.result == kGoBackResult) {
-            discardFrom(answer.packet);
+            discardFrom(*answer.packet);
         }
-        answers.push_back(answer);
     }
     return answers;
 }
@@ -144,16 +143,16 @@ PacketAnswers Device::answerWith(const PacketFault& fault, const PacketAnswer& u
     case PacketFault::Kind::Lost:
         break;  // the packet did not arrive
     case PacketFault::Kind::Damaged:
-        transfer.content[std::size_t{usual.packet} * kPacketBytes] ^= 1;
+        transfer.content[std::size_t{*usual.packet} * kPacketBytes] ^= 1;
         break;
     case PacketFault::Kind::Twice:
-        return {usual, {usual.result, usual.packet, 2 * usual.delay}};
-    case PacketFault::Kind::Answer:
+        return {usual, {2 * usual.delay, usual.result, usual.packet}};
+    case PacketFault::Kind::Result:
         answer.result = static_cast<std::int32_t>(fault.value);
         break;
     case PacketFault::Kind::GoBack:
-        answer = {kGoBackResult, static_cast<std::uint32_t>(fault.value), usual.delay};
-        discardFrom(answer.packet);
+        answer = {usual.delay, kGoBackResult, static_cast<std::uint32_t>(fault.value)};
+        discardFrom(*answer.packet);
         break;
     case PacketFault::Kind::Late:
         answer.delay += fault.value;

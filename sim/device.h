@@ -18,19 +18,9 @@ constexpr int kNoAnswer = -3;   // no such device on the bus, or the link is dow
 constexpr int kRefused = -5;    // the device does not do that now
 }  // namespace result
 
-constexpr std::size_t kPacketBytes = 64;
-
 constexpr std::uint32_t kArmTarget = 0x200;
 constexpr std::uint32_t kDspTarget = 0x201;
 constexpr std::uint32_t kBoosterArmTarget = 0x202;
-
-// What a device answers to a packet, through the transfer callback.
-struct PacketAnswer {
-    std::int32_t result = 0;
-    std::uint32_t packet = 0;
-    Microseconds delay = 0;
-};
-using PacketAnswers = std::vector<PacketAnswer>;
 
 // One bus member and, for an Orvin, its firmware: what was announced to it, received and installed.
 // It knows no time and no threads; the bus brings both, and holds its lock around every call.
@@ -51,8 +41,7 @@ public:
     int startUpdate(std::uint32_t target);
 
     // A data packet of kPacketBytes, which the device answers after that delay if nothing is wrong.
-    PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes,
-                          Microseconds usualDelay = 0);
+    PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds usualDelay);
 
     // ---- its history ----
 
@@ -64,7 +53,7 @@ public:
     // The next list of what the bus reported about it; null when there is none left.
     const std::vector<BusChange>* takeChanges();
 
-    // ----
+    // ---- what can happen at any moment ----
 
     // Forgets the packets from `packet` on, as a device does that asks for them again.
     void discardFrom(std::uint32_t packet);

@@ -29,7 +29,7 @@ public:
 };
 
 // The event queue of a new bus. Which clock it runs on is settled when the program is linked:
-// real_time_queue.cpp or virtual_time.cpp.
+// real_time_queue.cpp, or the virtual time of the tests.
 std::unique_ptr<EventQueue> makeEventQueue();
 
 }  // namespace sim

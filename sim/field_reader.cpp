@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "sim/bus_file_error.h"
+
 namespace sim {
 
 namespace {

@@ -4,18 +4,11 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <stdexcept>
 #include <string>
 
 namespace sim {
 
 using Json = nlohmann::ordered_json;
-
-// Names, in one line, the place in the bus file and what is wrong there.
-class BusFileError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 // Reads the fields of one JSON object. Every error names the place; a field that was not asked
 // for is an error, too, since a fault with a misspelt name would be a healthy device.

@@ -9,12 +9,14 @@
 
 namespace sim {
 
-// One transfer callback after a data packet that was sent.
-struct PacketReply {
-    Microseconds delay = 0;
+// What a device answers to a data packet, through the transfer callback.
+struct PacketAnswer {
+    Microseconds delay = 0;  // from the sending
     std::int32_t result = 0;
-    std::optional<std::uint32_t> packet = {};  // none: the number of the packet that was sent
+    std::optional<std::uint32_t> packet =
+        {};  // none, in a bus file: that of the packet that was sent
 };
+using PacketAnswers = std::vector<PacketAnswer>;
 
 // One report of the bus about a device.
 struct BusChange {
@@ -24,7 +26,7 @@ struct BusChange {
 
 // What a device once did by itself and does again, in the same order.
 struct History {
-    std::vector<std::vector<PacketReply>> packets;  // to each data packet that any device is sent
+    std::vector<PacketAnswers> packets;  // to each data packet that any device is sent
     // After the opening of the connection, then after each start of an update of this device. A
     // start with such a list installs at once and restarts nothing.
     std::vector<std::vector<BusChange>> changes;

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "sim/field_reader.h"
+#include "sim/bus_file_error.h"
 #include "sim/replace_file.h"
 
 namespace sim {

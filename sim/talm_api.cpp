@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "sim/bus.h"
+#include "sim/bus_opener.h"
 #include "sim/identifier.h"
 #include "sim/one_line.h"
 

@@ -41,6 +41,23 @@ TEST(Edges, TheCommandLineHasToDescribeAMode) {
     }
 }
 
+// Initializes no handle.
+class NoHandle : public sim::Observer {
+    std::optional<sim::Intervention> before(const sim::Call& call) override {
+        const bool steps = call.function == Function::Initialize;
+        return steps ? std::optional(sim::Intervention{-1}) : std::nullopt;
+    }
+};
+
+TEST(Edges, WithoutAHandleNothingElseIsAsked) {
+    NoHandle observer;
+    const ToolRun run = runTool(describedRun(R"({"run": "-l -m mem:status"})"), {&observer});
+    EXPECT_EQ(run.exitStatus, 132);
+    EXPECT_TRUE(run.printed("Error: Couldn't init talmapi connection\n"));
+    EXPECT_EQ(run.records.size(), 1U);
+    EXPECT_TRUE(run.messages.empty());
+}
+
 TEST(Edges, TheBudgetOfAGroupGrowsMoreSteeplyFrom41DevicesOn) {
     ToolSetup run = describedRun(R"({"run": "-B -p mem:arm"})");
     for (int number = 1; number <= 40; ++number) {
@@ -71,7 +88,7 @@ TEST(Edges, ProgressRoundsUpInStepsOfFive) {
 // A hundredfold of what is left fits 32 bits up to 42,949,672 bytes.
 TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     ToolSetup run = upgrade(0);
-    run.results = {{"ImageTransfer_data", -1}};
+    run.bus.callFaults = {{Function::Data, std::nullopt, {true, 0, {}}}};
     std::string& image = run.files["mem:image"];
     for (const auto& [size, percents] :
          {std::pair{42'949'672U, "0 0 "}, {42'949'673U, "100 100 "}}) {

@@ -8,6 +8,7 @@
 
 #include "orvin-image/image_file.h"
 #include "sim/bus_file.h"
+#include "sim/bus_file_error.h"
 #include "sim/firmware_checksum.h"
 #include "support/files.h"
 #include "support/tool_run.h"
@@ -27,7 +28,7 @@ std::string upgradeWith(const Bytes& content, const std::vector<std::uint32_t>& 
     Bytes padded = content;
     padded.resize(size + sim::kPacketBytes);
     for (const std::uint32_t packet : packets) {
-        device.receive(packet, &padded[packet * sim::kPacketBytes]);
+        device.receive(packet, &padded[packet * sim::kPacketBytes], 0);
     }
     std::uint16_t announced = 0;
     std::uint16_t computed = 0;

@@ -13,7 +13,7 @@
 #include "core/error_info.h"
 #include "group/orvin_group.h"
 #include "orvin-image/image_file.h"
-#include "sim/bus.h"
+#include "sim/bus_opener.h"
 #include "status/message_writer.h"
 #include "support/files.h"
 #include "transfer/transfer_session.h"
@@ -42,7 +42,7 @@ public:
 
 std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     using Kind = sim::PacketFault::Kind;
-    constexpr Kind kinds[] = {Kind::GoBack, Kind::Answer, Kind::Twice};
+    constexpr Kind kinds[] = {Kind::GoBack, Kind::Result, Kind::Twice};
     sim::BusDescription bus;
     bus.trace = trace;
     for (std::uint32_t device = 1; device <= kDevices; ++device) {

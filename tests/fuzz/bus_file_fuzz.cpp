@@ -4,6 +4,7 @@
 #include <string>
 
 #include "sim/bus_file.h"
+#include "sim/bus_file_error.h"
 #include "sim/one_line.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

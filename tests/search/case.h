@@ -2,9 +2,7 @@
 #ifndef TESTS_SEARCH_CASE_H
 #define TESTS_SEARCH_CASE_H
 
-#include <functional>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -74,30 +72,5 @@ ToolRun runCase(const Case& searched);
 
 // The identifier of the device that a call goes to; empty for none.
 std::string deviceOf(const sim::Call& call);
-
-// Every fault that can strike at the call, which is the one at that index in a run of the case;
-// none if it is a callback.
-std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);
-
-// Each base case, alone and with every fault at every call.
-// Cases are made only when they are run.
-using Visit = std::function<void(const std::function<Case()>& make)>;
-void forEachSingle(const Visit& visit);
-
-// Each base case with every pair of faults: the second one at any call of the run with the first.
-void forEachPair(const Visit& visit);
-
-// Any command line, images and bus, with any mixture of faults; the same seed gives the same.
-Case randomCase(std::uint32_t seed);
-
-// The promises of docs/reliability.md that a run of the case breaks, one line each.
-std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run);
-
-// What is other when the tool runs again on the bus that `orvin-recording bus` makes of a recording
-// of the run. Throws CannotBeHadAgain when it makes none.
-struct CannotBeHadAgain : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-std::vector<std::string> differencesAgain(const Case& searched, const ToolRun& run);
 
 #endif

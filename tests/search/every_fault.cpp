@@ -1,10 +1,11 @@
 // The base cases, and every fault that can strike in them.
 
+#include "search/every_fault.h"
+
 #include <algorithm>
 #include <map>
 #include <tuple>
 
-#include "search/case.h"
 #include "sim/identifier.h"
 
 namespace {
@@ -83,7 +84,7 @@ std::vector<PacketFault> packetFaults(std::int64_t packet) {
         faults.push_back(PacketFault::next(kind));
     }
     for (const int result : {1, -1, 18}) {
-        faults.push_back(PacketFault::next(Kind::Answer, result));
+        faults.push_back(PacketFault::next(Kind::Result, result));
     }
     for (const Microseconds delay : {kSecond / 500, 6 * kSecond, 11 * kSecond}) {
         faults.push_back(PacketFault::next(Kind::Late, delay));

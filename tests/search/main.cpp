@@ -1,11 +1,11 @@
 // fault-search: runs the tool with faults at its bus calls, in virtual time, and reports the runs
 // that break a promise.
 //
-//     fault-search [again] single|pairs|random [PART PARTS]
+//     fault-search [repeat] single|pairs|random [PART PARTS]
 //
-// runs every case, or of that many parts the one of that number, from 0. One case is had again by
-// its number, as a part of 99999999. With `again` it reports instead the runs that go another way
-// on the bus that `orvin-recording bus` makes of them.
+// runs every case, or of that many parts the one of that number, from 0. A single case runs
+// again by its number, as a part of 99999999. With `repeat` it reports instead the runs that go
+// another way on the bus that `orvin-recording bus` makes of them.
 
 #include <unistd.h>
 
@@ -13,7 +13,10 @@
 #include <iostream>
 #include <map>
 
-#include "search/case.h"
+#include "search/every_fault.h"
+#include "search/promises.h"
+#include "search/random_case.h"
+#include "search/repeat.h"
 
 namespace {
 
@@ -47,7 +50,7 @@ struct Search {
     void tryCheck(const std::string& number, const Case& searched) {
         try {
             check(number, searched);
-        } catch (const CannotBeHadAgain& reason) {
+        } catch (const CannotBeRepeated& reason) {
             ++refused;
             std::cerr << number << ": " << searched.name << '\n' << reason.what();
         }
@@ -55,12 +58,12 @@ struct Search {
 
     void check(const std::string& number, const Case& searched) {
         const ToolRun run = runCase(searched);
-        const std::vector<std::string> broken = findWrong(searched, run);
-        if (broken.empty()) {
+        const std::vector<std::string> wrongs = findWrong(searched, run);
+        if (wrongs.empty()) {
             return;
         }
         std::cerr << number << ": " << searched.name << '\n';
-        for (const std::string& what : broken) {
+        for (const std::string& what : wrongs) {
             std::cerr << "WRONG: " << what << '\n';
         }
         if (++wrong == 1) {
@@ -79,8 +82,8 @@ void forEachSeed(const Visit& visit) {
 
 int main(int argc, char** argv) {
     Search search;
-    if (argc > 1 && std::string(argv[1]) == "again") {
-        search.findWrong = differencesAgain;
+    if (argc > 1 && std::string(argv[1]) == "repeat") {
+        search.findWrong = differencesWhenRepeated;
         --argc;
         ++argv;
     }
@@ -88,7 +91,7 @@ int main(int argc, char** argv) {
         {"single", forEachSingle}, {"pairs", forEachPair}, {"random", forEachSeed}};
     const auto chosen = searches.find(argc > 1 ? argv[1] : "");
     if (chosen == searches.end() || argc == 3 || argc > 4) {
-        std::cerr << "Usage: fault-search [again] single|pairs|random [PART PARTS]\n";
+        std::cerr << "Usage: fault-search [repeat] single|pairs|random [PART PARTS]\n";
         return 2;
     }
     if (argc == 4) {

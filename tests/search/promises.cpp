@@ -1,11 +1,12 @@
 // What docs/reliability.md promises, one function for each promise and in its order. They judge a
 // run by the bus calls, the files and the output alone.
 
+#include "search/promises.h"
+
 #include <algorithm>
 #include <map>
 #include <sstream>
 
-#include "search/case.h"
 #include "sim/identifier.h"
 
 namespace {
@@ -237,7 +238,7 @@ private:
                 "runs another version, and the tool does not say so", device);
     }
 
-    // A healthy device on a sound bus gets all that it was chosen for, and nothing in vain.
+    // A healthy device on a sound bus gets every image that it needs, and no other.
     void checkServed(const sim::MemberDescription& member, const std::string& device) {
         require(!searched.has("-l") || run.printed(device), "not listed", device);
         require(notUpgraded.count(device) == 0, "healthy, but not upgraded", device);
@@ -251,7 +252,7 @@ private:
             });
         const bool endedEarly = !notUpgraded.empty();  // other devices ended it before all images
         require(endedEarly || (updated.count(device) != 0) == (chosen && needed),
-                "passed over, or updated in vain", device);
+                "passed over, or updated without need", device);
     }
 
     void findAttempts() {

@@ -1,8 +1,10 @@
+#include "search/random_case.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <random>
 
-#include "search/case.h"
+#include "search/every_fault.h"
 
 namespace {
 

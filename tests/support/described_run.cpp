@@ -48,9 +48,8 @@ ToolSetup describedRun(const std::string& json) {
     ToolSetup setup;
     setup.arguments = wordsOf(description.at("run"));
     setup.files = standardImages();
-    setup.results = description.value("results", setup.results);
     setup.errors = description.value("errors", setup.errors);
-    for (const char* field : {"run", "results", "errors"}) {
+    for (const char* field : {"run", "errors"}) {
         description.erase(field);
     }
     Json& members = description.emplace("members", Json::array()).first.value();

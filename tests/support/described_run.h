@@ -4,7 +4,7 @@
 
 #include "support/tool_run.h"
 
-// The fields: "run", the command line; "results" and "errors", as in ToolSetup; those of a bus
+// The fields: "run", the command line; "errors", as in ToolSetup; those of a bus
 // file, where a member's "id" may be a number (see orvinText) and what is left out makes it an
 // Orvin with old firmware. All of the images of standardImages can be used.
 ToolSetup describedRun(const std::string& json);

@@ -8,6 +8,7 @@
 #include "core/run_config.h"
 #include "orvin-image/image_file.h"
 #include "recording/lines.h"
+#include "sim/bus_opener.h"
 #include "sim/identifier.h"
 #include "status/message_writer.h"
 
@@ -24,21 +25,14 @@ bool dropMessageWriter() {
     }
 }
 
-// Notes every call and every callback, and lets calls end with other results than their own. They
-// are carried out all the same, but for the one that would give the handle.
+// Notes every call and every callback.
 class Recorder : public sim::Observer {
 public:
-    explicit Recorder(const std::map<std::string, int>& byName) : results(byName) {}
-
     std::optional<sim::Intervention> before(const sim::Call& call) override {
         underWay.push_back(records.size());
         records.push_back(
             {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
-        const auto found = results.find(sim::nameOf(call.function));
-        if (found == results.end()) {
-            return std::nullopt;
-        }
-        return sim::Intervention{found->second, call.function != sim::Function::Initialize};
+        return std::nullopt;
     }
     void after(const sim::Call& call) override {
         Record& record = records[underWay.back()];
@@ -50,7 +44,6 @@ public:
     std::vector<Record> records;
 
 private:
-    const std::map<std::string, int>& results;
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
@@ -123,7 +116,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& obser
     time.reset();
     time.limit = setup.timeLimit;
     time.beforeSleep = [&](sim::Microseconds duration) { run.late += lateOutput(duration); };
-    Recorder recorder(setup.results);
+    Recorder recorder;
     sim::observers() = observers;
     sim::observers().push_back(&recorder);
     auto bus = std::make_shared<sim::Bus>(setup.bus);

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "sim/bus.h"
-#include "sim/virtual_time.h"
 #include "support/memory_system.h"
+#include "support/virtual_time.h"
 
 constexpr std::uint32_t kArm = 0x200;
 constexpr std::uint32_t kDsp = 0x201;
@@ -23,7 +23,6 @@ struct ToolSetup {
     std::vector<std::string> arguments;        // the connection to the bus is added in front
     std::map<std::string, std::string> files;  // content by name, "mem:..."
     sim::BusDescription bus;
-    std::map<std::string, int> results;     // of bus calls that end otherwise, by name
     std::map<std::string, int> errors;      // of system calls: "read #5", "lock 1 #2" (mutex 1)
     std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;

@@ -1,7 +1,8 @@
+#include "orvin-image/create.h"
+
 #include <iostream>
 #include <stdexcept>
 
-#include "orvin-image/commands.h"
 #include "orvin-image/image_file.h"
 
 namespace orvin_image {

@@ -15,7 +15,8 @@
 #include <string>
 
 #include "image/firmware_target.h"
-#include "orvin-image/commands.h"
+#include "orvin-image/create.h"
+#include "orvin-image/show.h"
 #include "sim/one_line.h"
 
 namespace {

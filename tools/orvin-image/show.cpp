@@ -1,3 +1,5 @@
+#include "orvin-image/show.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,7 +14,6 @@
 
 #include "core/error_info.h"
 #include "image/firmware_image.h"
-#include "orvin-image/commands.h"
 #include "orvin-image/content.h"
 #include "orvin-image/failure.h"
 #include "sim/firmware_checksum.h"

@@ -15,36 +15,15 @@ DAMAGED = 1
 FAILED = 2
 
 
-def _summary(arguments, recording):
-    analysis = Analysis(recording)
-    if arguments.json:
-        json.dump(summary.as_object(analysis), sys.stdout, indent=2)
-        print()
-    else:
-        sys.stdout.write(summary.as_text(analysis))
-
-
-def _plot(arguments, recording):
-    try:
-        plot.write(Analysis(recording), arguments.output)
-    except OSError as error:  # may name the temporary file, or none
-        raise OSError(error.errno, error.strerror, arguments.output) from None
-
-
-def _bus(_, recording):
-    bus.write(recording, sys.stdout)
-
-
 def _parse():
     parser = argparse.ArgumentParser(prog="orvin-recording", description="Shows what happened on a bus.")
-    subcommands = parser.add_subparsers(required=True, metavar="SUBCOMMAND")
-    for name, run, text in (
-        ("summary", _summary, "tell what took so long, and which device"),
-        ("plot", _plot, "draw a lane for each device"),
-        ("bus", _bus, "print a bus file whose devices do what those did"),
+    subcommands = parser.add_subparsers(required=True, metavar="SUBCOMMAND", dest="subcommand")
+    for name, text in (
+        ("summary", "tell what took so long, and which device"),
+        ("plot", "draw a lane for each device"),
+        ("bus", "print a bus file whose devices do what those did"),
     ):
         subcommand = subcommands.add_parser(name, help=text, description=text.capitalize() + ".")
-        subcommand.set_defaults(run=run)
         subcommand.add_argument("recording", metavar="FILE", help="a recording")
         if name == "summary":
             subcommand.add_argument("--json", action="store_true", help="print JSON")
@@ -53,40 +32,49 @@ def _parse():
     return parser.parse_args()
 
 
-def _complain(what):
-    print(printable(f"orvin-recording: {what}"), file=sys.stderr)
+def _show(recording, arguments):
+    if arguments.subcommand == "bus":
+        bus.write(recording, sys.stdout)
+    elif arguments.subcommand == "plot":
+        plot.write(Analysis(recording), arguments.output)
+    elif arguments.json:
+        print(json.dumps(summary.as_object(Analysis(recording)), indent=2))
+    else:
+        print(summary.as_text(Analysis(recording)))
+    sys.stdout.flush()
+
+
+def _complain(file, what):
+    print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
 
 
 def _run(arguments):
+    file = arguments.recording
     try:
-        recording = reader.read(arguments.recording)
-    except (OSError, reader.Unreadable) as error:
-        _complain(f"{arguments.recording}: {getattr(error, 'strerror', None) or error}")
+        recording = reader.read(file)
+        if recording.problem:
+            _complain(file, recording.problem)
+        file = getattr(arguments, "output", "standard output")
+        if not sys.stdout:
+            raise OSError(errno.EBADF, os.strerror(errno.EBADF))
+        sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
+        _show(recording, arguments)
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
         return FAILED
-    if recording.problem:
-        _complain(f"{arguments.recording}: {recording.problem}")
-    if not sys.stdout:
-        raise OSError(errno.EBADF, os.strerror(errno.EBADF))
-    sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
-    try:
-        arguments.run(arguments, recording)
-    except bus.CannotBeHadAgain as error:
-        _complain(f"{arguments.recording}: {error}")
+    except (OSError, reader.Unreadable) as error:
+        _complain(file, getattr(error, "strerror", None) or error)
+        return FAILED
+    except bus.CannotBeRepeated as error:
+        _complain(arguments.recording, error)
         return DAMAGED
-    sys.stdout.flush()
     return DAMAGED if recording.problem else 0
 
 
 def main():
-    gc.disable()  # a recording has a million events, and no cycles
+    gc.disable()  # a recording has a million events, and hardly a cycle
     try:
         return _run(_parse())
-    except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
-        return FAILED
-    except OSError as error:
-        _complain(f"{error.filename or 'standard output'}: {error.strerror}")
-        return FAILED
     except KeyboardInterrupt:
         return 130
 

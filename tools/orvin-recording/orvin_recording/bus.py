@@ -32,20 +32,20 @@ ONLY_ASK = {"open", "link_state", "get_members", "type_query", "is_talm", "versi
 SUCCESS = {"result": 0, "carried_out": True}
 
 
-class CannotBeHadAgain(Exception):
+class CannotBeRepeated(Exception):
     """Names the line of what no bus file can say."""
 
     def __init__(self, line, reason):
-        super().__init__(f"line {line}: cannot be had again: {reason}")
+        super().__init__(f"line {line}: cannot be repeated: {reason}")
 
 
 def write(recording, out):
-    """Raises CannotBeHadAgain."""
+    """Raises CannotBeRepeated."""
     if recording.damaged:  # the calls are told apart by their number
-        raise CannotBeHadAgain(recording.damaged[0], "damaged")
+        raise CannotBeRepeated(recording.damaged[0], "damaged")
     events = sorted(recording.events, key=lambda event: event.at)  # what is of the same moment stays in order
     for event in events:
-        _reject_what_cannot_be_had_again(event)
+        _reject_what_cannot_be_repeated(event)
     members = [Member(device) for device in _devices(events)]
     _follow(events, {member.id: member for member in members})
     bus_calls = {name: [event for event in events if event.name == call] for call, name in BUS_CALLS.items()}
@@ -53,11 +53,11 @@ def write(recording, out):
     out.write(_text(bus) + "\n")
 
 
-def _reject_what_cannot_be_had_again(event):
+def _reject_what_cannot_be_repeated(event):
     if event.name == "TalmApiInitialize" and event.result != 0:
-        raise CannotBeHadAgain(event.line, "there is no bus without a handle")
+        raise CannotBeRepeated(event.line, "there is no bus without a handle")
     if event.device == "all" and event.name != "ImageTransfer_data":
-        raise CannotBeHadAgain(event.line, f"{event.name} for all devices")
+        raise CannotBeRepeated(event.line, f"{event.name} for all devices")
 
 
 def _devices(events):
@@ -122,13 +122,13 @@ def _follow(events, members):
                 each.packets.append((event.packet, []))
         elif event.name == "TransferCallback":
             if sent is None:
-                raise CannotBeHadAgain(event.line, "a transfer callback before any data")
+                raise CannotBeRepeated(event.line, "a transfer callback before any data")
             member.answered = True
             member.packets[-1][1].append([event.at - sent.at, event.result, event.packet])
         elif event.name == "BusChangeCallback":
             since = started.get(member.id, opened)
             if since is None:
-                raise CannotBeHadAgain(event.line, "a bus change before the connection is open")
+                raise CannotBeRepeated(event.line, "a bus change before the connection is open")
             member.changes[-1].append([event.at - since.at, _field(event, "event")])
         elif event.name in DEVICE_CALLS:
             member.calls[DEVICE_CALLS[event.name]].append(event)
@@ -139,7 +139,7 @@ def _follow(events, members):
 
 def _field(event, name):
     if name not in event.fields:
-        raise CannotBeHadAgain(event.line, f"no {name}")
+        raise CannotBeRepeated(event.line, f"no {name}")
     return event.fields[name]
 
 

@@ -11,13 +11,11 @@ def printable(text):
 
 @dataclass(slots=True)
 class Mark:
-    """Something that happened to a device: late, lost, resend, go_back, fault, removed, check, install, away, joined.
-
-    `late` and `lost` last from the sending of a packet to the answer; before that of `lost`, it was sent again."""
+    """Something that happened to a device: late, resend, go_back, fault, removed, check, install, away, joined."""
 
     kind: str
     begin: int
-    end: int | None  # none: it goes on
+    end: int
     text: str
 
 
@@ -33,6 +31,7 @@ class Device:
     marks: list[Mark] = field(default_factory=list)
     lost: Counter = field(default_factory=Counter)  # time that the run took longer because of it, by cause
     failed_calls: int = 0
+    state: Mark | None = None  # while it installs or is away
 
     @property
     def title(self):
@@ -41,15 +40,15 @@ class Device:
     def mark(self, kind, begin, end, text):
         self.marks.append(Mark(kind, begin, end, text))
 
-    def open(self, kind, at, text):
-        """The mark goes on until close."""
-        if not any(mark.kind == kind and mark.end is None for mark in self.marks):
-            self.mark(kind, at, None, text)
-
-    def close(self, at, *kinds):
-        for mark in self.marks:
-            if mark.end is None and mark.kind in kinds:
-                mark.end = at
+    def turn(self, at, kind, text=""):
+        """From now on the device installs or is away; kind none: it is there."""
+        if self.state and self.state.kind == kind:
+            return
+        if self.state:
+            self.state.end = at
+        self.state = Mark(kind, at, at, text) if kind else None
+        if kind:
+            self.marks.append(self.state)
 
     def marked(self, kind):
         return [mark for mark in self.marks if mark.kind == kind]
@@ -58,23 +57,3 @@ class Device:
         """How long its marks of the kind last together; none: it has none."""
         marks = self.marked(kind)
         return sum(mark.end - mark.begin for mark in marks) if marks else None
-
-
-def lose(cause, shares):
-    for device, lost in shares.items():
-        device.lost[cause] += lost
-
-
-def share_wait(times, usual, poll):
-    """For each device its part of the wait after `usual`: those that the tool waits for together share alike.
-    The tool sees an answer when it looks, each `poll`."""
-    shares = Counter()
-    seen = -(-usual // poll)
-    order = sorted(times, key=times.get)
-    for position, device in enumerate(order):
-        now = -(-times[device] // poll)
-        if now > seen:
-            part = (now - seen) * poll / (len(order) - position)
-            shares.update(dict.fromkeys(order[position:], part))
-            seen = now
-    return shares

@@ -2,19 +2,16 @@
 
 import json
 from dataclasses import dataclass, field
-from operator import index
 
 VERSION = 1
 LONGEST = 1e15  # microseconds
-NO_FIELDS = {}
-
-TYPES = {
+TYPES = {  # of the values on a line; all others are integers
+    **dict.fromkeys(("call", "callback", "device", "name", "connection", "crc32"), str),
+    **dict.fromkeys(("members", "by", "after", "threads"), list),
     **dict.fromkeys(("t", "took"), (int, float)),
-    **dict.fromkeys(("call", "callback", "device", "name"), str),
-    **dict.fromkeys(("members", "by", "after"), list),
-    **dict.fromkeys(("result", "packet", "thread", "acknowledged", "event", "target"), int),
-    **dict.fromkeys(("hw", "arm", "dsp", "booster_arm", "api", "first_output", "second_output"), int),
 }
+DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
+NO_FIELDS = {}
 
 
 class Unreadable(Exception):
@@ -32,20 +29,15 @@ class Event:
     result: int = 0
     packet: int | None = None  # of ImageTransfer_data and TransferCallback
     took: int = 0
-    thread: int = 1
     fields: dict = field(default_factory=dict)  # all that stands on the line; none for acknowledgements
-
-    @property
-    def is_callback(self):
-        return self.name.endswith("Callback") and not self.name.startswith("TalmApi")
 
 
 @dataclass
 class Recording:
     """One run. The events stand in the order in which they were noted."""
 
-    started: str = ""
-    command: list[str] = field(default_factory=list)
+    started: str
+    command: list[str]
     events: list[Event] = field(default_factory=list)
     problem: str = ""  # in one line; none: the recording is whole
     damaged: list[int] = field(default_factory=list)  # the lines that are left out
@@ -53,21 +45,10 @@ class Recording:
 
 def read(path):
     """The first run in the file. Raises OSError or Unreadable."""
-    recording = Recording()
-    numbers = {}
-    damaged = recording.damaged
     with open(path, "rb") as file:
-        _read_header(recording, file.readline())
-        for line, text in enumerate(file, start=2):
-            try:
-                entry = _checked(json.loads(text))
-                if "orvin-recording" in entry:
-                    recording.problem = f"line {line}: another run begins, which is left out"
-                    break
-                recording.events.extend(_events(line, entry, numbers))
-            except (ValueError, TypeError, KeyError, OverflowError, RecursionError):
-                if text.endswith(b"\n"):  # else it was cut off
-                    damaged.append(line)
+        recording = _header(file.readline())
+        _read_lines(recording, file)
+    damaged = recording.damaged
     if not recording.events:
         raise Unreadable("line 2: no call or callback follows")
     if damaged:
@@ -78,55 +59,57 @@ def read(path):
     return recording
 
 
-def _read_header(recording, text):
+def _header(text):
     try:
         header = json.loads(text)
         version = header["orvin-recording"]
-        recording.started = str(header.get("started", ""))
-        recording.command = [str(argument) for argument in header.get("command", [])]
-    except (ValueError, TypeError, KeyError, RecursionError):
+        recording = Recording(str(header.get("started", "")), [str(word) for word in header.get("command", [])])
+    except DAMAGE:
         raise Unreadable("line 1: not a recording") from None
     if version != VERSION:
         raise Unreadable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
+    return recording
 
 
-def _checked(entry):
-    for key, value in dict.items(entry):
-        if not isinstance(value, TYPES.get(key, object)):
-            raise TypeError
-    if not 0 <= entry.get("t", 0) * 1e6 <= LONGEST or not 0 <= entry.get("took", 0) * 1e6 <= LONGEST:
-        raise ValueError
-    return entry
+def _read_lines(recording, file):
+    devices = {}  # by the number that stands for them in acknowledgements
+    for line, text in enumerate(file, start=2):
+        try:
+            entry = json.loads(text)
+            if "orvin-recording" in entry:
+                recording.problem = f"line {line}: another run begins, which is left out"
+                return
+            recording.events += _events(line, entry, devices)
+        except DAMAGE:
+            if text.endswith(b"\n"):  # else the recording was cut off here
+                recording.damaged.append(line)
 
 
-def _events(line, entry, numbers):
+def _events(line, entry, devices):
+    if not all(isinstance(value, TYPES.get(key, int)) for key, value in entry.items()):
+        raise TypeError
     if "number" in entry:
-        numbers[entry["number"]] = entry["device"]
+        devices[entry["number"]] = entry["device"]
         return []
-    at = round(entry["t"] * 1e6)
-    thread = entry.get("thread", 1)
+    at, took = _checked(round(entry["t"] * 1e6)), _checked(round(entry.get("took", 0) * 1e6))
     if "acknowledged" in entry:
-        return _acknowledgements(line, at, entry, numbers)
+        return _acknowledgements(line, at, entry, devices)
     name = entry.get("call") or entry["callback"]
-    needed = [] if name.startswith("TalmApi") and name != "TalmApiIsTalm" else ["device"]
-    needed += ["packet"] if name in ("ImageTransfer_data", "TransferCallback") else []
-    if not entry.keys() >= set(needed):
-        raise KeyError
-    took = round(entry.get("took", 0) * 1e6)
-    device, result, packet = entry.get("device"), entry.get("result", 0), entry.get("packet")
-    return [Event(line, at, name, device, result, packet, took, thread, entry)]
+    is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
+    device = entry.get("device") if is_about_bus else entry["device"]
+    packet = entry["packet"] if name in ("ImageTransfer_data", "TransferCallback") else None
+    return [Event(line, at, name, device, entry.get("result", 0), packet, took, entry)]
 
 
-def _acknowledgements(line, at, entry, numbers):
+def _acknowledgements(line, at, entry, devices):
     events = []
-    packet = entry["acknowledged"]
-    runs = entry.get("threads") or [entry.get("thread", 1), len(entry["by"])]
-    if any(length > len(entry["by"]) for length in runs[1::2]):
-        raise ValueError
-    threads = [thread for thread, length in zip(runs[::2], runs[1::2], strict=True) for _ in range(length)]
-    for number, after, thread in zip(entry["by"], entry["after"], threads, strict=True):
-        at += index(after)
-        if not 0 <= at <= LONGEST:
-            raise ValueError
-        events.append(Event(line, at, "TransferCallback", numbers[number], 0, packet, 0, thread, NO_FIELDS))
+    for number, after in zip(entry["by"], entry["after"], strict=True):
+        at = _checked(at + after)
+        events.append(Event(line, at, "TransferCallback", devices[number], 0, entry["acknowledged"], 0, NO_FIELDS))
     return events
+
+
+def _checked(microseconds):
+    if not isinstance(microseconds, int) or not 0 <= microseconds <= LONGEST:
+        raise ValueError
+    return microseconds

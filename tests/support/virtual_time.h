@@ -1,5 +1,5 @@
-#ifndef SIM_VIRTUAL_TIME_H
-#define SIM_VIRTUAL_TIME_H
+#ifndef TESTS_SUPPORT_VIRTUAL_TIME_H
+#define TESTS_SUPPORT_VIRTUAL_TIME_H
 
 #include <functional>
 #include <limits>

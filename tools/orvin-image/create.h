@@ -1,5 +1,5 @@
-#ifndef ORVIN_IMAGE_COMMANDS_H
-#define ORVIN_IMAGE_COMMANDS_H
+#ifndef ORVIN_IMAGE_CREATE_H
+#define ORVIN_IMAGE_CREATE_H
 
 #include <cstdint>
 #include <optional>
@@ -18,11 +18,8 @@ struct CreateOptions {
     bool addDescriptor = false;
 };
 
-// Both return the exit status. Throw std::runtime_error for what the user must be told.
+// Returns the exit status. Throws std::runtime_error for what the user must be told.
 int create(const CreateOptions& options);
-
-// 1 when the upgrade tool would refuse the image.
-int show(const std::string& path, bool asJson);
 
 }  // namespace orvin_image
 

@@ -1,13 +1,14 @@
+#include "search/repeat.h"
+
 #include <cstdlib>
 #include <limits>
 
-#include "search/case.h"
 #include "sim/bus_file.h"
 #include "support/files.h"
 
 namespace {
 
-// The bus on which the run is to be had again.
+// The bus on which the run is repeated.
 sim::BusDescription busOf(const ToolRun& run) {
     static const TemporaryDirectory directory;
     const std::string recording = directory / "recording";
@@ -18,30 +19,30 @@ sim::BusDescription busOf(const ToolRun& run) {
         "'" ORVIN_RECORDING "' bus " + recording + " >" + bus + " 2>" + complaints;
     const bool complains = std::system(command.c_str()) != 0;  // also of a session without an end
     const std::string complaint = readText(complaints);
-    if (complains && complaint.find("cannot be had again") != std::string::npos) {
-        throw CannotBeHadAgain(complaint);
+    if (complains && complaint.find("cannot be repeated") != std::string::npos) {
+        throw CannotBeRepeated(complaint);
     }
     return sim::describeBus(sim::parseBusFile(readText(bus)));
 }
 
 }  // namespace
 
-std::vector<std::string> differencesAgain(const Case& searched, const ToolRun& run) {
-    Case again = searched;
-    again.setup.bus = busOf(run);
-    for (Fault& fault : again.faults) {
+std::vector<std::string> differencesWhenRepeated(const Case& searched, const ToolRun& run) {
+    Case repeated = searched;
+    repeated.setup.bus = busOf(run);
+    for (Fault& fault : repeated.faults) {
         fault.call = std::numeric_limits<std::size_t>::max();  // strikes no more
     }
-    const ToolRun second = runCase(again);
+    const ToolRun second = runCase(repeated);
     std::vector<std::string> differences;
     if (second.console != run.console) {
-        differences.push_back("had again, the console is:\n" + second.console);
+        differences.push_back("repeated, the console is:\n" + second.console);
     }
     if (second.messages != run.messages) {
-        differences.emplace_back("had again, the status messages are others");
+        differences.emplace_back("repeated, the status messages are different");
     }
     if (second.ended != run.ended || second.exitStatus != run.exitStatus) {
-        differences.emplace_back("had again, the run ends in another way");
+        differences.emplace_back("repeated, the run ends in another way");
     }
     return differences;
 }

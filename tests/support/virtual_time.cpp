@@ -1,4 +1,4 @@
-#include "sim/virtual_time.h"
+#include "support/virtual_time.h"
 
 #include <unistd.h>
 

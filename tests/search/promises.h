@@ -1,0 +1,12 @@
+#ifndef TESTS_SEARCH_PROMISES_H
+#define TESTS_SEARCH_PROMISES_H
+
+#include <string>
+#include <vector>
+
+#include "search/case.h"
+
+// The promises of docs/reliability.md that a run of the case breaks, one line each.
+std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run);
+
+#endif

@@ -1,0 +1,19 @@
+#ifndef TESTS_SEARCH_REPEAT_H
+#define TESTS_SEARCH_REPEAT_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "search/case.h"
+
+struct CannotBeRepeated : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// What is different, one line each, when the tool runs once more on the bus that
+// `orvin-recording bus` makes of a recording of the run. Throws CannotBeRepeated when it makes
+// none.
+std::vector<std::string> differencesWhenRepeated(const Case& searched, const ToolRun& run);
+
+#endif
