@@ -126,6 +126,12 @@ void addCall(Fields& line, const Call& call) {
     }
 }
 
+// One character, so that a line stays short.
+char threadMark(std::uint32_t thread) {
+    constexpr char kMarks[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+    return thread < sizeof kMarks - 1 ? kMarks[thread] : '?';
+}
+
 void addBeginning(Fields& line, const Moment& moment, bool withThread) {
     line.addTime("t", moment.at);
     if (withThread && moment.thread != 1) {
@@ -188,14 +194,12 @@ void Lines::addAcknowledgement(const Moment& moment, const vanid_t& device, std:
         pending.first = moment;
         pending.last = moment.at;
         pending.packet = packet;
-    } else if (moment.thread != pending.thread) {
-        pending.endThread();
     }
     appendItem(pending.by, number);
     appendItem(pending.after, moment.at - pending.last);
+    pending.threads += threadMark(moment.thread);
+    pending.oneThread = pending.oneThread && moment.thread == pending.first.thread;
     pending.last = moment.at;
-    pending.thread = moment.thread;
-    ++pending.inThread;
 }
 
 // Devices mostly acknowledge in the same order, so the search begins after the last one.
@@ -218,35 +222,37 @@ std::uint32_t Lines::numberOf(const vanid_t& device) {
     return number;
 }
 
-void Lines::Acknowledgements::endThread() {
-    appendItem(threads, thread);
-    appendItem(threads, inThread);
-    inThread = 0;
-}
-
 void Lines::finishAcknowledgements() {
     if (pending.by.empty()) {
         return;
     }
-    const bool oneThread = pending.threads.empty();
-    pending.endThread();
-    for (std::string* const list : {&pending.by, &pending.after, &pending.threads}) {
-        list->pop_back();  // the last comma
-    }
+    pending.by.pop_back();  // the last comma
+    pending.after.pop_back();
     text += '{';
     Fields line(text);
-    addBeginning(line, pending.first, oneThread);
+    addBeginning(line, pending.first, pending.oneThread);
     line.add("acknowledged", pending.packet);
-    text += ",\"by\":[" + pending.by + "],\"after\":[" + pending.after + ']';
-    text += oneThread ? "" : ",\"threads\":[" + pending.threads + ']';
+    text += pending.by == lastBy ? "" : ",\"by\":[" + pending.by + ']';
+    text += ",\"after\":[" + pending.after + ']';
+    text += pending.oneThread ? "" : ",\"threads\":\"" + pending.threads + '"';
     text += "}\n";
+    lastBy.swap(pending.by);
     for (std::string* const list : {&pending.by, &pending.after, &pending.threads}) {
         list->clear();
     }
+    pending.oneThread = true;
+    pending.timesLeft = 0;
 }
 
-std::string Lines::take() {
-    finishAcknowledgements();
+std::string Lines::take(bool isLast) {
+    constexpr int kMostTimesLeft = 3;
+    if (isLast || pending.timesLeft++ == kMostTimesLeft) {
+        finishAcknowledgements();
+    }
+    constexpr int kRepeatBy = 10;  // so that a damaged line spoils little of what follows
+    if (++timesTaken % kRepeatBy == 0) {
+        lastBy.clear();
+    }
     return std::exchange(text, {});
 }
 

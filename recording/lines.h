@@ -28,8 +28,9 @@ public:
     // A transfer callback with result 0. These share a line, packet by packet.
     void addAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
-    // The lines that were added since the last time.
-    std::string take();
+    // The lines that were added since the last time. Acknowledgements that may still get company
+    // stay for a few times, unless it is the last one.
+    std::string take(bool isLast);
 
 private:
     std::uint32_t numberOf(const vanid_t& device);
@@ -44,15 +45,15 @@ private:
         Moment first;
         Microseconds last = 0;
         std::uint32_t packet = 0;
-        std::string by;     // numbers with a comma behind each; empty: there are none
-        std::string after;  // microseconds, likewise
-        std::string threads;
-        std::uint32_t thread = 0;  // of the last ones
-        std::uint32_t inThread = 0;
-
-        void endThread();
+        std::string by;       // numbers with a comma behind each; empty: there are none
+        std::string after;    // microseconds, likewise
+        std::string threads;  // a character for each
+        bool oneThread = true;
+        int timesLeft = 0;  // by take
     };
     Acknowledgements pending;
+    std::string lastBy;  // of the last line that has it
+    int timesTaken = 0;
 };
 
 }  // namespace recording

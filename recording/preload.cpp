@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -35,6 +36,7 @@ std::once_flag begun;
 // Set before the first call is passed on, and not changed after that.
 Recording* current = nullptr;  // null: there is none
 Microseconds began = 0;
+pid_t recorded = 0;
 
 Microseconds now() {
     return clockNow() - began;
@@ -43,6 +45,7 @@ Microseconds now() {
 // Begins with the first call of the bus: a program without any is not recorded.
 void begin() {
     began = clockNow();
+    recorded = getpid();
     const char* const path = std::getenv("ORVIN_RECORDING");
     if (path == nullptr) {
         return;
@@ -50,7 +53,8 @@ void begin() {
     try {
         current = new Recording(path);  // a callback may come as long as the process runs
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "recording '%s' does not begin: %s\n", path, error.what());
+        recording::complain(std::string("recording '") + path +
+                            "' does not begin: " + error.what() + '\n');
     }
 }
 
@@ -99,7 +103,14 @@ int pass(const std::optional<vanid_t>& device, Function function, CarryOut carry
 
 // ---- callbacks ----
 
-void onTransfer(int32_t result, void* slot, vanid_t source, vanid_t other, uint32_t packet,
+// What the program has set. Never freed: a callback may still be on its way.
+struct Kept {
+    CallbackSlot slot;
+    Kept* before;
+};
+std::atomic<Kept*> kept{nullptr};  // the last one
+
+void onTransfer(int32_t result, void* argument, vanid_t source, vanid_t other, uint32_t packet,
                 uint32_t lastWord) {
     noted([&](Recording& recording) {
         const Moment moment{now(), 0, recording::threadNumber()};
@@ -109,25 +120,28 @@ void onTransfer(int32_t result, void* slot, vanid_t source, vanid_t other, uint3
             recording.note(moment, Call(Function::TransferCallback, source, {result, packet}));
         }
     });
-    const auto* const own = static_cast<const CallbackSlot*>(slot);
-    reinterpret_cast<TransferCallback>(own->function)(result, own->userArgument, source, other,
-                                                      packet, lastWord);
+    const CallbackSlot& own = static_cast<const Kept*>(argument)->slot;
+    reinterpret_cast<TransferCallback>(own.function)(result, own.userArgument, source, other,
+                                                     packet, lastWord);
 }
 
-void onBusChange(void* slot, const vanid_t* member, uint32_t event) {
+void onBusChange(void* argument, const vanid_t* member, uint32_t event) {
     noted([&](Recording& recording) {
         const Moment moment{now(), 0, recording::threadNumber()};
         recording.note(moment, Call(Function::BusChangeCallback, *member, {event}));
     });
-    const auto* const own = static_cast<const CallbackSlot*>(slot);
-    reinterpret_cast<BusChangeCallback>(own->function)(own->userArgument, member, event);
+    const CallbackSlot& own = static_cast<const Kept*>(argument)->slot;
+    reinterpret_cast<BusChangeCallback>(own.function)(own.userArgument, member, event);
 }
 
 // The slot to set in place of the program's: the callback above, in front of the program's own.
 CallbackSlot inFront(void (*callback)(), const CallbackSlot& slot) {
-    // Never freed: a callback may still be on its way.
-    auto* const own = slot.function == nullptr ? nullptr : new (std::nothrow) CallbackSlot(slot);
-    return own == nullptr ? slot : CallbackSlot{callback, own};
+    auto* const own = slot.function == nullptr ? nullptr : new (std::nothrow) Kept{slot, nullptr};
+    if (own == nullptr) {
+        return slot;
+    }
+    own->before = kept.exchange(own);
+    return {callback, own};
 }
 
 void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> numbers) {
@@ -135,8 +149,9 @@ void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> 
     call.text = slot.function == nullptr ? "cleared" : "set";
 }
 
+// A child that the process forked has no writer to wait for.
 __attribute__((destructor)) void finish() {
-    if (current != nullptr) {
+    if (current != nullptr && getpid() == recorded) {
         current->finish();
     }
 }

@@ -1,14 +1,15 @@
 #include "recording/recording.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -20,6 +21,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kBetweenWrites{200};
 constexpr std::chrono::seconds kLongestWrite{5};
+constexpr std::size_t kUsualBatch = 10'000;
 constexpr std::size_t kMostInMemory = 1'000'000;  // some 50 MB, when the disk does not answer
 
 // While there is one, the threads that start take no signals: those belong to the recorded program,
@@ -39,6 +41,13 @@ private:
 
 }  // namespace
 
+void complain(const std::string& line) {
+    pollfd output{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0) {
+        static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) < 0);
+    }
+}
+
 std::uint32_t threadNumber() {
     static std::atomic<std::uint32_t> last{0};
     static thread_local std::uint32_t number = 0;
@@ -46,12 +55,19 @@ std::uint32_t threadNumber() {
 }
 
 Recording::Recording(const std::string& file) : path(file) {
-    // Waits for no reader, if it is a pipe.
+    // The opening waits for no reader, if it is a pipe; the writing may.
     constexpr mode_t kMode = 0666;
     descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
     if (descriptor < 0) {
         throw std::runtime_error(std::string("cannot be opened: ") + std::strerror(errno));
     }
+    if (flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        close(descriptor);
+        throw std::runtime_error("another run is being recorded in it");
+    }
+    fcntl(descriptor, F_SETFL, O_APPEND);
+    noted.reserve(kUsualBatch);
+    batch.reserve(kUsualBatch);
     lines.addHeader();
     const NoSignals noSignals;
     writer = std::thread(&Recording::writeNowAndThen, this);
@@ -92,11 +108,15 @@ bool Recording::add(const Noted& entry) {
 }
 
 void Recording::end(const std::string& reason) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (!ended) {
-        std::fprintf(stderr, "recording '%s' ends: %s\n", path.c_str(), reason.c_str());
+    bool isFirst = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        isFirst = !ended;
+        ended = true;
     }
-    ended = true;
+    if (isFirst) {
+        complain("recording '" + path + "' ends: " + reason + '\n');
+    }
 }
 
 void Recording::finish() {
@@ -108,26 +128,39 @@ void Recording::finish() {
 }
 
 void Recording::writeNowAndThen() {
-    for (bool last = false; !last;) {
+    for (bool isLast = false; !isLast;) {
+        isLast = takeBatch();
         try {
-            last = takeBatch();
-            for (const Noted& entry : batch) {
-                if (entry.call != nullptr) {
-                    lines.add(entry.moment, *entry.call);
-                    delete entry.call;
-                } else {
-                    lines.addAcknowledgement(entry.moment, entry.device, entry.packet);
-                }
-            }
-            batch.clear();
-            write(lines.take());
+            writeBatch(isLast);
         } catch (const std::exception& error) {
+            isBroken = true;
             end(error.what());
         }
+        for (const Noted& entry : batch) {
+            delete entry.call;
+        }
+        batch.clear();
     }
     const std::lock_guard<std::mutex> lock(mutex);
     written = true;
     changed.notify_all();
+}
+
+void Recording::writeBatch(bool isLast) {
+    if (isBroken) {
+        return;
+    }
+    for (const Noted& entry : batch) {
+        if (entry.call != nullptr) {
+            lines.add(entry.moment, *entry.call);
+        } else {
+            lines.addAcknowledgement(entry.moment, entry.device, entry.packet);
+        }
+    }
+    if (!write(lines.take(isLast))) {
+        isBroken = true;
+        end(std::strerror(errno));
+    }
 }
 
 // Whether it is the last one.
@@ -138,14 +171,16 @@ bool Recording::takeBatch() {
     return stopped;
 }
 
-void Recording::write(const std::string& text) {
+// False with errno set.
+bool Recording::write(const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = ::write(descriptor, &text[done], text.size() - done);
         if (count < 0) {
-            return end(std::strerror(errno));
+            return false;
         }
         done += static_cast<std::size_t>(count);
     }
+    return true;
 }
 
 }  // namespace recording

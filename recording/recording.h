@@ -44,12 +44,14 @@ private:
     bool add(const Noted& entry);
     void writeNowAndThen();
     bool takeBatch();
-    void write(const std::string& text);
+    void writeBatch(bool isLast);
+    bool write(const std::string& text);
 
     const std::string path;
     int descriptor = -1;
     Lines lines;  // the writer's alone, like the batch
     std::vector<Noted> batch;
+    bool isBroken = false;  // nothing is written any more
 
     std::mutex mutex;  // guards what follows
     std::vector<Noted> noted;
@@ -60,6 +62,9 @@ private:
 
     std::thread writer;
 };
+
+// Writes the line to standard error, unless that would wait for a reader.
+void complain(const std::string& line);
 
 // The number of the calling thread, counted from 1 as they first call.
 std::uint32_t threadNumber();

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "orvin-image/image_file.h"
+#include "recording/lines.h"
 #include "sim/bus_file.h"
 #include "sim/bus_file_error.h"
 #include "sim/firmware_checksum.h"
@@ -95,6 +96,36 @@ TEST(BusFile, HasOneUserAndAnEnd) {
     writeText(directory / "long.json", "{");
     std::filesystem::resize_file(directory / "long.json", (64U << 20U) + 1);
     EXPECT_THROW(sim::BusFile tooLong(directory / "long.json"), sim::BusFileError);
+}
+
+// A mebibyte has 16,384 packets. The devices answer in turn or all at once and in any order, on
+// several threads, and the lines are taken five times a second.
+TEST(RecordingLines, OfAMebibyteTo63DevicesFitTenMegabytes) {
+    constexpr std::uint32_t kDevices = 63;
+    constexpr std::uint32_t kPackets = 256;
+    vanid_t toAll{};
+    std::fill(std::begin(toAll.bytes), std::end(toAll.bytes), std::uint8_t{0xff});
+    constexpr std::size_t kMost = std::size_t{10'000'000} / 16'384 * kPackets;
+    for (const int apart : {1, 150, 1'100}) {
+        recording::Lines lines;
+        std::size_t size = 0;
+        sim::Microseconds now = 1'000'000'000;
+        for (std::uint32_t packet = 16'000; packet < 16'000 + kPackets; ++packet) {
+            recording::Call data(sim::Function::Data, toAll, {packet});
+            data.content.assign(sim::kPacketBytes, 'x');
+            lines.add({now, 100, 1}, data);
+            for (std::uint32_t i = 0; i < kDevices; ++i) {
+                const sim::Microseconds before = now;
+                now += apart;
+                const std::uint32_t device = apart == 1 ? i * packet % kDevices : i;
+                lines.addAcknowledgement({now, 0, 2 + packet * i % 3},
+                                         orvinId(static_cast<int>(device)), packet);
+                size += now / 200'000 == before / 200'000 ? 0 : lines.take(false).size();
+            }
+        }
+        size += lines.take(true).size();
+        EXPECT_LT(size, kMost) << apart;
+    }
 }
 
 // Each fault in the tables, and that there is an example for each fault.

@@ -102,7 +102,7 @@ std::string ToolRun::trace() const {
     for (const Record& record : records) {
         lines.add({record.time, record.took}, record.call);
     }
-    return lines.take();
+    return lines.take(true);
 }
 
 ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers,

@@ -6,8 +6,8 @@ from dataclasses import dataclass, field
 VERSION = 1
 LONGEST = 1e15  # microseconds
 TYPES = {  # of the values on a line; all others are integers
-    **dict.fromkeys(("call", "callback", "device", "name", "connection", "crc32"), str),
-    **dict.fromkeys(("members", "by", "after", "threads"), list),
+    **dict.fromkeys(("call", "callback", "device", "name", "connection", "crc32", "threads"), str),
+    **dict.fromkeys(("members", "by", "after"), list),
     **dict.fromkeys(("t", "took"), (int, float)),
 }
 DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
@@ -72,7 +72,7 @@ def _header(text):
 
 
 def _read_lines(recording, file):
-    devices = {}  # by the number that stands for them in acknowledgements
+    devices = {}  # by the number that stands for them; "by": the numbers of the last acknowledgements
     for line, text in enumerate(file, start=2):
         try:
             entry = json.loads(text)
@@ -81,6 +81,7 @@ def _read_lines(recording, file):
                 return
             recording.events += _events(line, entry, devices)
         except DAMAGE:
+            devices.pop("by", None)  # it may have stood there
             if text.endswith(b"\n"):  # else the recording was cut off here
                 recording.damaged.append(line)
 
@@ -103,7 +104,8 @@ def _events(line, entry, devices):
 
 def _acknowledgements(line, at, entry, devices):
     events = []
-    for number, after in zip(entry["by"], entry["after"], strict=True):
+    devices["by"] = entry.get("by") or devices["by"]
+    for number, after in zip(devices["by"], entry["after"], strict=True):
         at = _checked(at + after)
         events.append(Event(line, at, "TransferCallback", devices[number], 0, entry["acknowledged"], 0, NO_FIELDS))
     return events
