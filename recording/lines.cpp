@@ -5,12 +5,12 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "bus/vanid_text.h"
+#include "recording/identifier.h"
 
 namespace recording {
 
@@ -75,15 +75,6 @@ private:
 
     std::string& text;
 };
-
-bool isBroadcast(const vanid_t& id) {
-    return std::all_of(std::begin(id.bytes), std::end(id.bytes),
-                       [](std::uint8_t byte) { return byte == 0xff; });
-}
-
-bool isSame(const vanid_t& a, const vanid_t& b) {
-    return std::memcmp(a.bytes, b.bytes, sizeof a.bytes) == 0;
-}
 
 void addContent(Fields& line, const std::string& content) {
     boost::crc_32_type crc;
@@ -206,7 +197,7 @@ void Lines::addAcknowledgement(const Moment& moment, const vanid_t& device, std:
 std::uint32_t Lines::numberOf(const vanid_t& device) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
         lastDevice = lastDevice + 1 < devices.size() ? lastDevice + 1 : 0;
-        if (isSame(devices[lastDevice], device)) {
+        if (sameIdentifier(devices[lastDevice], device)) {
             return static_cast<std::uint32_t>(lastDevice + 1);
         }
     }

@@ -1,20 +1,8 @@
 #include "sim/identifier.h"
 
-#include <algorithm>
 #include <cctype>
-#include <cstring>
-#include <iterator>
 
 namespace sim {
-
-bool sameIdentifier(const vanid_t& a, const vanid_t& b) {
-    return std::memcmp(a.bytes, b.bytes, sizeof a.bytes) == 0;
-}
-
-bool isBroadcast(const vanid_t& id) {
-    return std::all_of(std::begin(id.bytes), std::end(id.bytes),
-                       [](std::uint8_t byte) { return byte == 0xff; });
-}
 
 std::optional<vanid_t> parseIdentifier(const std::string& text) {
     vanid_t id{};

@@ -4,12 +4,13 @@
 #include <optional>
 #include <string>
 
+#include "recording/identifier.h"
 #include "talm/vanid.h"
 
 namespace sim {
 
-bool sameIdentifier(const vanid_t& a, const vanid_t& b);
-bool isBroadcast(const vanid_t& id);
+using recording::isBroadcast;
+using recording::sameIdentifier;
 
 // 17 fields of two hexadecimal digits, joined by ':'; nothing else is taken for an identifier.
 std::optional<vanid_t> parseIdentifier(const std::string& text);

@@ -12,9 +12,9 @@
 #include "support/memory_system.h"
 #include "support/virtual_time.h"
 
-constexpr std::uint32_t kArm = 0x200;
-constexpr std::uint32_t kDsp = 0x201;
-constexpr std::uint32_t kBooster = 0x202;
+constexpr std::uint32_t kArm = sim::kArmTarget;
+constexpr std::uint32_t kDsp = sim::kDspTarget;
+constexpr std::uint32_t kBooster = sim::kBoosterArmTarget;
 constexpr std::uint32_t kOldVersion = 0x00010000;  // what every device runs at first
 constexpr std::uint32_t kNewVersion = 0x00010001;
 
