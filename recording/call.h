@@ -59,6 +59,11 @@ inline bool isCallback(Function function) {
     return function >= Function::TransferCallback;
 }
 
+// What Call::text says of a callback that is set or cleared.
+inline const char* slotText(bool isSet) {
+    return isSet ? "set" : "cleared";
+}
+
 // One call across the interface, to the bus or back.
 struct Call {
     explicit Call(Function called, const std::optional<vanid_t>& itsDevice = std::nullopt,
@@ -71,7 +76,7 @@ struct Call {
     Function function;
     std::optional<vanid_t> device;     // the one that it goes to, or that reports
     std::vector<std::int64_t> given;   // its numbers, in the order of the arguments
-    std::string text;                  // Open: the connection; Set...Callback: "set" or "cleared"
+    std::string text;                  // Open: the connection; Set...Callback: slotText
     std::string content;               // Data: the packet's bytes
     int result = 0;                    // from here on, known once the call was carried out
     std::vector<std::int64_t> answer;  // what it wrote beside its result

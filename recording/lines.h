@@ -49,7 +49,7 @@ private:
         std::string after;    // microseconds, likewise
         std::string threads;  // a character for each
         bool oneThread = true;
-        int timesLeft = 0;  // by take
+        int timesLeft = 0;  // so often, take() did not take them
     };
     Acknowledgements pending;
     std::string lastBy;  // of the last line that has it

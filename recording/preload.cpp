@@ -146,7 +146,7 @@ CallbackSlot inFront(void (*callback)(), const CallbackSlot& slot) {
 
 void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> numbers) {
     call.given = std::move(numbers);
-    call.text = slot.function == nullptr ? "cleared" : "set";
+    call.text = recording::slotText(slot.function != nullptr);
 }
 
 // A child that the process forked has no writer to wait for.

@@ -54,18 +54,23 @@ std::uint32_t threadNumber() {
     return number != 0 ? number : (number = ++last);
 }
 
-Recording::Recording(const std::string& file) : path(file) {
+Recording::Descriptor::~Descriptor() {
+    if (number >= 0) {
+        close(number);
+    }
+}
+
+Recording::Recording(const std::string& pathOfFile) : path(pathOfFile) {
     // The opening waits for no reader, if it is a pipe; the writing may.
     constexpr mode_t kMode = 0666;
-    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
-    if (descriptor < 0) {
+    file.number = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
+    if (file.number < 0) {
         throw std::runtime_error(std::string("cannot be opened: ") + std::strerror(errno));
     }
-    if (flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        close(descriptor);
+    if (flock(file.number, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         throw std::runtime_error("another run is being recorded in it");
     }
-    fcntl(descriptor, F_SETFL, O_APPEND);
+    fcntl(file.number, F_SETFL, O_APPEND);
     noted.reserve(kUsualBatch);
     batch.reserve(kUsualBatch);
     lines.addHeader();
@@ -76,7 +81,6 @@ Recording::Recording(const std::string& file) : path(file) {
 Recording::~Recording() {
     finish();
     writer.join();
-    close(descriptor);
 }
 
 void Recording::note(const Moment& moment, const Call& call) {
@@ -174,7 +178,7 @@ bool Recording::takeBatch() {
 // False with errno set.
 bool Recording::write(const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = ::write(descriptor, &text[done], text.size() - done);
+        const ssize_t count = ::write(file.number, &text[done], text.size() - done);
         if (count < 0) {
             return false;
         }

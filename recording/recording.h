@@ -17,7 +17,7 @@ namespace recording {
 class Recording {
 public:
     // Appends to the file. Throws std::exception with a reason in one line.
-    explicit Recording(const std::string& file);
+    explicit Recording(const std::string& pathOfFile);
     ~Recording();
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
@@ -28,6 +28,7 @@ public:
     // A transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
     void noteAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
+    // Notes nothing more; standard error tells the reason, the first time.
     void end(const std::string& reason);
 
     // Ends it when all is written; waits for that, but not for a disk that does not answer.
@@ -47,8 +48,13 @@ private:
     void writeBatch(bool isLast);
     bool write(const std::string& text);
 
+    struct Descriptor {
+        int number = -1;
+        ~Descriptor();
+    };
+
     const std::string path;
-    int descriptor = -1;
+    Descriptor file;
     Lines lines;  // the writer's alone, like the batch
     std::vector<Noted> batch;
     bool isBroken = false;  // nothing is written any more

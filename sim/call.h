@@ -56,7 +56,7 @@ std::vector<Observer*>& observers();
 void intervene(Call& call, const Intervention& intervention);
 
 // Asks all observers, carries the call out unless one intervenes, and shows them the outcome.
-// `carryOut` gets the call to fill in what it writes, and returns the result.
+// `carryOut` fills in what the call writes, and returns its result.
 template <typename CarryOut>
 int pass(Call& call, const std::vector<Observer*>& ofTheBus, CarryOut carryOut) {
     std::vector<Observer*> all = observers();
@@ -67,7 +67,7 @@ int pass(Call& call, const std::vector<Observer*>& ofTheBus, CarryOut carryOut) 
         intervention = intervention ? intervention : own;
     }
     if (!intervention || intervention->carriedOut) {
-        call.result = carryOut(call);
+        call.result = carryOut();
     }
     if (intervention) {
         intervene(call, *intervention);

@@ -80,8 +80,7 @@ int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
     const std::shared_ptr<Bus> bus = connections().find(handle);
     return guarded(call.function, int{result::kNoSession}, [&] {
         const std::vector<Observer*> own = bus ? bus->ownObservers() : std::vector<Observer*>();
-        return sim::pass(call, own,
-                         [&](Call&) { return bus ? carryOut(*bus) : result::kNoSession; });
+        return sim::pass(call, own, [&] { return bus ? carryOut(*bus) : result::kNoSession; });
     });
 }
 
@@ -105,10 +104,6 @@ std::shared_ptr<Bus> openBus(const std::string& connection) {
     }
 }
 
-const char* describeSlot(const CallbackSlot& slot) {
-    return slot.function == nullptr ? "cleared" : "set";
-}
-
 }  // namespace
 
 // ---- session ----
@@ -117,7 +112,7 @@ TalmApiHandle TalmApiInitialize() {
     return guarded(Function::Initialize, TalmApiHandle{}, [] {
         Call call(Function::Initialize);
         TalmApiHandle handle = nullptr;
-        sim::pass(call, {}, [&](Call&) {
+        sim::pass(call, {}, [&] {
             Connections& all = connections();
             const std::lock_guard<std::mutex> lock(all.mutex);
             auto api = std::make_unique<TalmApi>();
@@ -137,7 +132,7 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
     const int answer = guarded(Function::Open, int{result::kNoSession}, [&] {
         Call call(Function::Open, std::nullopt, {reserved}, connection);
         const std::vector<Observer*> own = bus ? bus->ownObservers() : std::vector<Observer*>();
-        return sim::pass(call, own, [&](Call&) { return bus ? 0 : result::kNoSession; });
+        return sim::pass(call, own, [&] { return bus ? 0 : result::kNoSession; });
     });
     Connections& all = connections();
     const std::lock_guard<std::mutex> lock(all.mutex);
@@ -225,7 +220,7 @@ int TalmApiIsTalm(vanid_t member) {
         observers.insert(observers.end(), bus->ownObservers().begin(), bus->ownObservers().end());
     }
     Call call(Function::IsTalm, member);
-    return sim::pass(call, observers, [&](Call&) {
+    return sim::pass(call, observers, [&] {
         const auto isMaster = [&](const auto& bus) { return bus->isMaster(member); };
         return std::any_of(open.begin(), open.end(), isMaster) ? 1 : 0;
     });
@@ -309,7 +304,7 @@ int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uin
 int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
                        const CallbackSlot* slot, int last) {
     Call call(Function::SetTransferCallback, std::nullopt, {first, second, third, last},
-              describeSlot(*slot));
+              recording::slotText(slot->function != nullptr));
     return passToBus(handle, call, [&](Bus& bus) {
         bus.setTransferCallback(*slot);
         return 0;
@@ -317,7 +312,8 @@ int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
 }
 
 int TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, int last) {
-    Call call(Function::SetBusChangeCallback, std::nullopt, {last}, describeSlot(*slot));
+    Call call(Function::SetBusChangeCallback, std::nullopt, {last},
+              recording::slotText(slot->function != nullptr));
     return passToBus(handle, call, [&](Bus& bus) {
         bus.setBusChangeCallback(*slot);
         return 0;
