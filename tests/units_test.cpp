@@ -38,8 +38,7 @@ namespace {
 class Group : public testing::Test {
 protected:
     Group() {
-        MemorySystem::instance() = {};
-        MemorySystem::instance().files = standardImages();
+        memory.files = standardImages();
         sim::VirtualTime::instance().reset();
         MessageWriter::init("");
         sim::BusDescription bus;
@@ -52,7 +51,7 @@ protected:
     ~Group() override {
         TalmApiClose(session.handle);
         delete MessageWriter::instance();
-        MemorySystem::instance().before = nullptr;
+        memory.before = nullptr;
         firstByteThatCounts = 0;
     }
 
@@ -92,8 +91,9 @@ protected:
         group.checkVersions(image, upToDate, true, true);
     }
 
+    MemorySystem& memory = MemorySystem::instance() = {};
     BusSession session;
-    OrvinGroup group{&session, false};
+    OrvinGroup group{&session, false};  // whose device list has mutex 1
 };
 
 TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
@@ -177,7 +177,7 @@ TEST_F(Group, StartsNoAttemptOnceALateFaultTookTheLastDevice) {
     std::list<std::string> none;
     for (const char* announcement :
          {"Upgrading 1 Orvin\n", "Retrying upgrade on following Orvin: \n"}) {
-        MemorySystem::instance().before = [&](SystemCall call, const std::string& text) {
+        memory.before = [&](SystemCall call, const std::string& text) {
             if (call == SystemCall::Print && text == announcement) {
                 group.onTransferResult(9, orvinId(1), 0);
             }
@@ -188,6 +188,22 @@ TEST_F(Group, StartsNoAttemptOnceALateFaultTookTheLastDevice) {
         const std::string end = console.substr(console.rfind("callback (9 / 0x9)\n") + 19);
         EXPECT_EQ(end, announcement[0] == 'U' ? "Removing image files from Orvins\n" : "");
     }
+}
+
+TEST_F(Group, MakesTheFirstAttemptEvenIfALateFaultTookTheLastDeviceJustBefore) {
+    add({1});
+    int looks = -1;  // at the device list, since the announcement
+    memory.before = [&](SystemCall call, const std::string& what) {
+        looks = call == SystemCall::Print && what == "Upgrading 1 Orvin\n" ? 0 : looks;
+        if (call == SystemCall::LockMutex && what == "1" && looks >= 0 && ++looks == 2) {
+            group.onTransferResult(9, orvinId(1), 0);
+        }
+        return 0;
+    };
+    std::list<std::string> none;
+    const std::string console =
+        captureOutput([&] { upgradeImage(RunConfig(), group, "mem:arm", none, none); });
+    EXPECT_NE(console.find("No Orvins left; aborting\n"), std::string::npos) << console;
 }
 
 TEST_F(Group, WithoutDevicesWaitsForNone) {
@@ -248,6 +264,17 @@ TEST(Mutex, OfOneListThatIsNotInitialisedDoesNotHoldTheUpgradeUp) {
         EXPECT_EQ(run.exitStatus, 1);
         EXPECT_TRUE(run.printed(line));
     }
+}
+
+TEST(MessageWriter, ForWhichThereIsNoMemoryEndsTheRun) {
+    ToolSetup setup = describedRun(R"({"run": "-l -m"})");
+    setup.arguments.emplace_back(12'345, 'x');  // a size that nothing else has
+    setup.onOpen = [](sim::Bus&) { MemorySystem::refusedAllocation = 12'345 + 1; };
+    const ToolRun run = checkedRun(setup);
+    MemorySystem::refusedAllocation = 0;
+    EXPECT_EQ(run.exitStatus, 128);
+    EXPECT_TRUE(run.printed("Coult not initialize message writer!\n"));
+    EXPECT_EQ(run.calls(sim::Function::Close), 1);
 }
 
 TEST(VanidText, IsReadFieldByField) {

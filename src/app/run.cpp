@@ -3,8 +3,8 @@
 #include <libintl.h>
 #include <unistd.h>
 
+#include <exception>
 #include <list>
-#include <stdexcept>
 #include <string>
 
 #include "app/command_line.h"
@@ -45,7 +45,7 @@ bool createMessageWriter(const std::string& messageFile) {
     try {
         MessageWriter::init(messageFile);
         return true;
-    } catch (const std::runtime_error&) {
+    } catch (const std::exception&) {  // no mutex, or no memory
         return false;
     }
 }

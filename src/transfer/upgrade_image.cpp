@@ -84,22 +84,23 @@ void announceRetry(OrvinGroup& group, const std::string& targetName) {
 }
 
 // Makes up to two attempts, and leaves in the device list the devices that still differ. A late
-// report of a fault may empty the list while an announcement is printed, so the loop looks at it
-// before each attempt.
+// report of a fault may empty the list at any moment. The first attempt is made all the same, since
+// it says on the console that no device is left.
 void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& image,
                     VanidTexts& upToDate, VanidTexts& updated) {
-    for (int attemptsLeft = kAttempts; attemptsLeft > 0 && group.count() > 0;) {
+    for (int attemptsLeft = kAttempts;;) {
         transferAndSummarize(config, group, image, updated);
         group.restoreFromFullList();
         waitForOrvins(group);
         upToDate.clear();
         group.checkVersions(image, upToDate, true, false);
         --attemptsLeft;
-        if (config.pretend || group.count() == 0) {
+        if (config.pretend || attemptsLeft == 0 || group.count() == 0) {
             return;
         }
-        if (attemptsLeft > 0) {
-            announceRetry(group, FirmwareImage::getTargetName(image.getHeader().device));
+        announceRetry(group, FirmwareImage::getTargetName(image.getHeader().device));
+        if (group.count() == 0) {
+            return;
         }
     }
 }

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -64,6 +66,20 @@ std::string captureOutput(const std::function<void()>& action) {
     std::fflush(stdout);
     stdout = output;
     return memory().console.substr(before);
+}
+
+// In place of the C++ library's. Where they are put inline, g++ warns of pairs that do not match.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const memory = size == MemorySystem::refusedAllocation ? nullptr : std::malloc(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
 }
 
 // The linker has the program call these in place of the functions after "__wrap_", which are called

@@ -28,6 +28,8 @@ struct MemorySystem {
 
     static MemorySystem& instance();
 
+    static inline std::size_t refusedAllocation = 0;  // new fails for so many bytes; 0: never
+
     struct OpenFile {
         std::string name;
         std::size_t position = 0;
