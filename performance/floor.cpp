@@ -69,7 +69,7 @@ void sendByFloor(Transfer& transfer) {
 }
 
 void sendByTool(Transfer& transfer) {
-    auto& group = *new OrvinGroup(&transfer.session, false);  // outlives the callbacks
+    OrvinGroup group(&transfer.session, false);
     for (const std::string& device : transfer.devices) {
         group.addOrvin(device);
     }

@@ -1,6 +1,8 @@
 // What the bus library reports to the group, on threads of its own, and the removal of devices that
 // it does not hear from.
 
+#include <unistd.h>
+
 #include "core/bus_session.h"
 #include "core/console.h"
 #include "group/list_lock.h"
@@ -16,28 +18,84 @@ constexpr std::uint32_t kMemberJoined = 0;
 // needs a handful of requests at most.
 constexpr int kMaxGoBackRequests = 1'000;
 
+constexpr useconds_t kPollMicroseconds = 1'000;
+
 // Selects the results of image packets; the meaning of the numbers is the library's.
 int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
     return TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
 }
 
+// Where a clearing call fails, callbacks go on until the process ends. So they ask here for their
+// group, in what is never destroyed. All of it is constant-initialised and lock-free.
+std::atomic<OrvinGroup*> receiver{nullptr};  // null: no group is there for callbacks
+std::atomic<int> callbacksInside{0};         // in the receiver; kept from ending while not 0
+
+// Keeps a callback's group from ending, for a scope.
+class Receiver {
+public:
+    explicit Receiver(void* userArgument) : group(enter(userArgument)) {}
+    ~Receiver() {
+        if (group != nullptr) {
+            --callbacksInside;
+        }
+    }
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    OrvinGroup* const group;  // null when it has ended
+
+private:
+    // Once the receiver is cleared, no callback counts itself any more, so a library that never
+    // stops calling does not hold up the group's end.
+    static OrvinGroup* enter(void* userArgument) {
+        if (receiver != userArgument) {
+            return nullptr;
+        }
+        ++callbacksInside;
+        if (receiver == userArgument) {
+            return static_cast<OrvinGroup*>(userArgument);
+        }
+        --callbacksInside;
+        return nullptr;
+    }
+};
+
 void transferCallback(std::int32_t result, void* userArgument, vanid_t source, vanid_t /*other*/,
                       std::uint32_t packetNumber, std::uint32_t /*lastWord*/) {
-    static_cast<OrvinGroup*>(userArgument)->onTransferResult(result, source, packetNumber);
+    const Receiver called(userArgument);
+    if (called.group != nullptr) {
+        called.group->onTransferResult(result, source, packetNumber);
+    }
 }
 
 void busChangeCallback(void* userArgument, const vanid_t* member, std::uint32_t event) {
     if (event != kMemberJoined) {
         return;
     }
-    static_cast<OrvinGroup*>(userArgument)->markRejoined(*member);
+    const Receiver called(userArgument);
+    if (called.group != nullptr) {
+        called.group->markRejoined(*member);
+    }
+}
+
+CallbackSlot slotOf(OrvinGroup& group, void (*function)()) {
+    receiver = &group;
+    return {function, &group};
 }
 
 }  // namespace
 
+void OrvinGroup::endCallbacks() {
+    OrvinGroup* self = this;
+    receiver.compare_exchange_strong(self, nullptr);
+    while (callbacksInside != 0) {
+        usleep(kPollMicroseconds);
+    }
+}
+
 void OrvinGroup::registerTransferCallback() {
     const TransferCallback callback = transferCallback;
-    setTransferCallback(*session, {reinterpret_cast<void (*)()>(callback), this});
+    setTransferCallback(*session, slotOf(*this, reinterpret_cast<void (*)()>(callback)));
 }
 
 void OrvinGroup::clearTransferCallback() {
@@ -46,7 +104,7 @@ void OrvinGroup::clearTransferCallback() {
 
 void OrvinGroup::registerBusChangeCallback() {
     const BusChangeCallback callback = busChangeCallback;
-    const CallbackSlot slot{reinterpret_cast<void (*)()>(callback), this};
+    const CallbackSlot slot = slotOf(*this, reinterpret_cast<void (*)()>(callback));
     TalmApiSetBusChangeCallback(session->handle, &slot, 0);
 }
 

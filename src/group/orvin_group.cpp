@@ -28,6 +28,7 @@ OrvinGroup::OrvinGroup(BusSession* busSession, bool messageFileInUse)
 }
 
 OrvinGroup::~OrvinGroup() {
+    endCallbacks();
     listMutex.destroy();
     fullListMutex.destroy();
 }

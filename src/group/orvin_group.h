@@ -26,8 +26,8 @@ struct BusSession;
 // mutex that it already holds, because a mutex whose initialisation failed is not recursive. The
 // library's threads call onTransferResult and markRejoined; the main thread calls all others.
 //
-// The group outlives its callbacks: a callback that runs while the main thread clears it ends
-// within moments, and the group lives on through the rest of the rejoin wait and a version check.
+// A callback may come at any time, even where its clearing failed. While it is inside, the group
+// does not end; one that comes later finds no group and does nothing.
 class OrvinGroup {
 public:
     using Orvin = ::Orvin;
@@ -36,7 +36,7 @@ public:
     // file in use, the group pauses after certain messages, so that a service that follows sees
     // them.
     OrvinGroup(BusSession* busSession, bool messageFileInUse);
-    ~OrvinGroup();
+    ~OrvinGroup();  // waits until no callback is inside; hold no lock
     OrvinGroup(const OrvinGroup&) = delete;
     OrvinGroup& operator=(const OrvinGroup&) = delete;
 
@@ -121,6 +121,9 @@ public:
     bool waitForRejoin() EXCLUDES(listMutex);
 
 private:
+    // Lets no callback in any more, and waits for those that are inside.
+    void endCallbacks() EXCLUDES(listMutex, fullListMutex);
+
     // Carries out one step of the transfer for every device. One that fails it leaves the device
     // list; `removalLine` is the format of the line that names it.
     void runStep(const char* removalLine, const std::function<bool(Orvin&)>& step)
