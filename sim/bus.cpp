@@ -28,9 +28,9 @@ const char* targetName(std::uint32_t target) {
 
 }  // namespace
 
-Bus::Bus(BusDescription busDescription, StoreVersions store)
+Bus::Bus(BusDescription busDescription, StoreMember store)
     : description(std::move(busDescription)),
-      storeVersions(std::move(store)),
+      storeMember(std::move(store)),
       queue(makeEventQueue()),
       openedAt(queue->now()),
       callFaults(description.callFaults, *queue),
@@ -54,8 +54,8 @@ void Bus::stop() {
     const Lock lock(mutex);
     stopped = true;
     for (Device& device : devices) {
-        if (device.isInstalling() && device.finishInstallation()) {
-            storeInstalled(device);
+        if (device.isInstalling()) {
+            endInstallation(device);
         }
     }
 }
@@ -159,7 +159,7 @@ int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* b
     const Lock lock(mutex);
     const int answer = request(id, [&](Device& device) {
         if (!device.hasAnswersLeft()) {
-            reportLater(device, device.receive(packet, bytes, answerDelay(device)));
+            reportLater(device, device.receive(packet, bytes, now(), answerDelay(device)));
         }
         return 0;
     });
@@ -233,9 +233,7 @@ void Bus::finishInstallation(Device& device, std::uint32_t installation) {
         if (device.installation() != installation) {
             return;  // interrupted
         }
-        if (device.finishInstallation()) {
-            storeInstalled(device);
-        }
+        endInstallation(device);
         if (device.isOnBus()) {
             return;
         }
@@ -257,14 +255,18 @@ void Bus::comeBack(Device& device, std::uint32_t installation) {
     }
 }
 
-void Bus::storeInstalled(const Device& device) {
-    const auto member = static_cast<std::size_t>(&device - devices.data());
-    if (storeVersions) {
-        storeVersions(member, device.installedVersions());
+void Bus::endInstallation(Device& device) {
+    const bool hasNewFirmware = device.finishInstallation();
+    if (storeMember && (hasNewFirmware || device.isGone())) {
+        const auto member = static_cast<std::size_t>(&device - devices.data());
+        storeMember(member, device.installedVersions(), !device.isGone());
     }
-    if (description.store.empty()) {
-        return;
+    if (hasNewFirmware && !description.store.empty()) {
+        storeContent(device);
     }
+}
+
+void Bus::storeContent(const Device& device) const {
     std::error_code ignored;
     std::filesystem::create_directories(description.store, ignored);
     const std::string path = description.store + '/' + identifierText(device.description.id) + '.' +

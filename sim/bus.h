@@ -24,9 +24,10 @@ namespace sim {
 // block and may call the bus.
 class Bus {
 public:
-    // `store` learns of every member (counted from 0) that has new firmware.
-    using StoreVersions = std::function<void(std::size_t member, const Versions& versions)>;
-    explicit Bus(BusDescription busDescription, StoreVersions store = {});
+    // `store` learns of every member (counted from 0) that has new firmware or never returns.
+    using StoreMember =
+        std::function<void(std::size_t member, const Versions& versions, bool onBus)>;
+    explicit Bus(BusDescription busDescription, StoreMember store = {});
     ~Bus();
 
     // Ends all traffic: when it returns, no callback runs any more. Devices that were installing
@@ -58,6 +59,11 @@ public:
     void interrupt(const vanid_t& id, Microseconds duration);
 
     void dropLink(Microseconds duration);
+
+    // Make a callback at once and on this thread, unless it was cleared.
+    void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
+    void reportBusChange(const vanid_t& member, std::uint32_t event);
+
     void addFault(const vanid_t& id, const PacketFault& fault);
 
     // Null when the bus has no such device.
@@ -77,16 +83,15 @@ private:
     Microseconds answerDelay(const Device& device);
     void reportLater(const Device& device, const PacketAnswers& answers);
     void reportLater(const Device& device, const std::vector<BusChange>& changes);
-    void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
-    void reportBusChange(const vanid_t& member, std::uint32_t event);
     void finishInstallation(Device& device, std::uint32_t installation);
+    void endInstallation(Device& device);
     void comeBack(Device& device, std::uint32_t installation);
-    void storeInstalled(const Device& device);
+    void storeContent(const Device& device) const;
     void after(Microseconds delay, Event event);
 
     std::mutex mutex;  // guards the devices and what follows them, but for the queue
     const BusDescription description;
-    const StoreVersions storeVersions;
+    const StoreMember storeMember;
     const std::unique_ptr<EventQueue> queue;
     const Microseconds openedAt;
     CallFaults callFaults;

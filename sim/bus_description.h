@@ -74,7 +74,8 @@ struct DeviceFaults {
     std::vector<PacketFault> packets;  // of those that strike a packet, the first one counts
     bool neverReturns = false;
     KeepsOldVersion keepsOldVersion = KeepsOldVersion::Never;
-    int reportsBack = 1;  // how often the bus reports the device when it comes back
+    int reportsBack = 1;          // how often the bus reports the device when it comes back
+    bool ignoresRepeats = false;  // does not acknowledge a packet that it has already
 };
 
 struct Versions {
@@ -93,6 +94,7 @@ inline std::vector<std::int64_t> numbersOf(const Versions& versions) {
 struct DeviceTiming {
     Microseconds acknowledge = 300;
     Microseconds acknowledgeJitter = 0;  // at most so much later, at random
+    Microseconds busy = 0;               // after a packet; what comes meanwhile is lost
     Microseconds check = 0;
     Microseconds install = 1'000'000;
     Microseconds restart = 2'000'000;
@@ -101,6 +103,7 @@ struct DeviceTiming {
 struct MemberDescription {
     vanid_t id{};
     std::uint8_t type = 0;
+    bool onBus = true;
     Versions versions;  // this and what follows is an Orvin's
     std::string name;   // at most kNameBytes
     DeviceTiming timing;

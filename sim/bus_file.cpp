@@ -280,6 +280,7 @@ void readDeviceFaults(const Json& json, const std::string& place, MemberDescript
         readCallFaults(fields, name, function, member.id, callFaults);
     }
     member.faults.packets = readPacketFaults(fields);
+    member.faults.ignoresRepeats = fields.flag("ignores_repeats");
     member.faults.neverReturns = fields.flag("never_returns");
     member.faults.keepsOldVersion = readKeepsOldVersion(fields, "keeps_old_version");
     member.faults.reportsBack = static_cast<int>(fields.number("reports_back", 1, 0, 100));
@@ -327,6 +328,7 @@ DeviceTiming readTiming(const Json& json, const std::string& place) {
     DeviceTiming timing;
     timing.acknowledge = fields.number("acknowledge_us", timing.acknowledge, 0, kMaxMicroseconds);
     timing.acknowledgeJitter = fields.number("acknowledge_jitter_us", 0, 0, kMaxMicroseconds);
+    timing.busy = fields.number("busy_us", 0, 0, kMaxMicroseconds);
     timing.check = readMilliseconds(fields, "check_ms", timing.check);
     timing.install = readMilliseconds(fields, "install_ms", timing.install);
     timing.restart = readMilliseconds(fields, "restart_ms", timing.restart);
@@ -349,6 +351,7 @@ MemberDescription readMember(const Json& json, const std::string& place,
     member.id = readIdentifier(fields.require("id"), fields.placeOf("id"));
     fields.require("type");
     member.type = static_cast<std::uint8_t>(fields.number("type", 0, 0, kMax8));
+    member.onBus = fields.flag("on_bus", true);
     if (member.type == kOrvinType) {
         readOrvin(fields, member);
     }
@@ -468,7 +471,10 @@ BusFile::BusFile(std::string name)
     resolve(contents.store, path);
 }
 
-void BusFile::storeVersions(std::size_t member, const Versions& versions) {
+void BusFile::storeMember(std::size_t member, const Versions& versions, bool onBus) {
+    if (!onBus) {
+        json["members"][member]["on_bus"] = false;
+    }
     Json& stored = json["members"][member]["versions"];
     stored["hw"] = hexadecimal(versions.hw, 8);
     stored["arm"] = hexadecimal(versions.arm, 8);

@@ -19,9 +19,9 @@ public:
     // Paths in it are as seen from here: relative ones in the file start at the file's directory.
     const BusDescription& description() const { return contents; }
 
-    // Makes the versions those of the member (counted from 0) in the file, which a reader always
-    // finds whole. A failure is reported on standard error.
-    void storeVersions(std::size_t member, const Versions& versions);
+    // Makes this the state of the member (counted from 0) in the file, which a reader always finds
+    // whole. A failure is reported on standard error.
+    void storeMember(std::size_t member, const Versions& versions, bool onBus);
 
 private:
     const std::string path;

@@ -9,8 +9,8 @@ namespace {
 std::shared_ptr<Bus> openBusFile(const std::string& path) {
     const auto file = std::make_shared<BusFile>(path);
     return std::make_shared<Bus>(file->description(),
-                                 [file](std::size_t member, const Versions& versions) {
-                                     file->storeVersions(member, versions);
+                                 [file](std::size_t member, const Versions& versions, bool onBus) {
+                                     file->storeMember(member, versions, onBus);
                                  });
 }
 

@@ -43,6 +43,7 @@ std::uint16_t Device::Transfer::computeChecksum() const {
 Device::Device(const MemberDescription& memberDescription)
     : description(memberDescription),
       versions(description.versions),
+      state(description.onBus ? State::Ready : State::Restarting),
       packetFaults(description.faults.packets) {}
 
 Versions Device::readVersions() const {
@@ -66,14 +67,21 @@ int Device::writeRequest(std::uint32_t target, std::uint32_t contentSize, std::u
     return 0;
 }
 
-PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes,
+PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds now,
                               Microseconds usualDelay) {
     if (!transfer.open) {
         return {};
     }
     ++packetsSeen;
+    if (now < busyUntil) {
+        return {};
+    }
     const PacketFault* const fault = takeFault(number);
     if (fault != nullptr && fault->kind == PacketFault::Kind::Lost) {
+        return {};
+    }
+    busyUntil = now + description.timing.busy;
+    if (description.faults.ignoresRepeats && has(number)) {
         return {};
     }
     if (!expects(number)) {
@@ -105,6 +113,10 @@ const std::vector<BusChange>* Device::takeChanges() {
 
 bool Device::expects(std::uint32_t number) const {
     return transfer.open && number < packetsOf(transfer.contentSize);
+}
+
+bool Device::has(std::uint32_t number) const {
+    return number < transfer.received.size() && transfer.received[number];
 }
 
 // The fault that strikes the packet that has just come, or null.

@@ -41,7 +41,8 @@ public:
     int startUpdate(std::uint32_t target);
 
     // A data packet of kPacketBytes, which the device answers after that delay if nothing is wrong.
-    PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds usualDelay);
+    PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds now,
+                          Microseconds usualDelay);
 
     // ---- its history ----
 
@@ -63,6 +64,7 @@ public:
     // ---- an update that was started, one step after the other ----
 
     bool isInstalling() const { return state == State::Installing; }
+    bool isGone() const { return !isOnBus() && description.faults.neverReturns; }
 
     // Identifies one installation, so that events of an interrupted one are ignored.
     std::uint32_t installation() const { return installationNumber; }
@@ -102,6 +104,7 @@ private:
     };
 
     bool expects(std::uint32_t number) const;
+    bool has(std::uint32_t number) const;
     const PacketFault* takeFault(std::uint32_t number);
     void keepPacket(std::uint32_t number, const std::uint8_t* bytes);
     PacketAnswers answerWith(const PacketFault& fault, const PacketAnswer& usual);
@@ -114,6 +117,7 @@ private:
     std::vector<PacketFault> packetFaults;  // with the times that they still strike
     std::uint32_t installationNumber = 0;
     std::uint32_t packetsSeen = 0;
+    Microseconds busyUntil = 0;
     std::size_t packetsRepeated = 0;
     std::size_t changesTaken = 0;
     std::uint32_t installations = 0;

@@ -52,9 +52,9 @@ std::int64_t FieldReader::number(const char* name, std::int64_t fallback, std::i
     return field == nullptr ? fallback : readNumber(*field, placeOf(name), min, max);
 }
 
-bool FieldReader::flag(const char* name) {
+bool FieldReader::flag(const char* name, bool fallback) {
     const Json* const field = find(name);
-    return field != nullptr && readFlag(*field, placeOf(name));
+    return field == nullptr ? fallback : readFlag(*field, placeOf(name));
 }
 
 std::string FieldReader::text(const char* name) {

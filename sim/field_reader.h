@@ -25,7 +25,7 @@ public:
     // hexadecimal, with 0x in front.
     std::int64_t number(const char* name, std::int64_t fallback, std::int64_t min,
                         std::int64_t max);
-    bool flag(const char* name);
+    bool flag(const char* name, bool fallback = false);
     std::string text(const char* name);
 
     // The place of a field, as a JSON pointer.

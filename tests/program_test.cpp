@@ -89,6 +89,18 @@ TEST_F(Program, LauncherRunsTheToolOnABusOfTheUsersOwn) {
     EXPECT_FALSE(readText(directory / "state/orvin-firmware-upgrade-sim/bus.json").empty());
 }
 
+TEST_F(Program, MissesADeviceThatNeverReturnedInLaterRunsToo) {
+    std::string bus = kBus;
+    bus.insert(bus.find("\"timing\""), R"("faults": {"never_returns": true}, )");
+    writeText(directory / "bus.json", bus);
+    shell(
+        "orvin-image create arm.img --target arm --version 7 --size 100;"
+        " orvin-firmware-upgrade -B -c sim:bus.json arm.img &"
+        " until grep -q on_bus bus.json || ! kill -0 $!; do sleep 0.1; done; kill $!");
+    const Result listing = shell("orvin-firmware-upgrade -l -c sim:bus.json");
+    EXPECT_TRUE(listing.exitStatus == 0 && !contains(listing.output, " 1) ")) << listing.output;
+}
+
 TEST_F(Program, WritesItsStatusMessagesInTheUsersLanguage) {
     for (const auto& [language, message] :
          {std::pair{"de", "Warten, bis der Lumnet-Bus aktiv wird ..."},

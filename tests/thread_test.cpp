@@ -119,7 +119,7 @@ sim::MemberDescription makeOrvin(std::uint32_t number) {
     sim::MemberDescription orvin;
     orvin.id.bytes[0] = static_cast<std::uint8_t>(number);
     orvin.type = sim::kOrvinType;
-    orvin.timing = {0, 0, 0, 1'000, 1'000};
+    orvin.timing = {0, 0, 0, 0, 1'000, 1'000};
     return orvin;
 }
 

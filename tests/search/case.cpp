@@ -22,9 +22,12 @@ public:
     std::optional<sim::Intervention> before(const sim::Call& call) override {
         constexpr std::size_t kMostCalls = 1'000'000;  // more than the longest wait makes
         const std::size_t index = calls++;
-        std::optional<sim::Intervention> result;
         if (index == kMostCalls) {
             throw sim::TimeLimitReached();
+        }
+        std::optional<sim::Intervention> result;
+        if (failsToClear(call)) {
+            result = sim::Intervention{-1};
         }
         for (const Fault& fault : faults) {
             const bool strikes = fault.call == index || (fault.stays && fault.call < index);
@@ -39,6 +42,22 @@ public:
     sim::Bus* bus = nullptr;
 
 private:
+    // A callback that comes at any moment needs a library that clears none.
+    bool failsToClear(const sim::Call& call) const {
+        return call.text == recording::slotText(false) &&
+               std::any_of(faults.begin(), faults.end(),
+                           [](const Fault& fault) { return fault.place == Place::Callback; });
+    }
+
+    void callBack(const Fault& fault) const {
+        const vanid_t device = *sim::parseIdentifier(fault.device);
+        if (fault.function == sim::Function::BusChangeCallback) {
+            bus->reportBusChange(device, static_cast<std::uint32_t>(fault.value));
+        } else {
+            bus->reportTransferResult(device, {0, static_cast<std::int32_t>(fault.value), 0});
+        }
+    }
+
     std::optional<sim::Intervention> strike(const Fault& fault, const sim::Call& call) {
         if (fault.place == Place::Result) {
             const bool itsCall = call.function == fault.function && deviceOf(call) == fault.device;
@@ -47,6 +66,10 @@ private:
         }
         if (fault.place == Place::Link) {
             bus->dropLink(fault.value);
+        } else if (fault.place == Place::Callback) {
+            if (letsCallbacksIn(call.function)) {
+                callBack(fault);
+            }
         } else if (fault.place == Place::Power) {
             bus->interrupt(*sim::parseIdentifier(fault.device), fault.value);
         } else {
@@ -103,6 +126,12 @@ ToolRun runCase(const Case& searched) {
         const StatusFault& fault = searched.statusFault;
         return call == fault.call && ++calls == fault.number ? fault.error : 0;
     });
+}
+
+bool letsCallbacksIn(sim::Function function) {
+    using sim::Function;
+    return function != Function::OrvinInfo && function != Function::WriteRequest &&
+           function != Function::CheckImage && function != Function::StartUpdate;
 }
 
 std::string deviceOf(const sim::Call& call) {

@@ -28,7 +28,7 @@ enum class Harm {
 };
 
 // Where a fault strikes. Of two at one place only one is used.
-enum class Place { Result, Link, Power, Packet };
+enum class Place { Result, Link, Power, Packet, Callback };
 
 // Something that goes wrong at one of the tool's calls.
 struct Fault {
@@ -38,7 +38,7 @@ struct Fault {
     std::string what;
     std::int64_t value = 0;   // the result, for how long in microseconds, or the packet fault's
     bool carriedOut = false;  // the call, though its result is lost
-    sim::Function function = sim::Function::Initialize;  // whose result it is
+    sim::Function function = sim::Function::Initialize;  // whose result it is, or the callback
     sim::PacketFault packet = {};
     std::size_t call = 0;  // counted from 0, callbacks as well
     bool stays = false;    // and strikes at all later calls as well
@@ -69,6 +69,9 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
               std::size_t contentSize);
 
 ToolRun runCase(const Case& searched);
+
+// Whether the tool makes the call without the lock for which a callback would wait.
+bool letsCallbacksIn(sim::Function function);
 
 // The identifier of the device that a call goes to; empty for none.
 std::string deviceOf(const sim::Call& call);

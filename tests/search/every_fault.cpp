@@ -39,9 +39,14 @@ std::vector<Case> baseCases() {
     Case retry = baseCase("retry", 2, {"-B"}, {arm});
     retry.setup.bus.members[0].faults.keepsOldVersion = sim::KeepsOldVersion::Once;
     retry.spoiled.insert(orvinText(1));
+    Case behind = baseCase("behind", 3, {"-B"}, {dsp});
+    behind.setup.bus.members[1].timing.acknowledge = behind.setup.bus.members[1].timing.busy =
+        1'300;
+    behind.setup.bus.members[2].faults.ignoresRepeats = true;
     return {baseCase("one", 1, {"-B"}, {arm}),
             baseCase("three", 3, {"-B"}, {dsp, arm, booster}),
             retry,
+            behind,
             baseCase("targeted", 2, {"-d", orvinText(1)}, {dsp}),
             baseCase("pretend", 2, {"-B", "-p"}, {arm}),
             baseCase("forced", 2, {"-B", "-f"}, {same}),
@@ -103,12 +108,25 @@ bool answersAtOnce(const sim::MemberDescription& device) {
     return device.timing.acknowledge < kPoll && device.timing.acknowledgeJitter == 0;
 }
 
+// Callbacks that come though they were cleared.
+void addLateCallbacks(std::vector<Fault>& faults, const std::string& device) {
+    for (const auto& [result, harm] : {std::pair{9, Harm::Device}, {17, Harm::None}}) {
+        faults.push_back({Place::Callback, device, harm, "reports late:", result, false,
+                          Function::TransferCallback});
+    }
+    faults.push_back({Place::Callback, device, Harm::Device, "is reported late, event", 0, false,
+                      Function::BusChangeCallback});
+}
+
 void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std::string& device,
                      const sim::Call& call) {
     for (const Microseconds duration : {4 * kSecond, kForEver}) {
         faults.push_back({Place::Power, device, Harm::Device, "away for us:", duration});
     }
     if (call.function != Function::Data) {
+        if (letsCallbacksIn(call.function)) {
+            addLateCallbacks(faults, device);
+        }
         return;
     }
     const auto& members = searched.setup.bus.members;

@@ -53,6 +53,8 @@ struct Attempt {
     std::string rest;      // and from there on
     Texts updated;         // devices that the console names so
     std::map<std::string, std::map<Function, Calls>> devices;  // the calls by device
+    std::set<std::int64_t> packets;                            // that were sent
+    bool repeatsPackets = false;  // to a device that asked or stayed silent, and so to all
 
     bool answersOtherwise(const std::string& device) {
         const Calls& answers = devices[device][Function::OrvinInfo];
@@ -139,7 +141,7 @@ private:
             if (searched.harm == Harm::AllDevices || searched.spoiled.count(device) != 0) {
                 continue;
             }
-            require(!isDropped(run.console, device), "dropped for another's fault", device);
+            checkKept(member, device);
             if (searched.harm == Harm::None) {
                 checkServed(member, device);
             }
@@ -188,6 +190,8 @@ private:
                 !readsOnly || function < Function::WriteRequest || function > Function::StartUpdate,
                 "writes though it must not");
             isSet[function] = record.call.text == "set";
+            require(function != Function::Cleanup || record.consoleLength == run.console.size(),
+                    "prints after the mode's end");
         }
         require(!isSet[Function::SetTransferCallback] && !isSet[Function::SetBusChangeCallback],
                 "a callback left set");
@@ -238,9 +242,36 @@ private:
                 "runs another version, and the tool does not say so", device);
     }
 
+    // Whether the device may fail an attempt in which packets are repeated for another one.
+    static bool canFallBehind(const sim::MemberDescription& member) {
+        return member.timing.busy > 0 || member.faults.ignoresRepeats;
+    }
+
+    void checkKept(const sim::MemberDescription& member, const std::string& device) {
+        require(canFallBehind(member) || !isDropped(run.console, device),
+                "dropped for another's fault", device);
+        for (const Attempt& attempt : attempts) {
+            require(attempt.repeatsPackets || !isDropped(attempt.transfer + attempt.rest, device),
+                    "fell behind, though no packet was repeated", device);
+        }
+    }
+
+    bool bothAttemptsRepeatPackets() const {
+        for (std::size_t i = 1; i < attempts.size(); ++i) {
+            if (attempts[i].number == 2 && attempts[i].repeatsPackets &&
+                attempts[i - 1].repeatsPackets) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     // A healthy device on a sound bus gets every image that it needs, and no other.
     void checkServed(const sim::MemberDescription& member, const std::string& device) {
         require(!searched.has("-l") || run.printed(device), "not listed", device);
+        if (canFallBehind(member) && bothAttemptsRepeatPackets()) {
+            return;
+        }
         require(notUpgraded.count(device) == 0, "healthy, but not upgraded", device);
         const bool chosen = !searched.has("-l") && !searched.has("-V") &&
                             (searched.has("-B") || searched.has(device));
@@ -265,7 +296,14 @@ private:
             last = sim::isCallback(call.function) ? last : call.function;
             if (!attempts.empty() && record.consoleLength <= attempts.back().end) {
                 attempts.back().devices[deviceOf(call)][call.function].push_back(&call);
+                noteRepeats(attempts.back(), call);
             }
+        }
+    }
+
+    static void noteRepeats(Attempt& attempt, const Call& call) {
+        if (call.function == Function::Data) {
+            attempt.repeatsPackets |= !attempt.packets.insert(call.given[0]).second;
         }
     }
 

@@ -30,6 +30,9 @@ void addMember(Dice& dice, Case& random, int number) {
     device.versions.arm = dice.oneIn(6) ? kNewVersion : kOldVersion;
     device.timing.acknowledge = dice.anyOf<sim::Microseconds>({0, 300, 999, 2'500});
     device.timing.acknowledgeJitter = dice.oneIn(3) ? 3'000 : 0;
+    // It has dealt with a packet when it acknowledges it.
+    device.timing.busy = dice.oneIn(3) ? device.timing.acknowledge : 0;
+    device.faults.ignoresRepeats = dice.oneIn(6);
     device.timing.install = dice.below(8) * kSecond;
     device.timing.restart = dice.below(8) * kSecond;
     if (dice.oneIn(3)) {
