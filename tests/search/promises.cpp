@@ -256,20 +256,21 @@ private:
         }
     }
 
-    bool bothAttemptsRepeatPackets() const {
-        for (std::size_t i = 1; i < attempts.size(); ++i) {
-            if (attempts[i].number == 2 && attempts[i].repeatsPackets &&
-                attempts[i - 1].repeatsPackets) {
-                return true;
-            }
-        }
-        return false;
+    // Whether a device that fell behind need not be upgraded: packets were repeated in both
+    // attempts with an image, or it had the image's version already, for which there is no second
+    // one.
+    bool isLeftBehind() const {
+        const auto repeatsAgain = [](const Attempt& before, const Attempt& attempt) {
+            return attempt.number == 2 && before.repeatsPackets && attempt.repeatsPackets;
+        };
+        return searched.has("-f") ||
+               std::adjacent_find(attempts.begin(), attempts.end(), repeatsAgain) != attempts.end();
     }
 
     // A healthy device on a sound bus gets every image that it needs, and no other.
     void checkServed(const sim::MemberDescription& member, const std::string& device) {
         require(!searched.has("-l") || run.printed(device), "not listed", device);
-        if (canFallBehind(member) && bothAttemptsRepeatPackets()) {
+        if (canFallBehind(member) && isLeftBehind()) {
             return;
         }
         require(notUpgraded.count(device) == 0, "healthy, but not upgraded", device);
