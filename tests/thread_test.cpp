@@ -24,79 +24,6 @@ namespace {
 
 constexpr int kDevices = 63;
 
-// A bus library that clears no callback: it calls what was set once from threads of its own, until
-// the process ends.
-namespace relentless {
-
-std::atomic<bool> inUse{false};
-std::atomic<std::int32_t> result{0};
-std::atomic<int> calls{0};
-
-void start(void (*callBack)(const CallbackSlot& slot), const CallbackSlot& slot) {
-    for (int thread = 0; thread < 2; ++thread) {
-        std::thread([=] {
-            for (;; ++calls) {
-                callBack(slot);
-                std::this_thread::yield();
-            }
-        }).detach();
-    }
-}
-
-void reportResult(const CallbackSlot& slot) {
-    reinterpret_cast<TransferCallback>(slot.function)(result, slot.userArgument, {{1}}, {}, 0, 0);
-}
-
-void reportMember(const CallbackSlot& slot) {
-    const vanid_t member{{1}};
-    reinterpret_cast<BusChangeCallback>(slot.function)(slot.userArgument, &member, 0);
-}
-
-// Whether the setting of the slot is to be passed on.
-bool takes(void (*callBack)(const CallbackSlot& slot), const CallbackSlot& slot) {
-    if (inUse && slot.function != nullptr) {
-        start(callBack, slot);
-    }
-    return !inUse;
-}
-
-void letThreadsCall() {
-    constexpr int kEnough = 10'000;
-    const int before = calls;
-    while (calls - before < kEnough) {
-        std::this_thread::yield();
-    }
-}
-
-}  // namespace relentless
-
-}  // namespace
-
-// Called in place of the functions without "__wrap_", which are called "__real_" here.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-
-int __real_TalmApiSetCallback(TalmApiHandle, int, int, int, const CallbackSlot*, int);
-int __real_TalmApiSetBusChangeCallback(TalmApiHandle, const CallbackSlot*, int);
-
-int __wrap_TalmApiSetCallback(TalmApiHandle handle, int a, int b, int c, const CallbackSlot* slot,
-                              int d) {
-    return relentless::takes(relentless::reportResult, *slot)
-               ? __real_TalmApiSetCallback(handle, a, b, c, slot, d)
-               : -1;
-}
-
-int __wrap_TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, int last) {
-    return relentless::takes(relentless::reportMember, *slot)
-               ? __real_TalmApiSetBusChangeCallback(handle, slot, last)
-               : -1;
-}
-
-}  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace {
-
 // Holds the first report until there is one on another thread.
 class Reporters : public sim::Observer {
 public:
@@ -137,11 +64,15 @@ std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     return std::make_shared<sim::Bus>(bus);
 }
 
+void writeImage(const std::string& path, std::uint32_t target, const orvin_image::Bytes& content) {
+    const orvin_image::Bytes file = orvin_image::encodeImage({0, 0, target, 0, 0, 0, 7}, content);
+    writeText(path, {file.begin(), file.end()});
+}
+
 TEST(Threads, ReportAllAtOnceOfATransferTo63Devices) {
     const TemporaryDirectory directory;
     const orvin_image::Bytes content = orvin_image::generateContent(0x200, 7, 64 * 150 + 1);
-    const orvin_image::Bytes file = orvin_image::encodeImage({0, 0, 0x200}, content);
-    writeText(directory / "image", {file.begin(), file.end()});
+    writeImage(directory / "image", 0x200, content);
     ErrorInfo error;
     FirmwareImage image(&error);
     ASSERT_TRUE(image.open(directory / "image"));
@@ -173,41 +104,65 @@ TEST(Threads, ReportAllAtOnceOfATransferTo63Devices) {
     EXPECT_EQ(reporters.threads.count(std::this_thread::get_id()), 0U);
 }
 
-// From the end of the session on, each report is one that the tool would act on and print.
-class FaultsAtTheEnd : public sim::Observer {
+// Clears no callback, and makes reports until the process ends: acknowledgements at first, and from
+// the end of the session on, faults, on which the tool would act.
+class Stubborn : public sim::Observer {
+public:
+    explicit Stubborn(std::shared_ptr<sim::Bus> itsBus) : bus(std::move(itsBus)) {
+        for (int thread = 0; thread < 3; ++thread) {
+            std::thread([this] { report(); }).detach();
+        }
+    }
+
     std::optional<sim::Intervention> before(const sim::Call& call) override {
         if (call.function == sim::Function::Cleanup) {
-            relentless::result = 9;
-            relentless::letThreadsCall();
+            result = 9;
+            waitForReports();
         }
-        return std::nullopt;
+        const bool clears = call.text == recording::slotText(false);
+        return clears ? std::optional(sim::Intervention{-1}) : std::nullopt;
     }
+
+    void waitForReports() const {
+        const int before = reports;
+        while (reports - before < 10'000) {
+            std::this_thread::yield();
+        }
+    }
+
+private:
+    void report() {
+        for (;; ++reports) {
+            bus->reportTransferResult({{1}}, {0, result, 0});
+            bus->reportBusChange({{1}}, 0);
+            std::this_thread::yield();
+        }
+    }
+
+    const std::shared_ptr<sim::Bus> bus;
+    std::atomic<std::int32_t> result{0};
+    std::atomic<int> reports{0};
 };
 
-// Goes on until the process ends, which the sanitizers watch as well.
 TEST(Threads, FindNoGroupOnceTheModeHasEnded) {
     const TemporaryDirectory directory;
-    const orvin_image::Bytes file = orvin_image::encodeImage(
-        {0, 0, 0x201, 0, 0, 0, 7}, orvin_image::generateContent(0x201, 7, sim::kPacketBytes * 20));
-    const std::string image = directory / "image";
-    writeText(image, {file.begin(), file.end()});
-    FaultsAtTheEnd observer;
-    sim::observers().push_back(&observer);
-    sim::BusDescription bus;
-    bus.members = {makeOrvin(1)};
-    sim::busOpener() = [bus](const std::string&) { return std::make_shared<sim::Bus>(bus); };
-    relentless::inUse = true;
-    testing::internal::CaptureStdout();
+    std::string image = directory / "image";
+    writeImage(image, 0x201, orvin_image::generateContent(0x201, 7, sim::kPacketBytes * 20));
+    sim::BusDescription description;
+    description.members = {makeOrvin(1)};
+    const auto bus = std::make_shared<sim::Bus>(description);
+    sim::busOpener() = [&](const std::string&) { return bus; };
+    auto& library = *new Stubborn(bus);  // as long as its threads
+    sim::observers().push_back(&library);
     RunConfig config;
-    std::string arguments[] = {"orvin-firmware-upgrade", "-B", "-c", "sim:", image};
-    char* argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
-                    arguments[3].data(), arguments[4].data(), nullptr};
-    EXPECT_EQ(run(config, 5, argv), 1);
-    relentless::letThreadsCall();
+    char all[] = "-B";
+    char connection[] = "-csim:";
+    char* argv[] = {all, all, connection, image.data(), nullptr};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run(config, 4, argv), 1);
+    library.waitForReports();
     const std::string console = testing::internal::GetCapturedStdout();
     EXPECT_EQ(console.substr(console.rfind("back online")), "back online... done.\n");
-    relentless::inUse = false;
-    sim::observers().clear();
 }
 
 // An acknowledgement must not come earlier than the bus file says.
