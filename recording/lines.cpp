@@ -149,14 +149,23 @@ std::vector<std::string> commandLine() {
 
 }  // namespace
 
-void Lines::addHeader() {
+std::string Lines::beginningOfHeader(const std::string& invocation) {
     constexpr int kVersion = 1;
+    std::string beginning = "{";
+    Fields line(beginning);
+    line.add("orvin-recording", kVersion);
+    if (!invocation.empty()) {
+        line.addJson("invocation", invocation);
+    }
+    return beginning;
+}
+
+void Lines::addHeader(const std::string& invocation) {
     const std::time_t now = std::time(nullptr);
     char started[32];
     std::strftime(started, sizeof started, "%FT%TZ", std::gmtime(&now));
-    text += '{';
+    text += beginningOfHeader(invocation);
     Fields line(text);
-    line.add("orvin-recording", kVersion);
     line.addPlain("started", started);
     line.addJson("command", commandLine());
     text += "}\n";

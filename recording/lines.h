@@ -20,8 +20,10 @@ struct Moment {
 // thread at a time.
 class Lines {
 public:
-    // The first line: the format's version, the time and this process's command line.
-    void addHeader();
+    // The first line: its beginning, which is the format's version and, unless it is empty, the
+    // invocation of orvin-record; then the time and this process's command line.
+    void addHeader(const std::string& invocation);
+    static std::string beginningOfHeader(const std::string& invocation);
 
     void add(const Moment& moment, const Call& call);
 

@@ -51,7 +51,9 @@ void begin() {
         return;
     }
     try {
-        current = new Recording(path);  // a callback may come as long as the process runs
+        const char* const invocation = std::getenv("ORVIN_RECORD_INVOCATION");
+        // Never freed: a callback may come as long as the process runs.
+        current = new Recording(path, invocation == nullptr ? "" : invocation);
     } catch (const std::exception& error) {
         recording::complain(std::string("recording '") + path +
                             "' does not begin: " + error.what() + '\n');

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -39,6 +40,10 @@ private:
     sigset_t before{};
 };
 
+[[noreturn]] void failWithErrno(const char* what) {
+    throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
 }  // namespace
 
 void complain(const std::string& line) {
@@ -60,20 +65,24 @@ Recording::Descriptor::~Descriptor() {
     }
 }
 
-Recording::Recording(const std::string& pathOfFile) : path(pathOfFile) {
+Recording::Recording(const std::string& pathOfFile, const std::string& invocation)
+    : path(pathOfFile) {
     // The opening waits for no reader, if it is a pipe; the writing may.
     constexpr mode_t kMode = 0666;
     file.number = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
     if (file.number < 0) {
-        throw std::runtime_error(std::string("cannot be opened: ") + std::strerror(errno));
+        failWithErrno("cannot be opened");
     }
     if (flock(file.number, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         throw std::runtime_error("another run is being recorded in it");
     }
     fcntl(file.number, F_SETFL, O_APPEND);
+    if (!invocation.empty()) {
+        emptyUnlessBegunBy(invocation);
+    }
     noted.reserve(kUsualBatch);
     batch.reserve(kUsualBatch);
-    lines.addHeader();
+    lines.addHeader(invocation);
     const NoSignals noSignals;
     writer = std::thread(&Recording::writeNowAndThen, this);
 }
@@ -81,6 +90,23 @@ Recording::Recording(const std::string& pathOfFile) : path(pathOfFile) {
 Recording::~Recording() {
     finish();
     writer.join();
+}
+
+// Only with the lock, so that no run loses what it is noting. A command may start the tool several
+// times; each finds by the first line that the file is its command's own.
+void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
+    struct stat status {};
+    if (fstat(file.number, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return;
+    }
+    const std::string own = Lines::beginningOfHeader(invocation);
+    std::string found(own.size(), '\0');
+    const Descriptor reader{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    const ssize_t count = ::read(reader.number, found.data(), found.size());
+    const bool isOwn = count == static_cast<ssize_t>(own.size()) && found == own;
+    if (!isOwn && ftruncate(file.number, 0) != 0) {
+        failWithErrno("cannot be emptied");
+    }
 }
 
 void Recording::note(const Moment& moment, const Call& call) {

@@ -16,8 +16,10 @@ namespace recording {
 // Any thread may call.
 class Recording {
 public:
-    // Appends to the file. Throws std::exception with a reason in one line.
-    explicit Recording(const std::string& pathOfFile);
+    // Appends to the file, which is emptied before if it is a regular one that another invocation
+    // of orvin-record began; without an invocation it is not emptied. Throws std::exception with a
+    // reason in one line.
+    explicit Recording(const std::string& pathOfFile, const std::string& invocation = "");
     ~Recording();
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
@@ -42,6 +44,7 @@ private:
         std::uint32_t packet;
     };
 
+    void emptyUnlessBegunBy(const std::string& invocation) const;
     bool add(const Noted& entry);
     void writeNowAndThen();
     bool takeBatch();

@@ -170,8 +170,17 @@ TEST_F(Program, RecorderLeavesTheCommandAsItIs) {
                                    ",\"device\":\"0a:00:", "\"call\":\"TalmApiClose\","}) {
         EXPECT_TRUE(contains(recording, part)) << part;
     }
+    // What another run is writing stays, and so does a recording when no call comes.
+    const Result busy = shell("flock recording orvin-record recording " + listing +
+                              "; orvin-record recording true");
+    EXPECT_TRUE(contains(busy.error, "another run is being recorded")) << busy.error;
+    EXPECT_EQ(readText(directory / "recording"), recording);
+    // The runs of one command take its place together.
+    const std::string twice = "sh -c '" + listing + ';' + listing + "' >x; ";
+    EXPECT_EQ(shell("orvin-record recording " + twice + "grep -c invocation recording").output,
+              "2\n");
     // Without a call of the bus there is nothing to be recorded.
-    EXPECT_EQ(shell("orvin-record x orvin-firmware-upgrade -v; ls x").output, kStart);
+    EXPECT_EQ(shell("orvin-record y orvin-firmware-upgrade -v; ls y").output, kStart);
     const Result killed = shell("orvin-record x " + listing + " & kill -TERM $!; wait $!");
     EXPECT_EQ(killed.exitStatus, 128 + SIGTERM);
 }
