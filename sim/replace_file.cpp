@@ -93,6 +93,23 @@ struct TemporaryName {
     }
 };
 
+// The path without links at its end, even where the last one leads to no file. Empty, with the
+// reason in errno, when they go in a circle.
+std::string followLinks(const std::string& path) {
+    constexpr int kMostLinks = 40;  // as the system
+    std::filesystem::path file = path;
+    for (int links = 0; links <= kMostLinks; ++links) {
+        std::error_code noLink;
+        const std::filesystem::path target = std::filesystem::read_symlink(file, noLink);
+        if (noLink) {
+            return file.string();
+        }
+        file = file.parent_path() / target;
+    }
+    errno = ELOOP;
+    return "";
+}
+
 mode_t defaultMode() {
     const mode_t mask = umask(0);
     umask(mask);
@@ -141,13 +158,12 @@ bool writeBeside(const std::string& path, mode_t mode,
 
 bool replaceFile(const std::string& path, const std::function<bool(const WriteBytes&)>& produce,
                  const std::function<bool(const std::string&)>& prepare) {
-    std::error_code ignored;
-    const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, ignored);
-    const std::string target = resolved.empty() ? path : resolved.string();
     struct stat old {};
-    const bool exists = stat(target.c_str(), &old) == 0;
+    const bool exists = stat(path.c_str(), &old) == 0;
     if (exists && !S_ISREG(old.st_mode)) {
-        return writeInPlace(target, produce);
+        return writeInPlace(path, produce);
     }
-    return writeBeside(target, exists ? old.st_mode : defaultMode(), produce, prepare);
+    const std::string target = followLinks(path);
+    return !target.empty() &&
+           writeBeside(target, exists ? old.st_mode : defaultMode(), produce, prepare);
 }

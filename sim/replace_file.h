@@ -9,9 +9,10 @@
 using WriteBytes = std::function<bool(const void* bytes, std::size_t length)>;
 
 // Has `produce` write a new file beside the old one, which then takes its place, so that a reader
-// finds the one or the other whole. Follows links and keeps the permissions; what is no regular
-// file is written to as it is. When `produce` returns false or throws, or on failure, the old file
-// stays as it was and nothing new stays behind; false has the reason in errno.
+// finds the one or the other whole. Follows links, also to a file that is not there yet, and keeps
+// the permissions; what is no regular file is written to as it is. When `produce` returns false or
+// throws, or on failure, the old file stays as it was and nothing new stays behind; false has the
+// reason in errno.
 //
 // `prepare` gets the path of the new file when that is complete and not yet in the old one's place;
 // false from it, with the reason in errno, is a failure.
