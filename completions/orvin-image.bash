@@ -22,7 +22,7 @@ _orvin_image() {
     esac
     if [[ -z $words && $COMP_CWORD -eq 1 ]]; then
         compopt +o default 2>/dev/null
-        words='create show -h --help'
+        words='create show -h --help --version'
     elif [[ -z $words && $current == -* ]]; then
         case ${COMP_WORDS[1]} in
         create)

@@ -4,6 +4,7 @@ set -l create '__fish_seen_subcommand_from create'
 set -l show '__fish_seen_subcommand_from show'
 
 complete -c orvin-image -s h -l help -d 'Print the help and exit'
+complete -c orvin-image -n __fish_use_subcommand -l version -d 'Print the version and exit'
 complete -c orvin-image -n __fish_use_subcommand -f -a create -d 'Make an image file'
 complete -c orvin-image -n __fish_use_subcommand -f -a show -d 'Print the header of an image file'
 complete -c orvin-image -n $create -l target -x -a 'arm dsp booster-arm' -d 'What it is for'

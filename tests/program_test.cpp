@@ -231,22 +231,25 @@ TEST_F(Program, OrvinImageShowsWhatItCreatesWithADescriptorOrWithout) {
     const std::string content(100000, 'x');  // more than one piece
     writeText(directory / "content", content);
     const std::string command =
-        "orvin-image create image --target dsp --version 0x01020304 --content content";
+        "orvin-image create image --target dsp --version 1.2.3.4 --content content";
     EXPECT_TRUE(contains(shell(command).error, "note: the content has no descriptor"));
     EXPECT_EQ(readText(directory / "image").substr(36), content);
     EXPECT_EQ(shell(command + " --add-descriptor").error, "");
     EXPECT_EQ(readText(directory / "image").substr(36),
               "OFWD\x01\x02\0\0\x04\x03\x02\x01"s + content);
     const std::string shown = shell("orvin-image show image; orvin-image show --json image").output;
-    for (const char* part : {"0x201 (Pellix DSP)\n", " (right)\n", "\"accepted\": true",
-                             "\"version\": 16909060\n", "\"contentSize\": 100012,"}) {
+    for (const char* part :
+         {"0x201 (Pellix DSP)\n", " (right)\n", "\"accepted\": true", " 0x01020304 (1.2.3.4)\n",
+          "\"version\": 16909060\n", "\"contentSize\": 100012,"}) {
         EXPECT_TRUE(contains(shown, part)) << part << shown;
     }
 }
 
 TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
-    shell("orvin-image create image --target 0x203 --version 1 --size 100; mkfifo fifo");
-    EXPECT_TRUE(contains(shell("orvin-image show image").output, "unknown: the upgrade tool"));
+    shell("orvin-image create image --target 0x203 --version 1.3.0 --size 100; mkfifo fifo");
+    const std::string accepted = shell("orvin-image show image").output;
+    EXPECT_TRUE(contains(accepted, "unknown: the upgrade tool")) << accepted;
+    EXPECT_TRUE(contains(accepted, " 0x00010300 (1.3.0)\n")) << accepted;
 
     const std::string whole = readText(directory / "image");
     for (const auto& [text, reason] : {std::pair{whole + "x", "Invalid content size"},
@@ -257,7 +260,7 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
         EXPECT_EQ(shown.exitStatus, 1);
         EXPECT_TRUE(contains(shown.output, "\"refusal\": \""s + reason + '"'));
     }
-    EXPECT_TRUE(contains(shell("orvin-image show image").output,
+    EXPECT_TRUE(contains(shell("orvin-image show image").error,
                          "Error in 'image': File not open\nnote: the file has 35 bytes"));
     for (const std::string other : {"fifo", ".", "/proc/self/mem"}) {
         const Result shown = shell("orvin-image show " + other);
@@ -280,6 +283,9 @@ TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
         {"x --target ARM --version 1 --size 64", "'ARM' is not arm, dsp,"},
         {"x --target arm --version 010 --size 64", "not octal"},
         {"x --target arm --version 4294967296 --size 64", "range is 0 to 4294967295"},
+        {"x --target arm --version 1.3 --size 64", "'1.3' is not a version"},
+        {"x --target arm --version 1.3.256 --size 64", "from 0 to 255"},
+        {"x --target arm --version 1.3.0.x --size 64", "like 1.3.0"},
         {"x --target arm --version 1 --content 'a\nb\x1b'", "'a?b?': cannot be opened"},
         {"x --target arm --version 1 --content long", "'long': is too long: at most 21"},
         {"x --target arm --version 1 --content fifo", "'fifo': is a pipe"},

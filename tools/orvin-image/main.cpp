@@ -17,6 +17,7 @@
 #include "image/firmware_target.h"
 #include "orvin-image/create.h"
 #include "orvin-image/show.h"
+#include "orvin-image/version.h"
 #include "sim/one_line.h"
 
 namespace {
@@ -58,32 +59,60 @@ std::string checkTarget(const std::string& text) {
                     : "'" + onOneLine(text) + "' is not arm, dsp, booster-arm or a number";
 }
 
+// A version with dots becomes its number.
+std::string numberOfVersion(const std::string& text) {
+    if (text.find('.') == std::string::npos) {
+        return text;
+    }
+    if (const auto version = orvin_image::parseDotted(text)) {
+        return std::to_string(*version);
+    }
+    throw CLI::ValidationError("'" + onOneLine(text) +
+                               "' is not a version: a number, or three or four numbers from 0 to "
+                               "255 with dots between them, like 1.3.0");
+}
+
 void addCreate(CLI::App& app, orvin_image::CreateOptions& options) {
     CLI::App* const create = app.add_subcommand("create", "Make an image file");
-    create->add_option("output", options.output, "The image file to write")->required();
+    create->add_option("OUTPUT", options.output, "The image file to write")
+        ->required()
+        ->option_text(" ");
     create
-        ->add_option("--target", options.target, "What it is for: arm, dsp, booster-arm or a code")
+        ->add_option("--target", options.target,
+                     "What it is for: arm, dsp, booster-arm or a number (required)")
+        ->option_text("TARGET")
         ->required()
         ->transform(CLI::Transformer(kTargets))
         ->check(checkTarget);
-    create->add_option("--version", options.version, "Version of the firmware")
+    create
+        ->add_option("--version", options.version,
+                     "Version of the firmware: a number, or like 1.3.0 (required)")
+        ->option_text("VERSION")
         ->required()
+        ->transform(numberOfVersion)
         ->check(checkNumber);
-    create->add_option("--manufacturer", options.manufacturer, "Manufacturer code")
-        ->check(checkNumber);
-    create->add_option("--content-type", options.contentType, "Content type code")
-        ->check(checkNumber);
-
-    CLI::Option_group* const content = create->add_option_group("content");
-    CLI::Option* const file =
-        content->add_option("--content", options.contentFile, "File with the content");
-    content->add_option("--size", options.size, "Generate so many bytes of content")
-        ->check(checkNumber);
-    content->require_option(1);
+    CLI::Option* const file = create->add_option(
+        "--content", options.contentFile, "File with the content [one of --content, --size]");
+    CLI::Option* const size = create->add_option(
+        "--size", options.size, "Generate so many bytes of content [one of --content, --size]");
+    file->option_text("FILE");
+    size->option_text("BYTES")->check(checkNumber)->excludes(file);
+    create->callback([file, size] {
+        if (file->count() + size->count() == 0) {
+            throw CLI::RequiredError("--content or --size");
+        }
+    });
     create
         ->add_flag("--add-descriptor", options.addDescriptor,
-                   "Put the descriptor that simulated devices read in front of the content")
+                   "Put the descriptor that simulated devices read in front of --content")
+        ->option_text(" ")
         ->needs(file);
+    create->add_option("--manufacturer", options.manufacturer, "Manufacturer code, 0 if not given")
+        ->option_text("NUMBER")
+        ->check(checkNumber);
+    create->add_option("--content-type", options.contentType, "Content type code, 0 if not given")
+        ->option_text("NUMBER")
+        ->check(checkNumber);
 }
 
 }  // namespace
@@ -91,6 +120,9 @@ void addCreate(CLI::App& app, orvin_image::CreateOptions& options) {
 int main(int argc, char** argv) {
     CLI::App app("Makes and shows the firmware image files of Orvin devices.", "orvin-image");
     app.require_subcommand(1);
+    app.get_formatter()->label("Positionals", "Arguments");
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    app.set_version_flag("--version", "orvin-image " ORVIN_VERSION, "Print the version and exit");
 
     orvin_image::CreateOptions createOptions;
     addCreate(app, createOptions);
@@ -99,7 +131,7 @@ int main(int argc, char** argv) {
     bool asJson = false;
     CLI::App* const show = app.add_subcommand(
         "show", "Print the header of an image file, and whether the upgrade tool would refuse it");
-    show->add_option("image", shownImage, "The image file")->required();
+    show->add_option("IMAGE", shownImage, "The image file")->required()->option_text(" ");
     show->add_flag("--json", asJson, "Print JSON");
 
     CLI11_PARSE(app, argc, argv);

@@ -16,6 +16,7 @@
 #include "image/firmware_image.h"
 #include "orvin-image/content.h"
 #include "orvin-image/failure.h"
+#include "orvin-image/version.h"
 #include "sim/firmware_checksum.h"
 
 namespace orvin_image {
@@ -118,7 +119,7 @@ void printHeader(const Inspection& found) {
                                                          : " (the content sums up to 0x%04x)",
                unsigned{*found.checksum});
     }
-    printf("\nversion          0x%08x\n", header.version);
+    printf("\nversion          0x%08x (%s)\n", header.version, dotted(header.version).c_str());
     printf("sizes            %u + %u = %llu bytes, the file has %llu: %s\n", header.headerSize,
            header.contentSize,
            static_cast<unsigned long long>(header.headerSize) + header.contentSize,
@@ -132,16 +133,17 @@ void printText(const Inspection& found) {
     if (found.header) {
         printHeader(found);
     }
+    std::fflush(stdout);  // what is wrong comes last
     if (!found.refusal.empty()) {
-        printf("Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
+        fprintf(stderr, "Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
     }
     if (found.fileSize.value_or(0) > kMaxContent + kHeaderSize) {
-        printf("note: the file has %llu bytes, an image has at most %u\n",
-               static_cast<unsigned long long>(*found.fileSize), kMaxContent + kHeaderSize);
+        fprintf(stderr, "note: the file has %llu bytes, an image has at most %u\n",
+                static_cast<unsigned long long>(*found.fileSize), kMaxContent + kHeaderSize);
     }
     if (found.fileSize.value_or(kHeaderSize) < kHeaderSize) {
-        printf("note: the file has %llu bytes, a header has %u\n",
-               static_cast<unsigned long long>(*found.fileSize), kHeaderSize);
+        fprintf(stderr, "note: the file has %llu bytes, a header has %u\n",
+                static_cast<unsigned long long>(*found.fileSize), kHeaderSize);
     }
 }
 
