@@ -5,7 +5,7 @@ _orvin_recording() {
     COMPREPLY=()
     if [[ $COMP_CWORD -eq 1 ]]; then
         compopt +o default 2>/dev/null
-        words='summary plot bus -h --help'
+        words='summary plot bus -h --help --version'
     elif [[ $current == -* ]]; then
         case ${COMP_WORDS[1]} in
         summary)

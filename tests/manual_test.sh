@@ -19,8 +19,15 @@ offers() { # FUNCTION WORD...: what bash offers for the last word
     "$1"
     printf '%s\n' "${COMPREPLY[@]}"
 }
-. completions/orvin-firmware-upgrade.bash
-. completions/orvin-image.bash
+compare_all() { # TOOL SOURCE-LIST BASH-LIST: subcommands and long options
+    compare "man/$1.1" "$2" "$(sed -n 's/^\.It Fl \(. , \)\?\(-\S*\).*/-\2/p; s/^\.Cm \(\S*\)$/\1/p' "man/$1.1")"
+    compare "$1.bash" "$2" "$(grep -vx -e '-.' <<<"$3")"
+    compare "_$1" "$2" "$(grep -oP -- '--[a-z-]+(?==?[\[}])|[a-z]+(?=\\:)' "completions/_$1")"
+    compare "$1.fish" "$2" "$(sed -n 's/^complete .* -l \(\S*\) .*/--\1/p; s/.* -a \([a-z]*\) .*/\1/p' "completions/$1.fish")"
+}
+own_options() { sed -n 's/^\(-[a-z |-]*\)).*/\1/p' "$1" | grep -o -e '--[a-z]*'; } # of a script
+# shellcheck source=/dev/null
+for file in completions/*.bash; do . "$file"; done
 
 for page in man/*.1; do
     while IFS= read -r line; do finding "$line"; done < <(mandoc -T lint "$page" 2>&1 | grep -v 'referenced manual not found')
@@ -42,16 +49,19 @@ compare "$page, status" "$statuses" "$(grep -oP '^\d[\d to]*(?=\tT\{)' $page)"
 messages=$(find src -type f -exec cat {} + | tr '\n' ' ' | sed 's/" *"//g' | grep -oP 'gettext\( *"?\K[^"]+')
 compare "$page, message" "$messages" "$(sed -n 's/\\&$//; s/^\.It Qq //p' $page)"
 
+compare_all orvin-record "$(own_options recording/orvin-record.in)" "$(offers _orvin_record orvin-record -)"
+compare_all orvin-firmware-upgrade-sim "$(own_options sim/orvin-firmware-upgrade-sim.in)" \
+    "$(offers _orvin_firmware_upgrade_sim orvin-firmware-upgrade-sim -)"
+options=$(grep -oP '"\K--[a-z]+(?=")|^ +\("\K[a-z]+(?=", ")' tools/orvin-recording/orvin_recording/__main__.py; echo --help)
+compare_all orvin-recording "$options" "$(offers _orvin_recording orvin-recording ''
+    for subcommand in summary plot bus; do offers _orvin_recording orvin-recording $subcommand -; done)"
+
 tool=orvin-image page=man/orvin-image.1
 text=$(tr '\n' ' ' <tools/orvin-image/main.cpp)
 options=$(grep -oP 'add_(option|flag)\( *"\K-[^"]+|add_subcommand\( *"\K[^"]+' <<<"$text"; echo --help)
 targets=$(grep -oP '\{"\K[^"]+(?=", code\()' <<<"$text")
-compare "$page, option" "$options" "$(sed -n 's/^\.It Fl \(h , \)\?\(-\S*\).*/-\2/p; s/^\.Cm \(\S*\)$/\1/p' $page)"
-compare "$tool.bash, option" "$options" "$({ offers _orvin_image $tool ''; offers _orvin_image $tool create --
-    offers _orvin_image $tool show --; } | grep -vx -e -h)"
-compare "_$tool, option" "$options" "$(grep -oP -- '--[a-z-]+(?==?\[|\})|[a-z]+(?=\\:)' completions/_$tool)"
-compare "$tool.fish, option" "$options" "$(sed -n 's/^complete .* -l \(\S*\) .*/--\1/p
-    s/.* -a \([a-z]*\) .*/\1/p' completions/$tool.fish)"
+compare_all $tool "$options" "$(offers _orvin_image $tool ''; offers _orvin_image $tool create --
+    offers _orvin_image $tool show --)"
 compare "$page, target" "$targets" "$(sed -n 's/^\.Cm \(\S*\) ,$/\1/p' $page)"
 compare "$tool.bash, target" "$targets" "$(offers _orvin_image $tool create --target '')"
 compare "_$tool, target" "$targets" "$(grep -oP ':target:\(\K[^)]+' completions/_$tool | tr ' ' '\n')"

@@ -72,6 +72,18 @@ TEST_F(Program, EndsItselfAtVersionAndHelp) {
     EXPECT_EQ(noLocale.error, "Could not retrieve system locale settings!\n");
 }
 
+TEST_F(Program, TellsTheVersionOfThePackageAndItsHelp) {
+    for (const std::string name :
+         {"orvin-image", "orvin-record", "orvin-recording", "orvin-firmware-upgrade-sim"}) {
+        const Result told = shell(name + " --version && " + name + " --help");
+        EXPECT_EQ(told.exitStatus, 0) << told.error;
+        EXPECT_EQ(told.output.rfind(name + " 0.20.5\n", 0), 0U) << told.output;
+        EXPECT_TRUE(contains(told.output, "sage: " + name + ' ')) << told.output;
+    }
+    const std::string create = shell("orvin-image create --help").output;
+    EXPECT_TRUE(contains(create, "  --target TARGET  ")) << create;
+}
+
 TEST_F(Program, TakesWhicheverBusLibrariesTheSearchPathHasFirst) {
     const Result lost = shell("orvin-firmware-upgrade -v", "");
     EXPECT_EQ(lost.exitStatus, 127);
@@ -86,7 +98,17 @@ TEST_F(Program, TakesWhicheverBusLibrariesTheSearchPathHasFirst) {
 TEST_F(Program, LauncherRunsTheToolOnABusOfTheUsersOwn) {
     const std::string launcher = "XDG_STATE_HOME=$PWD/state orvin-firmware-upgrade-sim";
     EXPECT_EQ(shell(launcher + " -l | grep -c 'Pellix '", "").output, "3\n");
-    EXPECT_FALSE(readText(directory / "state/orvin-firmware-upgrade-sim/bus.json").empty());
+    const std::string bus = directory / "state/orvin-firmware-upgrade-sim/bus.json";
+    const std::string example = readText(bus);
+    EXPECT_FALSE(example.empty());
+    writeText(bus, "upgraded");
+    const Result busy = shell("flock " + bus + " env " + launcher + " --fresh -l");
+    EXPECT_EQ(busy.exitStatus, 125);
+    EXPECT_TRUE(contains(busy.error, "is in use\n")) << busy.error;
+    EXPECT_EQ(readText(bus), "upgraded");
+    EXPECT_EQ(shell(launcher + " --fresh -l | grep -c 'Pellix '; ls $(dirname " + bus + ')').output,
+              "3\nbus.json\n");
+    EXPECT_EQ(readText(bus), example);
 }
 
 TEST_F(Program, MissesADeviceThatNeverReturnedInLaterRunsToo) {

@@ -15,8 +15,9 @@ DAMAGED = 1
 FAILED = 2
 
 
-def _parse():
+def _parse(version):
     parser = argparse.ArgumentParser(prog="orvin-recording", description="Shows what happened on a bus.")
+    parser.add_argument("--version", action="version", version=f"%(prog)s {version}", help="show the version and exit")
     subcommands = parser.add_subparsers(required=True, metavar="SUBCOMMAND", dest="subcommand")
     for name, text in (
         ("summary", "tell what took so long, and which device"),
@@ -71,13 +72,9 @@ def _run(arguments):
     return DAMAGED if recording.problem else 0
 
 
-def main():
+def main(version):
     gc.disable()  # a recording has a million events, and hardly a cycle
     try:
-        return _run(_parse())
+        return _run(_parse(version))
     except KeyboardInterrupt:
         return 130
-
-
-if __name__ == "__main__":
-    sys.exit(main())
