@@ -1,12 +1,12 @@
 # shellcheck shell=bash disable=SC2034
-# The Debian packages that the programs, the tests and the checks of the code need.
-build_packages=(g++ cmake ninja-build libboost-dev nlohmann-json3-dev libcli11-dev gettext)
+# The Debian packages that the programs, the tests and the checks of the code need; python3 runs orvin-recording.
+build_packages=(g++ cmake ninja-build libboost-dev nlohmann-json3-dev libcli11-dev gettext python3)
 arm_build_packages=("${build_packages[@]}" g++-arm-linux-gnueabihf)
 manual_test_packages=(mandoc man-db)
-test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev clang libclang-rt-14-dev python3)
-arm_packages=("${arm_build_packages[@]}" qemu-user googletest python3)
+test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev clang libclang-rt-14-dev)
+arm_packages=("${arm_build_packages[@]}" qemu-user googletest)
 package_test_packages=(lintian debootstrap)
 fleet_test_packages=("${test_packages[@]}" ansible-core minisign)
 lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools shellcheck)
-bench_packages=("${build_packages[@]}" python3 valgrind binutils time)
+bench_packages=("${build_packages[@]}" valgrind binutils time)
 bench_peers=(dfu-util stm32flash avrdude)
