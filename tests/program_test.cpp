@@ -241,14 +241,6 @@ TEST_F(Program, RecordingShowsWhatWentWrongAndBringsItBack) {
     }
 }
 
-// Takes twelve minutes, so ctest leaves it out.
-TEST_F(Program, SendsFortyMegabytes) {
-    shell("orvin-image create large.img --target arm --version 7 --size 41943040");
-    const Result upgrade = shell("orvin-firmware-upgrade -B -c sim:bus.json large.img");
-    EXPECT_EQ(upgrade.exitStatus, 1);
-    EXPECT_TRUE(contains(upgrade.output, ">> Transferred 41943040 bytes in 655360 packets\n"));
-}
-
 TEST_F(Program, OrvinImageShowsWhatItCreatesWithADescriptorOrWithout) {
     const std::string content(100000, 'x');  // more than one piece
     writeText(directory / "content", content);
