@@ -246,18 +246,6 @@ TEST(FirmwareImage, HoldsOneFileAndNoneAfterAFailure) {
     EXPECT_EQ(error.message, "File not open");
 }
 
-TEST(Mutex, OfOneListThatIsNotInitialisedDoesNotHoldTheUpgradeUp) {
-    for (const auto& [failing, line] :
-         {std::pair{"init 2 #1", "Could not initialize Orvin list mutex!\n"},
-          {"init 3 #1", "Could not initialize Orvin full list mutex!\n"}}) {
-        ToolSetup setup = describedRun(R"({"run": "-B mem:arm", "members": [{"id": 1}]})");
-        setup.errors = {{failing, ENOMEM}};
-        const ToolRun run = checkedRun(setup);
-        EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_TRUE(run.printed(line));
-    }
-}
-
 TEST(MessageWriter, ForWhichThereIsNoMemoryEndsTheRun) {
     ToolSetup setup = describedRun(R"({"run": "-l -m"})");
     setup.arguments.emplace_back(12'345, 'x');  // a size that nothing else has
