@@ -5,7 +5,6 @@
 
 #include "core/bus_session.h"
 #include "core/console.h"
-#include "group/list_lock.h"
 #include "group/orvin_group.h"
 
 namespace {
@@ -117,7 +116,7 @@ void OrvinGroup::clearBusChangeCallback() {
 // hide that its device missed a packet. That device then fails its check.
 void OrvinGroup::onTransferResult(std::int32_t result, const vanid_t& source,
                                   std::uint32_t packet) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     if (result == kPacketReceived) {
         orvins.acknowledge(source);
         return;
@@ -155,7 +154,7 @@ bool OrvinGroup::goBack(Orvin& orvin, std::uint32_t packet) {
 }
 
 void OrvinGroup::removeUnacknowledged() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     orvins.keepIf([this](Orvin& orvin) REQUIRES(listMutex) {
         if (orvin.acknowledged) {
             return true;

@@ -9,7 +9,6 @@
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
 #include "core/console.h"
-#include "group/list_lock.h"
 
 namespace {
 
@@ -18,14 +17,7 @@ constexpr useconds_t kPauseAfterAnswerMicroseconds = 500'000;
 }  // namespace
 
 OrvinGroup::OrvinGroup(BusSession* busSession, bool messageFileInUse)
-    : session(busSession), useMessageFile(messageFileInUse) {
-    if (listMutex.init(Mutex::Kind::Recursive) != 0) {
-        printLine("Could not initialize Orvin list mutex!");
-    }
-    if (fullListMutex.init(Mutex::Kind::Default) != 0) {
-        printLine("Could not initialize Orvin full list mutex!");
-    }
-}
+    : session(busSession), useMessageFile(messageFileInUse) {}
 
 OrvinGroup::~OrvinGroup() {
     endCallbacks();
@@ -33,28 +25,20 @@ OrvinGroup::~OrvinGroup() {
     fullListMutex.destroy();
 }
 
-void OrvinGroup::lockList() NO_THREAD_SAFETY_ANALYSIS {
-    if (listMutex.lock() != 0) {
-        printLine("Could not lock Orvin list mutex!");
-    }
+void OrvinGroup::lockList() {
+    listMutex.lock();
 }
 
 void OrvinGroup::unlockList() {
-    if (listMutex.unlock() != 0) {
-        printLine("Could not unlock Orvin list mutex!");
-    }
+    listMutex.unlock();
 }
 
-void OrvinGroup::lockFullList() NO_THREAD_SAFETY_ANALYSIS {
-    if (fullListMutex.lock() != 0) {
-        printLine("Could not lock Orvin full list mutex!");
-    }
+void OrvinGroup::lockFullList() {
+    fullListMutex.lock();
 }
 
 void OrvinGroup::unlockFullList() {
-    if (fullListMutex.unlock() != 0) {
-        printLine("Could not unlock Orvin full list mutex!");
-    }
+    fullListMutex.unlock();
 }
 
 void OrvinGroup::addOrvin(const std::string& vanidText) {
@@ -62,33 +46,33 @@ void OrvinGroup::addOrvin(const std::string& vanidText) {
     orvin->vanidText = vanidText;
     parseVanid(orvin->vanid, vanidText);
     {
-        ListLock lock(*this, listMutex);
+        ListLock lock(listMutex);
         orvins.add(orvin);
     }
-    ListLock lock(*this, fullListMutex);
+    ListLock lock(fullListMutex);
     allOrvins.add(orvin);
 }
 
 int OrvinGroup::count() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     return static_cast<int>(orvins.size());
 }
 
 void OrvinGroup::getVanidTexts(std::list<std::string>& out) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     for (const auto& orvin : orvins) {
         out.push_back(orvin->vanidText);
     }
 }
 
 void OrvinGroup::restoreFromFullList() {
-    ListLock lock(*this, listMutex);
-    ListLock fullLock(*this, fullListMutex);
+    ListLock lock(listMutex);
+    ListLock fullLock(fullListMutex);
     orvins.assign(allOrvins);
 }
 
 void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
-    ListLock lock(*this, fullListMutex);
+    ListLock lock(fullListMutex);
     const auto found = std::find_if(allOrvins.begin(), allOrvins.end(), [&](const auto& orvin) {
         return orvin->vanidText == vanidText;
     });
@@ -98,7 +82,7 @@ void OrvinGroup::setRestartPending(const std::string& vanidText, bool value) {
 }
 
 void OrvinGroup::resetRejoinState() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     for (const auto& orvin : orvins) {
         orvin->rejoined = false;
         orvin->restartPending = false;
@@ -106,24 +90,24 @@ void OrvinGroup::resetRejoinState() {
 }
 
 void OrvinGroup::clearAcknowledged() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     orvins.clearAcknowledged();
 }
 
 bool OrvinGroup::allAcknowledged() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     return std::all_of(orvins.begin(), orvins.end(),
                        [](const auto& orvin) { return orvin->acknowledged; });
 }
 
 bool OrvinGroup::allRejoined() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     return std::all_of(orvins.begin(), orvins.end(),
                        [](const auto& orvin) { return orvin->rejoined || !orvin->restartPending; });
 }
 
 void OrvinGroup::markRejoined(const vanid_t& id) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     const auto found = std::find_if(orvins.begin(), orvins.end(), [&](const auto& orvin) {
         return vanid_equal(&orvin->vanid, &id) != 0;
     });
@@ -134,7 +118,7 @@ void OrvinGroup::markRejoined(const vanid_t& id) {
 }
 
 bool OrvinGroup::allOnline() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     for (const auto& orvin : orvins) {
         DeviceVersions versions;
         // A DSP that is not up yet has version 0.

@@ -7,8 +7,8 @@
 #include <list>
 #include <string>
 
-#include "core/mutex.h"
 #include "group/device_list.h"
+#include "group/list_mutex.h"
 #include "talm/talm_api.h"
 
 class FirmwareImage;
@@ -136,15 +136,13 @@ private:
     // lowers it, on a callback thread.
     std::uint32_t packetNumber GUARDED_BY(listMutex) = 0;
     std::uint32_t packetsAcknowledged GUARDED_BY(listMutex) = 0;  // the most so far, by all devices
-    Mutex listMutex ACQUIRED_BEFORE(fullListMutex);               // recursive
-    Mutex fullListMutex;
+    ListMutex listMutex ACQUIRED_BEFORE(fullListMutex){"Orvin list", Mutex::Kind::Recursive};
+    ListMutex fullListMutex{"Orvin full list", Mutex::Kind::Default};
     std::atomic<std::uint32_t> rejoinedCount{0};  // reports of devices coming back since the start
     DeviceList orvins GUARDED_BY(listMutex);
     DeviceList allOrvins GUARDED_BY(fullListMutex);
     BusSession* const session;
     const bool useMessageFile;
-
-    friend class ListLock;
 };
 
 #endif

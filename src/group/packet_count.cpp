@@ -1,11 +1,10 @@
 // The number of the packet in flight, between the packet loop, which counts it up, and the devices,
 // whose requests to go back lower it.
 
-#include "group/list_lock.h"
 #include "group/orvin_group.h"
 
 void OrvinGroup::startPackets() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     packetNumber = 0;
     packetsAcknowledged = 0;
     for (const auto& orvin : orvins) {
@@ -14,14 +13,14 @@ void OrvinGroup::startPackets() {
 }
 
 std::uint32_t OrvinGroup::nextPacket() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     return packetNumber;
 }
 
 // A request to go back that comes once the number is taken counts as an acknowledgement of the
 // packet, and the loop follows it with the next one.
 bool OrvinGroup::takePacket(std::uint32_t packet) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     if (packetNumber != packet) {
         return false;
     }
@@ -33,7 +32,7 @@ bool OrvinGroup::takePacket(std::uint32_t packet) {
 
 // Requests to go back count only while the transfer makes no progress.
 void OrvinGroup::noteAcknowledged() {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     if (packetNumber <= packetsAcknowledged) {
         return;
     }

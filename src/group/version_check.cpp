@@ -5,7 +5,6 @@
 #include "bus/device_versions.h"
 #include "core/bus_session.h"
 #include "core/console.h"
-#include "group/list_lock.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "image/firmware_target.h"
@@ -40,7 +39,7 @@ Need needOf(const DeviceVersions& versions, const FirmwareImageHeader& header) {
 
 void OrvinGroup::checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                                bool removeUnreachable, bool verbose) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     orvins.keepIf([&](Orvin& orvin) REQUIRES(listMutex) {
         const char* const text = orvin.vanidText.c_str();
         DeviceVersions versions;

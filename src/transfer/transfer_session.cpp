@@ -5,7 +5,6 @@
 #include "core/bus_session.h"
 #include "core/console.h"
 #include "core/exit_status.h"
-#include "group/list_lock.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "image/firmware_target.h"
@@ -27,7 +26,7 @@ bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
 }
 
 void OrvinGroup::runStep(const char* removalLine, const std::function<bool(Orvin&)>& step) {
-    ListLock lock(*this, listMutex);
+    ListLock lock(listMutex);
     orvins.keepIf([&](Orvin& orvin) {
         const bool done = step(orvin);
         if (!done) {
