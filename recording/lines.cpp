@@ -9,14 +9,15 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "bus/vanid_text.h"
-#include "recording/identifier.h"
+#include "common/vanid_text.h"
 
 namespace recording {
 
 namespace {
 
 using Json = nlohmann::json;
+using talm::Function;
+using talm::Signature;
 
 void appendNumber(std::string& text, std::int64_t number) {
     char digits[24];
@@ -87,7 +88,7 @@ void addContent(Fields& line, const std::string& content) {
 
 void addOutcome(Fields& line, const Call& call) {
     line.add("result", call.result);
-    line.addAll(signatureOf(call.function).answer, call.answer);
+    line.addAll(talm::signatureOf(call.function).answer, call.answer);
     if (call.function == Function::OrvinInfo && !call.answer.empty()) {
         line.addJson("name", call.name);
     }
@@ -100,10 +101,10 @@ void addOutcome(Fields& line, const Call& call) {
 }
 
 void addCall(Fields& line, const Call& call) {
-    const Signature& signature = signatureOf(call.function);
-    line.addPlain(isCallback(call.function) ? "callback" : "call", signature.name);
+    const Signature& signature = talm::signatureOf(call.function);
+    line.addPlain(talm::isCallback(call.function) ? "callback" : "call", signature.name);
     if (call.device) {
-        line.addPlain("device", isBroadcast(*call.device) ? "all" : formatVanid(*call.device));
+        line.addPlain("device", isBroadcastVanid(*call.device) ? "all" : formatVanid(*call.device));
     }
     if (signature.text != nullptr) {
         line.addJson(signature.text, call.text);
@@ -112,7 +113,7 @@ void addCall(Fields& line, const Call& call) {
     if (!call.content.empty()) {
         addContent(line, call.content);
     }
-    if (!isCallback(call.function)) {
+    if (!talm::isCallback(call.function)) {
         addOutcome(line, call);
     }
 }
@@ -181,7 +182,7 @@ void Lines::add(const Moment& moment, const Call& call) {
     Fields line(text);
     addBeginning(line, moment, true);
     addCall(line, call);
-    if (moment.took != 0 && !isCallback(call.function)) {
+    if (moment.took != 0 && !talm::isCallback(call.function)) {
         line.addTime("took", moment.took);
     }
     text += "}\n";
@@ -206,7 +207,7 @@ void Lines::addAcknowledgement(const Moment& moment, const vanid_t& device, std:
 std::uint32_t Lines::numberOf(const vanid_t& device) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
         lastDevice = lastDevice + 1 < devices.size() ? lastDevice + 1 : 0;
-        if (sameIdentifier(devices[lastDevice], device)) {
+        if (isSameVanid(devices[lastDevice], device)) {
             return static_cast<std::uint32_t>(lastDevice + 1);
         }
     }

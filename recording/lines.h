@@ -5,9 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "recording/call.h"
+#include "talm/bus_call.h"
 
 namespace recording {
+
+using talm::Call;
+using Microseconds = std::int64_t;
 
 // When a call or a callback began, in microseconds since the recording did, and how long it took.
 struct Moment {

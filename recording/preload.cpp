@@ -17,14 +17,13 @@
 
 namespace {
 
-using recording::Call;
-using recording::Function;
 using recording::Microseconds;
 using recording::Moment;
 using recording::Recording;
-
-using recording::kNameBytes;
-using recording::kPacketBytes;
+using talm::Call;
+using talm::Function;
+using talm::kNameBytes;
+using talm::kPacketBytes;
 
 Microseconds clockNow() {
     timespec time{};
@@ -148,7 +147,7 @@ CallbackSlot inFront(void (*callback)(), const CallbackSlot& slot) {
 
 void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> numbers) {
     call.given = std::move(numbers);
-    call.text = recording::slotText(slot.function != nullptr);
+    call.text = talm::slotText(slot.function != nullptr);
 }
 
 // A child that the process forked has no writer to wait for.

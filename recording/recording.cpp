@@ -40,6 +40,8 @@ private:
     sigset_t before{};
 };
 
+constexpr mode_t kMode = 0666;  // less the umask
+
 [[noreturn]] void failWithErrno(const char* what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
@@ -59,24 +61,17 @@ std::uint32_t threadNumber() {
     return number != 0 ? number : (number = ++last);
 }
 
-Recording::Descriptor::~Descriptor() {
-    if (number >= 0) {
-        close(number);
-    }
-}
-
 Recording::Recording(const std::string& pathOfFile, const std::string& invocation)
-    : path(pathOfFile) {
-    // The opening waits for no reader, if it is a pipe; the writing may.
-    constexpr mode_t kMode = 0666;
-    file.number = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode);
-    if (file.number < 0) {
+    : path(pathOfFile),
+      // The opening waits for no reader, if it is a pipe; the writing may.
+      file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode)) {
+    if (!file.isOpen()) {
         failWithErrno("cannot be opened");
     }
-    if (flock(file.number, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         throw std::runtime_error("another run is being recorded in it");
     }
-    fcntl(file.number, F_SETFL, O_APPEND);
+    fcntl(file.get(), F_SETFL, O_APPEND);
     if (!invocation.empty()) {
         emptyUnlessBegunBy(invocation);
     }
@@ -96,15 +91,15 @@ Recording::~Recording() {
 // times; each finds by the first line that the file is its command's own.
 void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
     struct stat status {};
-    if (fstat(file.number, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return;
     }
     const std::string own = Lines::beginningOfHeader(invocation);
     std::string found(own.size(), '\0');
-    const Descriptor reader{open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
-    const ssize_t count = ::read(reader.number, found.data(), found.size());
+    const FileDescriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const ssize_t count = ::read(reader.get(), found.data(), found.size());
     const bool isOwn = count == static_cast<ssize_t>(own.size()) && found == own;
-    if (!isOwn && ftruncate(file.number, 0) != 0) {
+    if (!isOwn && ftruncate(file.get(), 0) != 0) {
         failWithErrno("cannot be emptied");
     }
 }
@@ -204,7 +199,7 @@ bool Recording::takeBatch() {
 // False with errno set.
 bool Recording::write(const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = ::write(file.number, &text[done], text.size() - done);
+        const ssize_t count = ::write(file.get(), &text[done], text.size() - done);
         if (count < 0) {
             return false;
         }

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/file_descriptor.h"
 #include "recording/lines.h"
 
 namespace recording {
@@ -51,13 +52,8 @@ private:
     void writeBatch(bool isLast);
     bool write(const std::string& text);
 
-    struct Descriptor {
-        int number = -1;
-        ~Descriptor();
-    };
-
     const std::string path;
-    Descriptor file;
+    FileDescriptor file;
     Lines lines;  // the writer's alone, like the batch
     std::vector<Noted> batch;
     bool isBroken = false;  // nothing is written any more

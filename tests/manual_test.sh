@@ -59,7 +59,7 @@ compare_all orvin-recording "$options" "$(offers _orvin_recording orvin-recordin
 tool=orvin-image page=man/orvin-image.1
 text=$(tr '\n' ' ' <tools/orvin-image/main.cpp)
 options=$(grep -oP 'add_(option|flag)\( *"\K-[^"]+|add_subcommand\( *"\K[^"]+' <<<"$text"; echo --help)
-targets=$(grep -oP '\{"\K[^"]+(?=", code\()' <<<"$text")
+targets=$(grep -oP '\{"\K[^"]+(?=", codeOf\()' <<<"$text")
 compare_all $tool "$options" "$(offers _orvin_image $tool ''; offers _orvin_image $tool create --
     offers _orvin_image $tool show --)"
 compare "$page, target" "$targets" "$(sed -n 's/^\.Cm \(\S*\) ,$/\1/p' $page)"

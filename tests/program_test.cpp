@@ -6,7 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "sim/replace_file.h"
+#include "common/replace_file.h"
 #include "support/files.h"
 
 namespace {

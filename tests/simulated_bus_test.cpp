@@ -6,11 +6,11 @@
 #include <set>
 #include <sstream>
 
+#include "common/firmware_checksum.h"
 #include "orvin-image/image_file.h"
 #include "recording/lines.h"
-#include "sim/bus_file.h"
-#include "sim/bus_file_error.h"
-#include "sim/firmware_checksum.h"
+#include "sim/bus_file/bus_file.h"
+#include "sim/bus_file/bus_file_error.h"
 #include "support/files.h"
 #include "support/tool_run.h"
 
@@ -111,7 +111,7 @@ TEST(RecordingLines, OfAMebibyteTo63DevicesFitTenMegabytes) {
         std::size_t size = 0;
         sim::Microseconds now = 1'000'000'000;
         for (std::uint32_t packet = 16'000; packet < 16'000 + kPackets; ++packet) {
-            recording::Call data(sim::Function::Data, toAll, {packet});
+            talm::Call data(sim::Function::Data, toAll, {packet});
             data.content.assign(sim::kPacketBytes, 'x');
             lines.add({now, 100, 1}, data);
             for (std::uint32_t i = 0; i < kDevices; ++i) {

@@ -13,7 +13,7 @@
 #include "core/run_config.h"
 #include "group/orvin_group.h"
 #include "orvin-image/image_file.h"
-#include "sim/bus_opener.h"
+#include "sim/library/bus_opener.h"
 #include "status/message_writer.h"
 #include "support/files.h"
 #include "transfer/transfer_session.h"
@@ -25,7 +25,7 @@ constexpr int kDevices = 63;
 sim::MemberDescription makeOrvin(std::uint32_t number) {
     sim::MemberDescription orvin;
     orvin.id.bytes[0] = static_cast<std::uint8_t>(number);
-    orvin.type = sim::kOrvinType;
+    orvin.type = kOrvinType;
     orvin.timing = {0, 0, 0, 0, 1'000, 1'000};
     return orvin;
 }
@@ -94,7 +94,7 @@ public:
             result = 9;
             waitForReports();
         }
-        const bool clears = call.text == recording::slotText(false);
+        const bool clears = call.text == talm::slotText(false);
         return clears ? std::optional(sim::Intervention{-1}) : std::nullopt;
     }
 

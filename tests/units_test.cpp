@@ -13,7 +13,7 @@
 #include "core/run_config.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
-#include "sim/bus_opener.h"
+#include "sim/library/bus_opener.h"
 #include "status/message_writer.h"
 #include "support/described_run.h"
 #include "transfer/transfer_primitives.h"

@@ -5,6 +5,7 @@
 #include <list>
 #include <string>
 
+#include "common/member_type.h"
 #include "talm/vanid.h"
 
 struct BusSession;
@@ -14,9 +15,6 @@ struct BusMember {
     vanid_t id;
     std::uint8_t type;
 };
-
-constexpr std::uint8_t kBusMasterType = 16;  // also given to a master whose type cannot be read
-constexpr std::uint8_t kOrvinType = 64;
 
 // The name of a type code; "Unknown" for one that has none.
 const char* typeName(std::uint8_t type);

@@ -22,17 +22,3 @@ bool parseVanid(vanid_t& out, const std::string& text) {
     }
     return true;
 }
-
-std::string formatVanid(const vanid_t& id) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(kTextLength);
-    for (const std::uint8_t byte : id.bytes) {
-        if (!text.empty()) {
-            text += ':';
-        }
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xf];
-    }
-    return text;
-}

@@ -3,11 +3,11 @@
 #include <optional>
 
 #include "bus/device_versions.h"
+#include "common/firmware_target.h"
 #include "core/bus_session.h"
 #include "core/console.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
-#include "image/firmware_target.h"
 
 namespace {
 

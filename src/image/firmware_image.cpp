@@ -7,10 +7,11 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 
+#include "common/firmware_target.h"
 #include "core/error_info.h"
 #include "core/exit_status.h"
-#include "image/firmware_target.h"
 
 namespace {
 
@@ -31,37 +32,29 @@ FirmwareImage::FirmwareImage(ErrorInfo* errorRecord) : error(errorRecord) {
     error->set(exit_status::kImageInvalid, "File not open");
 }
 
-FirmwareImage::~FirmwareImage() {
-    release();
-}
-
 void FirmwareImage::release() {
-    if (isOpen()) {
-        ::close(descriptor);
-    }
-    descriptor = -1;
+    file.close();
     fileSize = 0;
 }
 
 bool FirmwareImage::open(const std::string& path) {
     release();
-    const int file = ::open(path.c_str(), O_RDONLY);
-    if (file < 0) {
+    FileDescriptor opened(::open(path.c_str(), O_RDONLY));
+    if (!opened.isOpen()) {
         error->set(exit_status::kImageNotOpened, strerror(errno));
         return false;
     }
-    if (!acceptHeader(file)) {
-        ::close(file);
+    if (!acceptHeader(opened.get())) {
         return false;
     }
-    lseek(file, static_cast<off_t>(header.headerSize), SEEK_SET);
-    descriptor = file;
+    lseek(opened.get(), static_cast<off_t>(header.headerSize), SEEK_SET);
+    file = std::move(opened);
     return true;
 }
 
-bool FirmwareImage::acceptHeader(int file) {
-    const std::optional<std::uint32_t> length = measureFile(file);
-    const std::optional<ImageFileStart> start = readImageFileStart(file);
+bool FirmwareImage::acceptHeader(int opened) {
+    const std::optional<std::uint32_t> length = measureFile(opened);
+    const std::optional<ImageFileStart> start = readImageFileStart(opened);
     if (!start) {
         return false;
     }
@@ -79,10 +72,10 @@ bool FirmwareImage::acceptHeader(int file) {
 }
 
 ssize_t FirmwareImage::read(void* buffer, std::size_t length) {
-    if (!isOpen()) {
+    if (!file.isOpen()) {
         return -1;
     }
-    const ssize_t count = ::read(descriptor, buffer, length);
+    const ssize_t count = ::read(file.get(), buffer, length);
     if (count < 0) {
         error->set(exit_status::kImageReadFailed, strerror(errno));
         return -1;
@@ -92,7 +85,7 @@ ssize_t FirmwareImage::read(void* buffer, std::size_t length) {
 
 bool FirmwareImage::seek(std::int32_t contentOffset) {
     const off_t position = static_cast<off_t>(header.headerSize) + contentOffset;
-    return lseek(descriptor, position, SEEK_SET) >= 0;
+    return lseek(file.get(), position, SEEK_SET) >= 0;
 }
 
 void FirmwareImage::close() {

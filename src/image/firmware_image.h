@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/file_descriptor.h"
 #include "image/image_header.h"
 
 struct ErrorInfo;
@@ -19,9 +20,6 @@ struct ErrorInfo;
 class FirmwareImage {
 public:
     explicit FirmwareImage(ErrorInfo* errorRecord);
-    ~FirmwareImage();
-    FirmwareImage(const FirmwareImage&) = delete;
-    FirmwareImage& operator=(const FirmwareImage&) = delete;
 
     // Opens the file, checks its header and stands at the first content byte. A file too short for
     // a header is refused without a change to the error record. A file that was open before is
@@ -44,11 +42,10 @@ public:
     static std::string getTargetName(std::uint32_t device);
 
 private:
-    bool isOpen() const { return descriptor >= 0; }
     void release();
-    bool acceptHeader(int file);
+    bool acceptHeader(int opened);
 
-    int descriptor = -1;  // -1: not open
+    FileDescriptor file;
     FirmwareImageHeader header;
     std::uint32_t fileSize = 0;  // bytes; 0 while not open
     ErrorInfo* error;

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include "common/little_endian.h"
+
 namespace {
 
 constexpr std::uint32_t kMagic = 0x75766574;  // "tevu", read as a little-endian number
@@ -24,11 +26,7 @@ private:
         if (!complete) {
             return 0;
         }
-        std::uint32_t value = 0;
-        for (std::size_t i = width; i-- > 0;) {
-            value = value << 8 | bytes[i];
-        }
-        return value;
+        return loadLittleEndian(bytes, width);
     }
 
     int file;

@@ -2,11 +2,11 @@
 
 #include <utility>
 
+#include "common/firmware_target.h"
 #include "core/console.h"
 #include "core/error_info.h"
 #include "core/run_config.h"
 #include "image/firmware_image.h"
-#include "image/firmware_target.h"
 #include "transfer/upgrade_image.h"
 
 namespace {

@@ -2,12 +2,12 @@
 
 #include <libintl.h>
 
+#include "common/firmware_target.h"
 #include "core/bus_session.h"
 #include "core/console.h"
 #include "core/exit_status.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
-#include "image/firmware_target.h"
 #include "status/message_writer.h"
 #include "transfer/transfer_primitives.h"
 

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "sim/bus_file.h"
-#include "sim/bus_file_error.h"
-#include "sim/one_line.h"
+#include "common/one_line.h"
+#include "sim/bus_file/bus_file.h"
+#include "sim/bus_file/bus_file_error.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {

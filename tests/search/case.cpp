@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/identifier.h"
+#include "common/vanid_text.h"
 
 namespace {
 
@@ -44,13 +44,13 @@ public:
 private:
     // A callback that comes at any moment needs a library that clears none.
     bool failsToClear(const sim::Call& call) const {
-        return call.text == recording::slotText(false) &&
+        return call.text == talm::slotText(false) &&
                std::any_of(faults.begin(), faults.end(),
                            [](const Fault& fault) { return fault.place == Place::Callback; });
     }
 
     void callBack(const Fault& fault) const {
-        const vanid_t device = *sim::parseIdentifier(fault.device);
+        const vanid_t device = *parseStrictVanid(fault.device);
         if (fault.function == sim::Function::BusChangeCallback) {
             bus->reportBusChange(device, static_cast<std::uint32_t>(fault.value));
         } else {
@@ -71,9 +71,9 @@ private:
                 callBack(fault);
             }
         } else if (fault.place == Place::Power) {
-            bus->interrupt(*sim::parseIdentifier(fault.device), fault.value);
+            bus->interrupt(*parseStrictVanid(fault.device), fault.value);
         } else {
-            bus->addFault(*sim::parseIdentifier(fault.device), fault.packet);
+            bus->addFault(*parseStrictVanid(fault.device), fault.packet);
         }
         return std::nullopt;
     }
@@ -135,5 +135,5 @@ bool letsCallbacksIn(sim::Function function) {
 }
 
 std::string deviceOf(const sim::Call& call) {
-    return call.device ? sim::identifierText(*call.device) : "";
+    return call.device ? formatVanid(*call.device) : "";
 }

@@ -6,7 +6,7 @@
 #include <map>
 #include <tuple>
 
-#include "sim/identifier.h"
+#include "common/vanid_text.h"
 
 namespace {
 
@@ -73,7 +73,7 @@ Results failuresOf(Function function) {
 }
 
 Harm harmOf(const sim::Call& call, int result) {
-    if (call.device && !sim::isBroadcast(*call.device)) {
+    if (call.device && !isBroadcastVanid(*call.device)) {
         return Harm::Device;
     }
     const bool goesUnnoticed = call.function == Function::SetTransferCallback ||
@@ -168,7 +168,7 @@ std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::
         faults.push_back({Place::Link, "", Harm::AllDevices, "link down for us:", duration});
     }
     for (const sim::MemberDescription& member : searched.setup.bus.members) {
-        addDeviceFaults(faults, searched, sim::identifierText(member.id), call);
+        addDeviceFaults(faults, searched, formatVanid(member.id), call);
     }
     for (Fault& fault : faults) {
         fault.call = index;

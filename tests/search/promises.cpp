@@ -7,7 +7,7 @@
 #include <map>
 #include <sstream>
 
-#include "sim/identifier.h"
+#include "common/vanid_text.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ struct Attempt {
 
 bool carriesItsContent(const Call& data, const Image& image) {
     const std::size_t start = static_cast<std::size_t>(data.given[0]) * sim::kPacketBytes;
-    return sim::isBroadcast(*data.device) && start < image.content.size() &&
+    return isBroadcastVanid(*data.device) && start < image.content.size() &&
            image.content.compare(start, sim::kPacketBytes, data.content, 0,
                                  image.content.size() - start) == 0;
 }
@@ -137,7 +137,7 @@ private:
             }
         }
         for (const sim::MemberDescription& member : searched.setup.bus.members) {
-            const std::string device = sim::identifierText(member.id);
+            const std::string device = formatVanid(member.id);
             if (searched.harm == Harm::AllDevices || searched.spoiled.count(device) != 0) {
                 continue;
             }

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "sim/bus_file.h"
+#include "sim/bus_file/bus_file.h"
 #include "support/files.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "sim/bus_file.h"
+#include "sim/bus_file/bus_file.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ Json completed(const Json& member) {
                           {"dsp", kOldVersion},
                           {"booster_arm", kOldVersion},
                           {"api", 0x30a}};
-        whole = {{"type", sim::kOrvinType}, {"name", "Orvin " + id.dump()}, {"versions", old}};
+        whole = {{"type", kOrvinType}, {"name", "Orvin " + id.dump()}, {"versions", old}};
     }
     whole.update(member);
     whole["id"] = id.is_number() ? Json(orvinText(id)) : id;

@@ -5,11 +5,11 @@
 #include <stdexcept>
 
 #include "app/run.h"
+#include "common/vanid_text.h"
 #include "core/run_config.h"
 #include "orvin-image/image_file.h"
 #include "recording/lines.h"
-#include "sim/bus_opener.h"
-#include "sim/identifier.h"
+#include "sim/library/bus_opener.h"
 #include "status/message_writer.h"
 
 namespace {
@@ -149,13 +149,13 @@ vanid_t orvinId(int number) {
 }
 
 std::string orvinText(int number) {
-    return sim::identifierText(orvinId(number));
+    return formatVanid(orvinId(number));
 }
 
 sim::MemberDescription orvin(int number) {
     sim::MemberDescription orvin;
     orvin.id = orvinId(number);
-    orvin.type = sim::kOrvinType;
+    orvin.type = kOrvinType;
     orvin.name = "Orvin " + std::to_string(number);
     orvin.versions = {1, kOldVersion, kOldVersion, kOldVersion, 0x30a};
     return orvin;

@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "sim/bus.h"
+#include "common/firmware_target.h"
+#include "sim/bus/bus.h"
 #include "support/memory_system.h"
 #include "support/virtual_time.h"
 
-constexpr std::uint32_t kArm = sim::kArmTarget;
-constexpr std::uint32_t kDsp = sim::kDspTarget;
-constexpr std::uint32_t kBooster = sim::kBoosterArmTarget;
+constexpr std::uint32_t kArm = codeOf(FirmwareTarget::Arm);
+constexpr std::uint32_t kDsp = codeOf(FirmwareTarget::Dsp);
+constexpr std::uint32_t kBooster = codeOf(FirmwareTarget::BoosterArm);
 constexpr std::uint32_t kOldVersion = 0x00010000;  // what every device runs at first
 constexpr std::uint32_t kNewVersion = 0x00010001;
 

@@ -5,7 +5,7 @@
 #include <limits>
 #include <map>
 
-#include "sim/event_queue.h"
+#include "sim/bus/event_queue.h"
 
 namespace sim {
 

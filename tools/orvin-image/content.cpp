@@ -10,9 +10,10 @@
 #include <random>
 #include <vector>
 
+#include "common/file_descriptor.h"
+#include "common/firmware_descriptor.h"
 #include "image/image_header.h"
 #include "orvin-image/failure.h"
-#include "sim/firmware_descriptor.h"
 
 namespace orvin_image {
 
@@ -27,13 +28,10 @@ public:
           limit(most),
           // Without O_NONBLOCK, to open a pipe is to wait for its writer.
           file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
-        if (file < 0 || fstat(file, &status) != 0) {
+        if (!file.isOpen() || fstat(file.get(), &status) != 0) {
             failWithErrno(path, "cannot be opened");
         }
     }
-    ~ContentFile() { close(file); }
-    ContentFile(const ContentFile&) = delete;
-    ContentFile& operator=(const ContentFile&) = delete;
 
     void requireUsable(const std::string& output) const {
         refuseUnreadable();
@@ -50,7 +48,7 @@ public:
         std::array<std::uint8_t, kPiece> piece{};
         std::uint64_t total = 0;
         ssize_t count = 0;
-        while ((count = ::read(file, piece.data(), piece.size())) > 0) {
+        while ((count = ::read(file.get(), piece.data(), piece.size())) > 0) {
             total += static_cast<std::size_t>(count);
             refuseLong(total);
             if (!sink(piece.data(), static_cast<std::size_t>(count))) {
@@ -83,7 +81,7 @@ private:
     }
 
     void refuseImage() const {
-        const std::optional<ImageFileStart> start = readImageFileStart(file);
+        const std::optional<ImageFileStart> start = readImageFileStart(file.get());
         if (start && start->hasMagic &&
             std::uint64_t{start->header.headerSize} + start->header.contentSize ==
                 static_cast<std::uint64_t>(status.st_size)) {
@@ -99,14 +97,14 @@ private:
     }
 
     void rewind() const {
-        if (lseek(file, 0, SEEK_SET) < 0) {
+        if (lseek(file.get(), 0, SEEK_SET) < 0) {
             failWithErrno(path, "cannot be read");
         }
     }
 
     const std::string path;
     const std::uint32_t limit;
-    const int file;
+    const FileDescriptor file;
     struct stat status {};
 };
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "sim/one_line.h"
+#include "common/one_line.h"
 
 namespace orvin_image {
 

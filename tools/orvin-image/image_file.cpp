@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "common/little_endian.h"
+#include "common/replace_file.h"
 #include "orvin-image/failure.h"
-#include "sim/little_endian.h"
-#include "sim/replace_file.h"
 
 namespace orvin_image {
 
@@ -13,13 +13,13 @@ namespace {
 Bytes encodeHeader(const FirmwareImageHeader& header, const Summary& content) {
     Bytes bytes(kHeaderSize);
     std::copy_n("tevu", 4, bytes.begin());
-    firmware::storeLittleEndian(&bytes[4], kHeaderSize);
-    firmware::storeLittleEndian(&bytes[8], header.manufacturer);
-    firmware::storeLittleEndian(&bytes[12], header.device);
-    firmware::storeLittleEndian(&bytes[16], header.contentType);
-    firmware::storeLittleEndian(&bytes[20], content.size());
-    firmware::storeLittleEndian(&bytes[24], content.checksum(), 2);
-    firmware::storeLittleEndian(&bytes[32], header.version);
+    storeLittleEndian(&bytes[4], kHeaderSize);
+    storeLittleEndian(&bytes[8], header.manufacturer);
+    storeLittleEndian(&bytes[12], header.device);
+    storeLittleEndian(&bytes[16], header.contentType);
+    storeLittleEndian(&bytes[20], content.size());
+    storeLittleEndian(&bytes[24], content.checksum(), 2);
+    storeLittleEndian(&bytes[32], header.version);
     return bytes;
 }
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "common/firmware_checksum.h"
+#include "common/firmware_descriptor.h"
 #include "image/firmware_image.h"
 #include "orvin-image/content.h"
-#include "sim/firmware_checksum.h"
-#include "sim/firmware_descriptor.h"
 
 namespace orvin_image {
 

@@ -14,24 +14,20 @@
 #include <stdexcept>
 #include <string>
 
-#include "image/firmware_target.h"
+#include "common/firmware_target.h"
+#include "common/one_line.h"
 #include "orvin-image/create.h"
 #include "orvin-image/show.h"
 #include "orvin-image/version.h"
-#include "sim/one_line.h"
 
 namespace {
 
 constexpr int kFailure = 2;
 
-constexpr std::uint32_t code(FirmwareTarget target) {
-    return static_cast<std::uint32_t>(target);
-}
-
 const std::map<std::string, std::uint32_t> kTargets = {
-    {"arm", code(FirmwareTarget::Arm)},
-    {"dsp", code(FirmwareTarget::Dsp)},
-    {"booster-arm", code(FirmwareTarget::BoosterArm)},
+    {"arm", codeOf(FirmwareTarget::Arm)},
+    {"dsp", codeOf(FirmwareTarget::Dsp)},
+    {"booster-arm", codeOf(FirmwareTarget::BoosterArm)},
 };
 
 // Decimal, or hexadecimal with 0x in front, of 32 bits. Empty, or what is wrong.

@@ -12,12 +12,13 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "common/file_descriptor.h"
+#include "common/firmware_checksum.h"
 #include "core/error_info.h"
 #include "image/firmware_image.h"
 #include "orvin-image/content.h"
 #include "orvin-image/failure.h"
 #include "orvin-image/version.h"
-#include "sim/firmware_checksum.h"
 
 namespace orvin_image {
 
@@ -57,16 +58,14 @@ std::optional<std::uintmax_t> measureFile(const std::string& path) {
 // The header fields of a file that the reader refuses; none when it is too short for them or cannot
 // be opened. Throws when it cannot be read: the reader does not tell that from a short file.
 std::optional<FirmwareImageHeader> readHeader(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY);
-    if (file < 0) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY));
+    if (!file.isOpen()) {
         return std::nullopt;
     }
     errno = 0;
-    const std::optional<ImageFileStart> start = readImageFileStart(file);
-    const int error = errno;
-    ::close(file);
-    if (!start && error != 0) {
-        fail(path, std::string("cannot be read: ") + std::strerror(error));
+    const std::optional<ImageFileStart> start = readImageFileStart(file.get());
+    if (!start && errno != 0) {
+        failWithErrno(path, "cannot be read");
     }
     return start ? std::optional(start->header) : std::nullopt;
 }

@@ -1,0 +1,22 @@
+#ifndef COMMON_FIRMWARE_CHECKSUM_H
+#define COMMON_FIRMWARE_CHECKSUM_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace firmware {
+
+// The sum that the simulated devices compute over the content they received and compare with the
+// image's `contentChecksum`: CRC-16 with the polynomial 0x1021, starting at 0xffff.
+class Checksum {
+public:
+    void add(const std::uint8_t* bytes, std::size_t length);
+    std::uint16_t value() const { return sum; }
+
+private:
+    std::uint16_t sum = 0xffff;
+};
+
+}  // namespace firmware
+
+#endif

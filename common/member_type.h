@@ -1,0 +1,10 @@
+#ifndef COMMON_MEMBER_TYPE_H
+#define COMMON_MEMBER_TYPE_H
+
+#include <cstdint>
+
+// The type codes of bus members that programs treat in a way of their own.
+constexpr std::uint8_t kBusMasterType = 16;
+constexpr std::uint8_t kOrvinType = 64;
+
+#endif

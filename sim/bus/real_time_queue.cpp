@@ -1,0 +1,111 @@
+// Events on the real clock, run by a few threads of the queue's own.
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sim/bus/event_queue.h"
+
+namespace sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// At least two, so that several devices report at the same moment; more than there are processors
+// would stand in each other's way.
+std::size_t threadCount() {
+    return std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
+}
+
+class RealTimeQueue : public EventQueue {
+public:
+    // Not in the constructor, so that the destructor ends those that there are when one cannot be
+    // had.
+    void start() {
+        const std::size_t count = threadCount();
+        try {
+            while (threads.size() < count) {
+                threads.emplace_back([this] { runEvents(); });
+            }
+        } catch (const std::system_error& error) {
+            throw std::system_error(error.code(), "cannot start a thread");
+        }
+    }
+
+    ~RealTimeQueue() override { RealTimeQueue::stop(); }
+
+    void stop() override {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            stopped = true;
+        }
+        changed.notify_all();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        threads.clear();
+    }
+
+    Microseconds now() const override {
+        return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - openedAt)
+            .count();
+    }
+
+    void sleep(Microseconds duration) override {
+        std::this_thread::sleep_for(std::chrono::microseconds(duration));
+    }
+
+    void schedule(Microseconds when, Event event) override {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            events.emplace(when, std::move(event));
+        }
+        changed.notify_one();
+    }
+
+private:
+    void runEvents() {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopped) {
+            if (events.empty()) {
+                changed.wait(lock);
+                continue;
+            }
+            const auto first = events.begin();
+            if (first->first > now()) {
+                changed.wait_until(lock, openedAt + std::chrono::microseconds(first->first));
+                continue;
+            }
+            const Event event = std::move(first->second);
+            events.erase(first);
+            changed.notify_one();  // for the next event, should this one block
+            lock.unlock();
+            event();
+            lock.lock();
+        }
+    }
+
+    const Clock::time_point openedAt = Clock::now();
+    std::mutex mutex;  // guards events and stopped
+    std::condition_variable changed;
+    std::multimap<Microseconds, Event> events;
+    bool stopped = false;
+    std::vector<std::thread> threads;
+};
+
+}  // namespace
+
+std::unique_ptr<EventQueue> makeEventQueue() {
+    auto queue = std::make_unique<RealTimeQueue>();
+    queue->start();
+    return queue;
+}
+
+}  // namespace sim

@@ -1,0 +1,43 @@
+#include "sim/bus/trace.h"
+
+#include <stdexcept>
+#include <vector>
+
+namespace sim {
+
+namespace {
+
+// When the calls began that this thread is in: a callback may call the bus.
+thread_local std::vector<Microseconds> begun;
+
+}  // namespace
+
+Trace::Trace(const std::string& path, const EventQueue& clock)
+    : queue(clock), openedAt(clock.now()) {
+    if (path.empty()) {
+        return;
+    }
+    try {
+        file = std::make_unique<recording::Recording>(path);
+    } catch (const std::exception& error) {
+        throw std::runtime_error(std::string("/trace: ") + error.what());
+    }
+}
+
+std::optional<Intervention> Trace::before(const Call& call) {
+    begun.push_back(queue.now());
+    if (file && isCallback(call.function)) {
+        file->note({begun.back() - openedAt, 0, recording::threadNumber()}, call);
+    }
+    return std::nullopt;
+}
+
+void Trace::after(const Call& call) {
+    const Microseconds began = begun.back();
+    begun.pop_back();
+    if (file && !isCallback(call.function)) {
+        file->note({began - openedAt, queue.now() - began, recording::threadNumber()}, call);
+    }
+}
+
+}  // namespace sim

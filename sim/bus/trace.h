@@ -1,0 +1,31 @@
+#ifndef SIM_BUS_TRACE_H
+#define SIM_BUS_TRACE_H
+
+#include <memory>
+#include <string>
+
+#include "recording/recording.h"
+#include "sim/bus/call.h"
+#include "sim/bus/event_queue.h"
+
+namespace sim {
+
+// Records what happens on a bus since the connection was opened. Any thread.
+class Trace : public Observer {
+public:
+    // Appends to the file; an empty path keeps no record. `clock` must outlive the trace. Throws
+    // std::runtime_error when the file cannot be opened.
+    Trace(const std::string& path, const EventQueue& clock);
+
+    std::optional<Intervention> before(const Call& call) override;
+    void after(const Call& call) override;
+
+private:
+    const EventQueue& queue;
+    const Microseconds openedAt;
+    std::unique_ptr<recording::Recording> file;
+};
+
+}  // namespace sim
+
+#endif

@@ -1,0 +1,16 @@
+#ifndef SIM_BUS_FILE_BUS_FILE_ERROR_H
+#define SIM_BUS_FILE_BUS_FILE_ERROR_H
+
+#include <stdexcept>
+
+namespace sim {
+
+// Names, in one line, the place in the bus file and what is wrong there.
+class BusFileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace sim
+
+#endif

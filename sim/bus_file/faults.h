@@ -1,0 +1,22 @@
+#ifndef SIM_BUS_FILE_FAULTS_H
+#define SIM_BUS_FILE_FAULTS_H
+
+#include <string>
+#include <vector>
+
+#include "sim/bus/bus_description.h"
+#include "sim/bus_file/field_reader.h"
+
+namespace sim {
+
+// The `faults` of a member: those of the device itself, and its calls that end otherwise, which are
+// appended to `callFaults`. Throws BusFileError.
+DeviceFaults readDeviceFaults(const Json& json, const std::string& place, const vanid_t& device,
+                              std::vector<CallFault>& callFaults);
+
+// The `faults` of the bus, appended to `callFaults`. Throws BusFileError.
+void readBusFaults(const Json& json, const std::string& place, std::vector<CallFault>& callFaults);
+
+}  // namespace sim
+
+#endif

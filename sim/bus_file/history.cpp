@@ -1,0 +1,40 @@
+#include "sim/bus_file/history.h"
+
+#include "sim/bus_file/values.h"
+
+namespace sim {
+
+namespace {
+
+// A number: acknowledged so much later. A list: the transfer callbacks, each with its delay, result
+// and packet.
+std::vector<PacketAnswer> readReplies(const Json& json, const std::string& place) {
+    if (json.is_number()) {
+        return {{readNumber(json, place, 0, kMaxDelay)}};
+    }
+    return readItems(json, place, [](const Json& reply, const std::string& where) {
+        const auto numbers = readNumbers(reply, where, {{0, kMaxDelay}, kSigned32, {0, kMax32}});
+        return PacketAnswer{numbers[0], static_cast<std::int32_t>(numbers[1]),
+                            static_cast<std::uint32_t>(numbers[2])};
+    });
+}
+
+std::vector<BusChange> readChanges(const Json& json, const std::string& place) {
+    return readItems(json, place, [](const Json& change, const std::string& where) {
+        const auto numbers = readNumbers(change, where, {{0, kMaxDelay}, {0, kMax32}});
+        return BusChange{numbers[0], static_cast<std::uint32_t>(numbers[1])};
+    });
+}
+
+}  // namespace
+
+History readHistory(const Json& json, const std::string& place) {
+    FieldReader fields(json, place);
+    History history;
+    history.packets = readList(fields, "packets", readReplies);
+    history.changes = readList(fields, "changes", readChanges);
+    fields.finish();
+    return history;
+}
+
+}  // namespace sim
