@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -16,49 +15,13 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0666;  // less the umask
 
-// Keeps the signals that would end the process waiting, so that it can remove its temporary file
-// first. That asks for no handler, which would belong to the whole process, and works on every file
-// system, unlike a file without a name. A process of several threads gets them in another one.
-class HeldSignals {
-public:
-    HeldSignals() {
-        pthread_sigmask(SIG_BLOCK, nullptr, &before);
-        sigemptyset(&held);
-        for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
-            struct sigaction action {};
-            sigaction(number, nullptr, &action);
-            if (action.sa_handler == SIG_DFL && sigismember(&before, number) == 0) {
-                sigaddset(&held, number);
-            }
-        }
-        pthread_sigmask(SIG_BLOCK, &held, nullptr);
-    }
-    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
-    HeldSignals(const HeldSignals&) = delete;
-    HeldSignals& operator=(const HeldSignals&) = delete;
-
-    // Whether one of them ends the process as soon as this object is gone.
-    bool oneWaits() const {
-        sigset_t waiting;
-        sigpending(&waiting);
-        sigandset(&waiting, &waiting, &held);
-        return sigisemptyset(&waiting) == 0;
-    }
-
-private:
-    sigset_t held{};
-    sigset_t before{};
-};
-
-bool writeAll(const FileDescriptor& file, const void* bytes, std::size_t length) {
-    const char* next = static_cast<const char*>(bytes);
-    while (length > 0) {
-        const ssize_t count = ::write(file.get(), next, length);
+bool writeAll(const FileDescriptor& file, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t count = ::write(file.get(), content.data(), content.size());
         if (count < 0) {
             return false;
         }
-        next += count;
-        length -= static_cast<std::size_t>(count);
+        content.remove_prefix(static_cast<std::size_t>(count));
     }
     return true;
 }
@@ -99,37 +62,26 @@ mode_t defaultMode() {
     return kNewFileMode & ~mask;
 }
 
-bool writeInPlace(const std::string& path, const std::function<bool(const WriteBytes&)>& produce) {
+bool writeInPlace(const std::string& path, std::string_view content) {
     // Without O_NONBLOCK, to open a pipe is to wait for its reader.
     FileDescriptor file(open(path.c_str(), O_WRONLY | O_NONBLOCK));
-    if (file.isOpen()) {
-        fcntl(file.get(), F_SETFL, 0);
+    if (!file.isOpen()) {
+        return false;
     }
-    return file.isOpen() && produce([&](const void* bytes, std::size_t length) {
-               return writeAll(file, bytes, length);
-           }) &&
-           file.close();
+    fcntl(file.get(), F_SETFL, 0);
+    return writeAll(file, content) && file.close();
 }
 
-bool writeBeside(const std::string& path, mode_t mode,
-                 const std::function<bool(const WriteBytes&)>& produce,
+bool writeBeside(const std::string& path, mode_t mode, std::string_view content,
                  const std::function<bool(const std::string&)>& prepare) {
-    const HeldSignals signals;
-    TemporaryName temporary{path + ".XXXXXX"};
+    TemporaryName temporary{path + ".new-XXXXXX"};
     FileDescriptor file(mkstemp(temporary.path.data()));
     if (!file.isOpen()) {
         temporary.path.clear();
         return false;
     }
     fchmod(file.get(), mode);
-    const auto write = [&](const void* bytes, std::size_t length) {
-        if (signals.oneWaits()) {
-            errno = EINTR;
-            return false;
-        }
-        return writeAll(file, bytes, length);
-    };
-    if (!produce(write) || !file.close() || (prepare && !prepare(temporary.path)) ||
+    if (!writeAll(file, content) || !file.close() || (prepare && !prepare(temporary.path)) ||
         std::rename(temporary.path.c_str(), path.c_str()) != 0) {
         return false;
     }
@@ -139,14 +91,14 @@ bool writeBeside(const std::string& path, mode_t mode,
 
 }  // namespace
 
-bool replaceFile(const std::string& path, const std::function<bool(const WriteBytes&)>& produce,
+bool replaceFile(const std::string& path, std::string_view content,
                  const std::function<bool(const std::string&)>& prepare) {
     struct stat old {};
     const bool exists = stat(path.c_str(), &old) == 0;
     if (exists && !S_ISREG(old.st_mode)) {
-        return writeInPlace(path, produce);
+        return writeInPlace(path, content);
     }
     const std::string target = followLinks(path);
     return !target.empty() &&
-           writeBeside(target, exists ? old.st_mode : defaultMode(), produce, prepare);
+           writeBeside(target, exists ? old.st_mode : defaultMode(), content, prepare);
 }

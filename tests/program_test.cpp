@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "common/replace_file.h"
 #include "support/files.h"
 
 namespace {
@@ -313,10 +312,6 @@ TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
         EXPECT_NE(refused.exitStatus, 0) << arguments;
         EXPECT_TRUE(contains(refused.error, reason)) << refused.error;
     }
-    const auto produce = [](const WriteBytes& write) {
-        return write("x", 1) && raise(SIGTERM) == 0 && write("y", 1);
-    };
-    EXPECT_EXIT(replaceFile(directory / "image", produce), testing::KilledBySignal(SIGTERM), "");
     EXPECT_EQ(shell("ls -A").output, "circle\nfifo\nimage\nlink\nlong\nstderr\nstdout\n");
     EXPECT_EQ(readText(directory / "image"), before);
 }

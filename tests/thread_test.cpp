@@ -12,6 +12,7 @@
 #include "core/error_info.h"
 #include "core/run_config.h"
 #include "group/orvin_group.h"
+#include "image/firmware_image.h"
 #include "orvin-image/image_file.h"
 #include "sim/library/bus_opener.h"
 #include "status/message_writer.h"

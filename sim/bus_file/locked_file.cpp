@@ -78,10 +78,7 @@ bool LockedFile::replace(const std::string& text) {
         next.reset(std::fopen(newPath.c_str(), "re"));
         return next && lock(next.get());
     };
-    const auto writeText = [&text](const WriteBytes& write) {
-        return write(text.data(), text.size());
-    };
-    if (!replaceFile(path, writeText, lockNext)) {
+    if (!replaceFile(path, text, lockNext)) {
         return false;
     }
     stream = std::move(next);

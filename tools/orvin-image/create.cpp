@@ -3,13 +3,16 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/firmware_descriptor.h"
+#include "common/replace_file.h"
+#include "orvin-image/failure.h"
 #include "orvin-image/image_file.h"
 
 namespace orvin_image {
 
 namespace {
 
-Content generate(const CreateOptions& options, std::uint32_t size) {
+Bytes generate(const CreateOptions& options, std::uint32_t size) {
     if (size < firmware::Descriptor::kSize) {
         throw std::runtime_error("generated content has at least " +
                                  std::to_string(firmware::Descriptor::kSize) +
@@ -19,27 +22,33 @@ Content generate(const CreateOptions& options, std::uint32_t size) {
         throw std::runtime_error("generated content has at most " + std::to_string(kMaxContent) +
                                  " bytes: an image has less than 2 GiB");
     }
-    return generatedContent(options.target, options.version, size);
+    return generateContent(options.target, options.version, size);
 }
 
-Content makeContent(const CreateOptions& options) {
+Bytes makeContent(const CreateOptions& options) {
     if (options.size) {
         return generate(options, *options.size);
     }
     if (!options.addDescriptor) {
-        return fileContent(options.contentFile, kMaxContent, options.output);
+        return readContent(options.contentFile, kMaxContent, options.output);
     }
     return withDescriptor(options.target, options.version,
-                          fileContent(options.contentFile,
+                          readContent(options.contentFile,
                                       kMaxContent - firmware::Descriptor::kSize, options.output));
+}
+
+// Whether a simulated device would take the content for that firmware.
+bool isFirmware(const Bytes& content, const CreateOptions& options) {
+    const auto descriptor = firmware::Descriptor::decode(content.data(), content.size());
+    return descriptor && descriptor->target == options.target &&
+           descriptor->version == options.version;
 }
 
 }  // namespace
 
-int create(const CreateOptions& options) {
-    const Content content = makeContent(options);
-    const Summary summary = summarize(content);
-    if (!summary.isFirmware(options.target, options.version)) {
+void create(const CreateOptions& options) {
+    const Bytes content = makeContent(options);
+    if (!isFirmware(content, options)) {
         std::cerr
             << "note: the content has no descriptor of this target and version, so a simulated "
                "device will not run it (see --add-descriptor)"
@@ -50,8 +59,10 @@ int create(const CreateOptions& options) {
     header.device = options.target;
     header.contentType = options.contentType;
     header.version = options.version;
-    writeImage(options.output, header, content, summary);
-    return 0;
+    const Bytes image = encodeImage(header, content);
+    if (!replaceFile(options.output, {reinterpret_cast<const char*>(image.data()), image.size()})) {
+        failWithErrno(options.output, "cannot be written");
+    }
 }
 
 }  // namespace orvin_image

@@ -18,8 +18,9 @@ struct CreateOptions {
     bool addDescriptor = false;
 };
 
-// Returns the exit status. Throws std::runtime_error for what the user must be told.
-int create(const CreateOptions& options);
+// Throws std::runtime_error for what the user must be told. A file that cannot be written whole is
+// left as it was.
+void create(const CreateOptions& options);
 
 }  // namespace orvin_image
 

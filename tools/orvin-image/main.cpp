@@ -11,6 +11,7 @@
 #include <iostream>
 #include <limits>
 #include <map>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -133,12 +134,19 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit fails instead, and is told of
     try {
-        const int result = show->parsed() ? orvin_image::show(shownImage, asJson)
-                                          : orvin_image::create(createOptions);
+        int result = 0;
+        if (show->parsed()) {
+            result = orvin_image::show(shownImage, asJson);
+        } else {
+            orvin_image::create(createOptions);
+        }
         if (!std::cout.flush() || std::fflush(stdout) != 0) {
             throw std::runtime_error("the output cannot be written");
         }
         return result;
+    } catch (const std::bad_alloc&) {
+        std::cerr << "orvin-image: not enough memory" << std::endl;
+        return kFailure;
     } catch (const std::exception& error) {
         std::cerr << "orvin-image: " << error.what() << std::endl;
         return kFailure;

@@ -16,8 +16,8 @@
 #include "common/firmware_checksum.h"
 #include "core/error_info.h"
 #include "image/firmware_image.h"
-#include "orvin-image/content.h"
 #include "orvin-image/failure.h"
+#include "orvin-image/image_file.h"
 #include "orvin-image/version.h"
 
 namespace orvin_image {
