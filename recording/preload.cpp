@@ -1,5 +1,5 @@
-// Stands in front of the bus libraries, when the loader is told to load it first: notes every call
-// and every callback, and passes it on. Nothing that goes wrong here reaches the program.
+// Stands in front of the bus libraries, when the loader is told to load it first: records every
+// call and every callback, and passes it on. Nothing that goes wrong here reaches the program.
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -31,20 +31,20 @@ Microseconds clockNow() {
     return Microseconds{time.tv_sec} * 1'000'000 + time.tv_nsec / 1'000;
 }
 
-std::once_flag begun;
+std::once_flag started;
 // Set before the first call is passed on, and not changed after that.
 Recording* current = nullptr;  // null: there is none
-Microseconds began = 0;
-pid_t recorded = 0;
+Microseconds startedAt = 0;
+pid_t recordedProcess = 0;
 
 Microseconds now() {
-    return clockNow() - began;
+    return clockNow() - startedAt;
 }
 
 // Begins with the first call of the bus: a program without any is not recorded.
-void begin() {
-    began = clockNow();
-    recorded = getpid();
+void start() {
+    startedAt = clockNow();
+    recordedProcess = getpid();
     const char* const path = std::getenv("ORVIN_RECORDING");
     if (path == nullptr) {
         return;
@@ -59,16 +59,16 @@ void begin() {
     }
 }
 
-// Has `note` add to the recording, if there is one.
-template <typename Note>
-void noted(Note note) {
+// Has `append` add to the recording, if there is one.
+template <typename Append>
+void record(Append append) {
     if (current == nullptr) {
         return;
     }
     try {
-        note(*current);
+        append(*current);
     } catch (const std::exception& error) {
-        current->end(error.what());
+        current->fail(error.what());
     }
 }
 
@@ -85,19 +85,19 @@ Signature* find(const char* name) {
 
 #define NEXT(function) static auto* const next = find<decltype(function)>(#function)
 
-// Carries the call out and notes it; `fillIn` adds what it wrote.
+// Carries the call out and records it; `fillIn` adds what it wrote.
 template <typename CarryOut, typename FillIn>
 int pass(const std::optional<vanid_t>& device, Function function, CarryOut carryOut,
          FillIn fillIn) {
-    std::call_once(begun, begin);
+    std::call_once(started, start);
     const Microseconds at = now();
     const int result = carryOut();
     const Microseconds took = now() - at;
-    noted([&](Recording& recording) {
+    record([&](Recording& recording) {
         Call call(function, device);
         call.result = result;
         fillIn(call);
-        recording.note({at, took, recording::threadNumber()}, call);
+        recording.append({at, took, recording::threadNumber()}, call);
     });
     return result;
 }
@@ -105,44 +105,47 @@ int pass(const std::optional<vanid_t>& device, Function function, CarryOut carry
 // ---- callbacks ----
 
 // What the program has set. Never freed: a callback may still be on its way.
-struct Kept {
+struct RegisteredSlot {
     CallbackSlot slot;
-    Kept* before;
+    RegisteredSlot* previous;
 };
-std::atomic<Kept*> kept{nullptr};  // the last one
+std::atomic<RegisteredSlot*> lastRegistered{nullptr};
 
 void onTransfer(int32_t result, void* argument, vanid_t source, vanid_t other, uint32_t packet,
                 uint32_t lastWord) {
-    noted([&](Recording& recording) {
+    record([&](Recording& recording) {
         const Moment moment{now(), 0, recording::threadNumber()};
         if (result == 0) {
-            recording.noteAcknowledgement(moment, source, packet);
+            recording.appendAcknowledgement(moment, source, packet);
         } else {
-            recording.note(moment, Call(Function::TransferCallback, source, {result, packet}));
+            recording.append(moment, Call(Function::TransferCallback, source, {result, packet}));
         }
     });
-    const CallbackSlot& own = static_cast<const Kept*>(argument)->slot;
-    reinterpret_cast<TransferCallback>(own.function)(result, own.userArgument, source, other,
-                                                     packet, lastWord);
+    const CallbackSlot& program = static_cast<const RegisteredSlot*>(argument)->slot;
+    reinterpret_cast<TransferCallback>(program.function)(result, program.userArgument, source,
+                                                         other, packet, lastWord);
 }
 
 void onBusChange(void* argument, const vanid_t* member, uint32_t event) {
-    noted([&](Recording& recording) {
+    record([&](Recording& recording) {
         const Moment moment{now(), 0, recording::threadNumber()};
-        recording.note(moment, Call(Function::BusChangeCallback, *member, {event}));
+        recording.append(moment, Call(Function::BusChangeCallback, *member, {event}));
     });
-    const CallbackSlot& own = static_cast<const Kept*>(argument)->slot;
-    reinterpret_cast<BusChangeCallback>(own.function)(own.userArgument, member, event);
+    const CallbackSlot& program = static_cast<const RegisteredSlot*>(argument)->slot;
+    reinterpret_cast<BusChangeCallback>(program.function)(program.userArgument, member, event);
 }
 
-// The slot to set in place of the program's: the callback above, in front of the program's own.
-CallbackSlot inFront(void (*callback)(), const CallbackSlot& slot) {
-    auto* const own = slot.function == nullptr ? nullptr : new (std::nothrow) Kept{slot, nullptr};
-    if (own == nullptr) {
+// The slot to set in place of the program's: `callback`, which records and calls the program's.
+CallbackSlot recordingSlot(void (*callback)(), const CallbackSlot& slot) {
+    if (slot.function == nullptr) {
         return slot;
     }
-    own->before = kept.exchange(own);
-    return {callback, own};
+    auto* const registered = new (std::nothrow) RegisteredSlot{slot, nullptr};
+    if (registered == nullptr) {
+        return slot;
+    }
+    registered->previous = lastRegistered.exchange(registered);
+    return {callback, registered};
 }
 
 void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> numbers) {
@@ -152,7 +155,7 @@ void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> 
 
 // A child that the process forked has no writer to wait for.
 __attribute__((destructor)) void finish() {
-    if (current != nullptr && getpid() == recorded) {
+    if (current != nullptr && getpid() == recordedProcess) {
         current->finish();
     }
 }
@@ -302,7 +305,7 @@ int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uin
 int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
                        const CallbackSlot* slot, int last) {
     NEXT(TalmApiSetCallback);
-    const CallbackSlot ours = inFront(reinterpret_cast<void (*)()>(onTransfer), *slot);
+    const CallbackSlot ours = recordingSlot(reinterpret_cast<void (*)()>(onTransfer), *slot);
     return pass(
         {}, Function::SetTransferCallback,
         [&] { return next(handle, first, second, third, &ours, last); },
@@ -313,7 +316,7 @@ int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
 
 int TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, int last) {
     NEXT(TalmApiSetBusChangeCallback);
-    const CallbackSlot ours = inFront(reinterpret_cast<void (*)()>(onBusChange), *slot);
+    const CallbackSlot ours = recordingSlot(reinterpret_cast<void (*)()>(onBusChange), *slot);
     return pass(
         {}, Function::SetBusChangeCallback, [&] { return next(handle, &ours, last); },
         [&](Call& call) { fillInSlot(call, *slot, {last}); });

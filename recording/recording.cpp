@@ -75,11 +75,11 @@ Recording::Recording(const std::string& pathOfFile, const std::string& invocatio
     if (!invocation.empty()) {
         emptyUnlessBegunBy(invocation);
     }
-    noted.reserve(kUsualBatch);
+    pending.reserve(kUsualBatch);
     batch.reserve(kUsualBatch);
     lines.addHeader(invocation);
     const NoSignals noSignals;
-    writer = std::thread(&Recording::writeNowAndThen, this);
+    writer = std::thread(&Recording::runWriter, this);
 }
 
 Recording::~Recording() {
@@ -87,113 +87,102 @@ Recording::~Recording() {
     writer.join();
 }
 
-// Only with the lock, so that no run loses what it is noting. A command may start the tool several
-// times; each finds by the first line that the file is its command's own.
+// Only with the lock, so that no run loses what it is recording. A command may start the tool
+// several times; each finds by the first line that the file is its command's own.
 void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
     struct stat status {};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return;
     }
-    const std::string own = Lines::beginningOfHeader(invocation);
-    std::string found(own.size(), '\0');
+    const std::string expected = Lines::beginningOfHeader(invocation);
+    std::string found(expected.size(), '\0');
     const FileDescriptor reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const ssize_t count = ::read(reader.get(), found.data(), found.size());
-    const bool isOwn = count == static_cast<ssize_t>(own.size()) && found == own;
-    if (!isOwn && ftruncate(file.get(), 0) != 0) {
+    const bool isSame = count == static_cast<ssize_t>(expected.size()) && found == expected;
+    if (!isSame && ftruncate(file.get(), 0) != 0) {
         failWithErrno("cannot be emptied");
     }
 }
 
-void Recording::note(const Moment& moment, const Call& call) {
-    auto copy = std::make_unique<const Call>(call);
-    if (add({moment, copy.get(), {}, 0})) {
-        static_cast<void>(copy.release());  // the writer deletes it
-    }
+void Recording::append(const Moment& moment, const Call& call) {
+    append({moment, std::make_unique<const Call>(call), {}, 0});
 }
 
-void Recording::noteAcknowledgement(const Moment& moment, const vanid_t& device,
-                                    std::uint32_t packet) {
-    add({moment, nullptr, device, packet});
+void Recording::appendAcknowledgement(const Moment& moment, const vanid_t& device,
+                                      std::uint32_t packet) {
+    append({moment, nullptr, device, packet});
 }
 
-// Whether it was taken.
-bool Recording::add(const Noted& entry) {
+void Recording::append(Entry entry) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (ended) {
-            return false;
+        if (state != State::Open) {
+            return;
         }
-        if (noted.size() < kMostInMemory) {
-            noted.push_back(entry);
-            return true;
+        if (pending.size() < kMostInMemory) {
+            pending.push_back(std::move(entry));
+            return;
         }
     }
-    end("it is not written fast enough");
-    return false;
+    fail("it is not written fast enough");
 }
 
-void Recording::end(const std::string& reason) {
-    bool isFirst = false;
+void Recording::fail(const std::string& reason) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        isFirst = !ended;
-        ended = true;
+        if (state != State::Open && state != State::Finishing) {
+            return;
+        }
+        state = State::Failed;
     }
-    if (isFirst) {
-        complain("recording '" + path + "' ends: " + reason + '\n');
-    }
+    complain("recording '" + path + "' ends: " + reason + '\n');
 }
 
 void Recording::finish() {
     std::unique_lock<std::mutex> lock(mutex);
-    stopped = true;
+    if (state == State::Open) {
+        state = State::Finishing;
+    }
     changed.notify_all();
-    changed.wait_for(lock, kLongestWrite, [this] { return written; });
-    ended = true;
+    changed.wait_for(lock, kLongestWrite, [this] { return state == State::Finished; });
 }
 
-void Recording::writeNowAndThen() {
-    for (bool isLast = false; !isLast;) {
-        isLast = takeBatch();
-        try {
-            writeBatch(isLast);
-        } catch (const std::exception& error) {
-            isBroken = true;
-            end(error.what());
-        }
-        for (const Noted& entry : batch) {
-            delete entry.call;
+void Recording::runWriter() {
+    State seen = State::Open;
+    while (seen == State::Open) {
+        seen = takeBatch();
+        if (seen != State::Failed) {
+            writeBatch(seen == State::Finishing);
         }
         batch.clear();
     }
     const std::lock_guard<std::mutex> lock(mutex);
-    written = true;
+    state = State::Finished;
     changed.notify_all();
 }
 
-void Recording::writeBatch(bool isLast) {
-    if (isBroken) {
-        return;
-    }
-    for (const Noted& entry : batch) {
-        if (entry.call != nullptr) {
-            lines.add(entry.moment, *entry.call);
-        } else {
-            lines.addAcknowledgement(entry.moment, entry.device, entry.packet);
-        }
-    }
-    if (!write(lines.take(isLast))) {
-        isBroken = true;
-        end(std::strerror(errno));
-    }
+Recording::State Recording::takeBatch() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, kBetweenWrites, [this] { return state != State::Open; });
+    batch.swap(pending);
+    return state;
 }
 
-// Whether it is the last one.
-bool Recording::takeBatch() {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, kBetweenWrites, [this] { return stopped; });
-    batch.swap(noted);
-    return stopped;
+void Recording::writeBatch(bool isLast) {
+    try {
+        for (const Entry& entry : batch) {
+            if (entry.call) {
+                lines.add(entry.moment, *entry.call);
+            } else {
+                lines.addAcknowledgement(entry.moment, entry.device, entry.packet);
+            }
+        }
+        if (!write(lines.take(isLast))) {
+            fail(std::strerror(errno));
+        }
+    } catch (const std::exception& error) {
+        fail(error.what());
+    }
 }
 
 // False with errno set.

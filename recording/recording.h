@@ -2,6 +2,7 @@
 #define RECORDING_RECORDING_H
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,43 +27,47 @@ public:
     Recording& operator=(const Recording&) = delete;
 
     // Throws std::bad_alloc.
-    void note(const Moment& moment, const Call& call);
+    void append(const Moment& moment, const Call& call);
 
     // A transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
-    void noteAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
+    void appendAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
-    // Notes nothing more; standard error tells the reason, the first time.
-    void end(const std::string& reason);
+    // Takes nothing more; standard error tells the reason, the first time.
+    void fail(const std::string& reason);
 
-    // Ends it when all is written; waits for that, but not for a disk that does not answer.
+    // Takes nothing more, and waits until all is written, but not for a disk that does not answer.
     void finish();
 
 private:
-    struct Noted {
+    struct Entry {
         Moment moment;
-        const Call* call;  // owned; null: an acknowledgement, of the device for the packet
+        std::unique_ptr<const Call> call;  // null: an acknowledgement, of the device for the packet
         vanid_t device;
         std::uint32_t packet;
     };
 
+    enum class State {
+        Open,       // entries are taken
+        Failed,     // none is taken or written any more
+        Finishing,  // the writer is to write what is pending, and to end
+        Finished,   // the writer has ended
+    };
+
     void emptyUnlessBegunBy(const std::string& invocation) const;
-    bool add(const Noted& entry);
-    void writeNowAndThen();
-    bool takeBatch();
+    void append(Entry entry);
+    void runWriter();
+    State takeBatch();
     void writeBatch(bool isLast);
     bool write(const std::string& text);
 
     const std::string path;
     FileDescriptor file;
     Lines lines;  // the writer's alone, like the batch
-    std::vector<Noted> batch;
-    bool isBroken = false;  // nothing is written any more
+    std::vector<Entry> batch;
 
     std::mutex mutex;  // guards what follows
-    std::vector<Noted> noted;
-    bool ended = false;    // nothing is noted any more
-    bool stopped = false;  // the writer is to write what there is, and then to end
-    bool written = false;  // it has
+    std::vector<Entry> pending;
+    State state = State::Open;
     std::condition_variable changed;
 
     std::thread writer;

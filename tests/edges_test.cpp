@@ -42,16 +42,16 @@ TEST(Edges, TheCommandLineHasToDescribeAMode) {
 }
 
 // Initializes no handle.
-class NoHandle : public sim::Observer {
-    std::optional<sim::Intervention> before(const sim::Call& call) override {
+class NoHandle : public sim::Interceptor {
+    std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         const bool steps = call.function == Function::Initialize;
-        return steps ? std::optional(sim::Intervention{-1}) : std::nullopt;
+        return steps ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
     }
 };
 
 TEST(Edges, WithoutAHandleNothingElseIsAsked) {
-    NoHandle observer;
-    const ToolRun run = runTool(describedRun(R"({"run": "-l -m mem:status"})"), {&observer});
+    NoHandle interceptor;
+    const ToolRun run = runTool(describedRun(R"({"run": "-l -m mem:status"})"), {&interceptor});
     EXPECT_EQ(run.exitStatus, 132);
     EXPECT_TRUE(run.printed("Error: Couldn't init talmapi connection\n"));
     EXPECT_EQ(run.records.size(), 1U);

@@ -82,7 +82,7 @@ TEST(Threads, ReportAllAtOnceOfATransferTo63Devices) {
 
 // Clears no callback, and makes reports until the process ends: acknowledgements at first, and from
 // the end of the session on, faults, on which the tool would act.
-class Stubborn : public sim::Observer {
+class Stubborn : public sim::Interceptor {
 public:
     explicit Stubborn(std::shared_ptr<sim::Bus> itsBus) : bus(std::move(itsBus)) {
         for (int thread = 0; thread < 3; ++thread) {
@@ -90,13 +90,13 @@ public:
         }
     }
 
-    std::optional<sim::Intervention> before(const sim::Call& call) override {
+    std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         if (call.function == sim::Function::Cleanup) {
             result = 9;
             waitForReports();
         }
         const bool clears = call.text == talm::slotText(false);
-        return clears ? std::optional(sim::Intervention{-1}) : std::nullopt;
+        return clears ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
     }
 
     void waitForReports() const {
@@ -129,7 +129,7 @@ TEST(Threads, FindNoGroupOnceTheModeHasEnded) {
     const auto bus = std::make_shared<sim::Bus>(description);
     sim::busOpener() = [&](const std::string&) { return bus; };
     auto& library = *new Stubborn(bus);  // as long as its threads
-    sim::observers().push_back(&library);
+    sim::interceptors().push_back(&library);
     RunConfig config;
     char all[] = "-B";
     char connection[] = "-csim:";

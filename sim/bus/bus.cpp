@@ -340,7 +340,7 @@ void Bus::reportTransferResult(const vanid_t& source, const PacketAnswer& answer
     }
     const std::uint32_t packet = *answer.packet;
     Call call(Function::TransferCallback, source, {answer.result, packet});
-    pass(call, observers, [&] {
+    pass(call, interceptors, [&] {
         reinterpret_cast<TransferCallback>(slot.function)(answer.result, slot.userArgument, source,
                                                           kController, packet, kLastWord);
         return 0;
@@ -357,7 +357,7 @@ void Bus::reportBusChange(const vanid_t& member, std::uint32_t event) {
         return;
     }
     Call call(Function::BusChangeCallback, member, {event});
-    pass(call, observers, [&] {
+    pass(call, interceptors, [&] {
         reinterpret_cast<BusChangeCallback>(slot.function)(slot.userArgument, &member, event);
         return 0;
     });

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "sim/bus/bus_description.h"
-#include "sim/bus/call.h"
 #include "sim/bus/call_faults.h"
 #include "sim/bus/device.h"
 #include "sim/bus/event_queue.h"
+#include "sim/bus/interceptor.h"
 #include "sim/bus/trace.h"
 #include "talm/talm_api.h"
 
@@ -69,8 +69,8 @@ public:
     // Null when the bus has no such device.
     const Device* findDevice(const vanid_t& id) { return find(id); }
 
-    // The observers of this bus: its call faults, then its trace.
-    const std::vector<Observer*>& ownObservers() const { return observers; }
+    // The interceptors of this bus: its call faults, then its trace.
+    const std::vector<Interceptor*>& ownInterceptors() const { return interceptors; }
 
 private:
     using Lock = std::lock_guard<std::mutex>;
@@ -96,7 +96,7 @@ private:
     const Microseconds openedAt;
     CallFaults callFaults;
     Trace trace;
-    const std::vector<Observer*> observers{&callFaults, &trace};
+    const std::vector<Interceptor*> interceptors{&callFaults, &trace};
     std::vector<Device> devices;  // in the bus file's order; never resized
     std::minstd_rand random;
     CallbackSlot transferSlot{nullptr, nullptr};

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "common/member_type.h"
-#include "sim/bus/call.h"
 #include "sim/bus/event_queue.h"
 #include "sim/bus/history.h"
+#include "sim/bus/interceptor.h"
 #include "talm/vanid.h"
 
 namespace sim {

@@ -19,23 +19,23 @@ CallFaults::CallFaults(const std::vector<CallFault>& callFaults, EventQueue& clo
     }
 }
 
-std::optional<Intervention> CallFaults::before(const Call& call) {
+std::optional<InjectedResult> CallFaults::before(const Call& call) {
     const std::lock_guard<std::mutex> lock(mutex);
-    std::optional<Intervention> intervention;
+    std::optional<InjectedResult> injected;
     for (Counted& each : faults) {
         if (concerns(each.fault, call) && each.fault.calls.contains(++each.calls)) {
-            intervention = makeIntervention(each.fault);
+            injected = injectedResult(each.fault);
         }
     }
-    return intervention;
+    return injected;
 }
 
-Intervention CallFaults::makeIntervention(const CallFault& fault) {
-    Intervention intervention{fault.result, fault.carriedOut, fault.answer};
+InjectedResult CallFaults::injectedResult(const CallFault& fault) {
+    InjectedResult injected{fault.result, fault.carriedOut, fault.answer};
     if (fault.takes > 0) {
-        intervention.sleep = [this, duration = fault.takes] { queue.sleep(duration); };
+        injected.sleep = [this, duration = fault.takes] { queue.sleep(duration); };
     }
-    return intervention;
+    return injected;
 }
 
 }  // namespace sim

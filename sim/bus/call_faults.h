@@ -5,24 +5,24 @@
 #include <vector>
 
 #include "sim/bus/bus_description.h"
-#include "sim/bus/call.h"
+#include "sim/bus/interceptor.h"
 
 namespace sim {
 
 // Makes calls end as the fault that strikes them says. Any thread.
-class CallFaults : public Observer {
+class CallFaults : public Interceptor {
 public:
     // `clock` must outlive this.
     CallFaults(const std::vector<CallFault>& callFaults, EventQueue& clock);
 
-    std::optional<Intervention> before(const Call& call) override;
+    std::optional<InjectedResult> before(const Call& call) override;
 
 private:
     struct Counted {
         CallFault fault;
         std::uint32_t calls = 0;  // so far, of its function and device
     };
-    Intervention makeIntervention(const CallFault& fault);
+    InjectedResult injectedResult(const CallFault& fault);
 
     EventQueue& queue;
     std::mutex mutex;  // guards the counts

@@ -7,8 +7,8 @@ namespace sim {
 
 namespace {
 
-// When the calls began that this thread is in: a callback may call the bus.
-thread_local std::vector<Microseconds> begun;
+// When the calls started that this thread is in: a callback may call the bus.
+thread_local std::vector<Microseconds> startTimes;
 
 }  // namespace
 
@@ -24,19 +24,19 @@ Trace::Trace(const std::string& path, const EventQueue& clock)
     }
 }
 
-std::optional<Intervention> Trace::before(const Call& call) {
-    begun.push_back(queue.now());
+std::optional<InjectedResult> Trace::before(const Call& call) {
+    startTimes.push_back(queue.now());
     if (file && isCallback(call.function)) {
-        file->note({begun.back() - openedAt, 0, recording::threadNumber()}, call);
+        file->append({startTimes.back() - openedAt, 0, recording::threadNumber()}, call);
     }
     return std::nullopt;
 }
 
 void Trace::after(const Call& call) {
-    const Microseconds began = begun.back();
-    begun.pop_back();
+    const Microseconds start = startTimes.back();
+    startTimes.pop_back();
     if (file && !isCallback(call.function)) {
-        file->note({began - openedAt, queue.now() - began, recording::threadNumber()}, call);
+        file->append({start - openedAt, queue.now() - start, recording::threadNumber()}, call);
     }
 }
 

@@ -5,19 +5,19 @@
 #include <string>
 
 #include "recording/recording.h"
-#include "sim/bus/call.h"
 #include "sim/bus/event_queue.h"
+#include "sim/bus/interceptor.h"
 
 namespace sim {
 
 // Records what happens on a bus since the connection was opened. Any thread.
-class Trace : public Observer {
+class Trace : public Interceptor {
 public:
     // Appends to the file; an empty path keeps no record. `clock` must outlive the trace. Throws
     // std::runtime_error when the file cannot be opened.
     Trace(const std::string& path, const EventQueue& clock);
 
-    std::optional<Intervention> before(const Call& call) override;
+    std::optional<InjectedResult> before(const Call& call) override;
     void after(const Call& call) override;
 
 private:

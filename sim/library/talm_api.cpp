@@ -1,4 +1,4 @@
-// The C interface of the bus access library: handles, the observers around every call, and the
+// The C interface of the bus access library: handles, the interceptors around every call, and the
 // place where exceptions end.
 
 #include "talm/talm_api.h"
@@ -28,7 +28,7 @@ namespace {
 using sim::Bus;
 using sim::Call;
 using sim::Function;
-using sim::Observer;
+using sim::Interceptor;
 namespace result = sim::result;
 
 constexpr char kScheme[] = "sim:";
@@ -73,13 +73,14 @@ Result guarded(Function function, Result failed, Body body) {
     }
 }
 
-// Shows the call to the observers and has the handle's bus carry it out. What the call writes is in
-// it afterwards.
+// Shows the call to the interceptors and has the handle's bus carry it out. What the call writes is
+// in it afterwards.
 template <typename CarryOut>
 int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
     const std::shared_ptr<Bus> bus = connections().find(handle);
     return guarded(call.function, int{result::kNoSession}, [&] {
-        const std::vector<Observer*> own = bus ? bus->ownObservers() : std::vector<Observer*>();
+        const std::vector<Interceptor*> own =
+            bus ? bus->ownInterceptors() : std::vector<Interceptor*>();
         return sim::pass(call, own, [&] { return bus ? carryOut(*bus) : result::kNoSession; });
     });
 }
@@ -131,7 +132,8 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
     const std::shared_ptr<Bus> bus = openBus(connection);
     const int answer = guarded(Function::Open, int{result::kNoSession}, [&] {
         Call call(Function::Open, std::nullopt, {reserved}, connection);
-        const std::vector<Observer*> own = bus ? bus->ownObservers() : std::vector<Observer*>();
+        const std::vector<Interceptor*> own =
+            bus ? bus->ownInterceptors() : std::vector<Interceptor*>();
         return sim::pass(call, own, [&] { return bus ? 0 : result::kNoSession; });
     });
     Connections& all = connections();
@@ -215,12 +217,13 @@ int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
 
 int TalmApiIsTalm(vanid_t member) {
     const auto open = connections().allOpen();
-    std::vector<Observer*> observers;
+    std::vector<Interceptor*> interceptors;
     for (const auto& bus : open) {
-        observers.insert(observers.end(), bus->ownObservers().begin(), bus->ownObservers().end());
+        interceptors.insert(interceptors.end(), bus->ownInterceptors().begin(),
+                            bus->ownInterceptors().end());
     }
     Call call(Function::IsTalm, member);
-    return sim::pass(call, observers, [&] {
+    return sim::pass(call, interceptors, [&] {
         const auto isMaster = [&](const auto& bus) { return bus->isMaster(member); };
         return std::any_of(open.begin(), open.end(), isMaster) ? 1 : 0;
     });

@@ -15,19 +15,19 @@ sim::Microseconds timeLimit(const Case& searched) {
 }
 
 // Lets the faults strike at their calls.
-class Injector : public sim::Observer {
+class Injector : public sim::Interceptor {
 public:
     explicit Injector(const Case& searched) : faults(searched.faults) {}
 
-    std::optional<sim::Intervention> before(const sim::Call& call) override {
+    std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         constexpr std::size_t kMostCalls = 1'000'000;  // more than the longest wait makes
         const std::size_t index = calls++;
         if (index == kMostCalls) {
             throw sim::TimeLimitReached();
         }
-        std::optional<sim::Intervention> result;
+        std::optional<sim::InjectedResult> result;
         if (failsToClear(call)) {
-            result = sim::Intervention{-1};
+            result = sim::InjectedResult{-1};
         }
         for (const Fault& fault : faults) {
             const bool strikes = fault.call == index || (fault.stays && fault.call < index);
@@ -58,10 +58,10 @@ private:
         }
     }
 
-    std::optional<sim::Intervention> strike(const Fault& fault, const sim::Call& call) {
+    std::optional<sim::InjectedResult> strike(const Fault& fault, const sim::Call& call) {
         if (fault.place == Place::Result) {
             const bool itsCall = call.function == fault.function && deviceOf(call) == fault.device;
-            const sim::Intervention own{static_cast<int>(fault.value), fault.carriedOut};
+            const sim::InjectedResult own{static_cast<int>(fault.value), fault.carriedOut};
             return itsCall ? std::optional(own) : std::nullopt;
         }
         if (fault.place == Place::Link) {

@@ -54,7 +54,7 @@ std::vector<Case> baseCases() {
             baseCase("listing", 3, {"-l"}, {})};
 }
 
-using Results = std::vector<sim::Intervention>;
+using Results = std::vector<sim::InjectedResult>;
 
 // What a call can end with instead of its own result.
 Results failuresOf(Function function) {
@@ -156,7 +156,7 @@ std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::
     if (sim::isCallback(call.function)) {
         return faults;
     }
-    for (const sim::Intervention& failure : failuresOf(call.function)) {
+    for (const sim::InjectedResult& failure : failuresOf(call.function)) {
         const std::string what = std::string(sim::nameOf(call.function)) + " gives";
         faults.push_back({Place::Result, deviceOf(call), harmOf(call, failure.result), what,
                           failure.result, failure.carriedOut, call.function});

@@ -26,9 +26,9 @@ bool dropMessageWriter() {
 }
 
 // Notes every call and every callback.
-class Recorder : public sim::Observer {
+class Recorder : public sim::Interceptor {
 public:
-    std::optional<sim::Intervention> before(const sim::Call& call) override {
+    std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         underWay.push_back(records.size());
         records.push_back(
             {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
@@ -105,7 +105,7 @@ std::string ToolRun::trace() const {
     return lines.take(true);
 }
 
-ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers,
+ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors,
                 const std::function<int(SystemCall, const std::string&)>& system) {
     MemorySystem& memory = MemorySystem::instance();
     memory = {};
@@ -117,8 +117,8 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& obser
     time.limit = setup.timeLimit;
     time.beforeSleep = [&](sim::Microseconds duration) { run.late += lateOutput(duration); };
     Recorder recorder;
-    sim::observers() = observers;
-    sim::observers().push_back(&recorder);
+    sim::interceptors() = interceptors;
+    sim::interceptors().push_back(&recorder);
     auto bus = std::make_shared<sim::Bus>(setup.bus);
     sim::busOpener() = [&](const std::string&) {
         if (setup.onOpen) {
@@ -131,7 +131,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& obser
     memory.before = nullptr;
     time.beforeSleep = nullptr;
     sim::busOpener() = nullptr;
-    sim::observers().clear();
+    sim::interceptors().clear();
     run.messages = memory.messages;
     run.filesNow = memory.files;
     run.filesOpen = memory.openFiles.size();

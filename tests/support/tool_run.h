@@ -55,9 +55,9 @@ struct ToolRun {
     std::string trace() const;  // the records as a recording has them
 };
 
-// The same setup gives the same run. `observers` look on or step in at each call, `system`, which
-// takes the place of `errors`, at each system call. Neither outlives the run.
-ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Observer*>& observers = {},
+// The same setup gives the same run. `interceptors` see each call, `system`,
+// which takes the place of `errors`, at each system call. Neither outlives the run.
+ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
                 const std::function<int(SystemCall, const std::string&)>& system = {});
 
 // ---- what buses are made of ----
