@@ -155,8 +155,8 @@ int Bus::writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t con
         id, [&](Device& device) { return device.writeRequest(target, contentSize, checksum); });
 }
 
-// A packet to all devices reaches them at the same moment. A history goes on with each packet,
-// whatever becomes of it.
+// A packet to all devices reaches them at the same moment. A replay script goes on with each
+// packet, whatever becomes of it.
 int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes) {
     const Lock lock(mutex);
     const int answer = request(id, [&](Device& device) {

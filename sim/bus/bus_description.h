@@ -11,8 +11,8 @@
 
 #include "common/member_type.h"
 #include "sim/bus/event_queue.h"
-#include "sim/bus/history.h"
 #include "sim/bus/interceptor.h"
+#include "sim/bus/replay_script.h"
 #include "talm/vanid.h"
 
 namespace sim {
@@ -106,7 +106,8 @@ struct MemberDescription {
     std::string name;   // at most kNameBytes
     DeviceTiming timing;
     DeviceFaults faults;
-    std::shared_ptr<const History> history = std::make_shared<History>();  // large: not copied
+    std::shared_ptr<const ReplayScript> replay =
+        std::make_shared<ReplayScript>();  // large: not copied
 };
 
 // A time during which the link is down, from the opening of the connection.

@@ -94,7 +94,7 @@ PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes, M
 }
 
 PacketAnswers Device::repeatAnswers(std::uint32_t number, const std::uint8_t* bytes) {
-    PacketAnswers answers = description.history->packets[packetsRepeated++];
+    PacketAnswers answers = description.replay->packets[packetsRepeated++];
     for (PacketAnswer& answer : answers) {
         answer.packet = answer.packet.value_or(number);
         if (answer.result == kReceivedResult && answer.packet == number && expects(number)) {
@@ -108,7 +108,7 @@ PacketAnswers Device::repeatAnswers(std::uint32_t number, const std::uint8_t* by
 }
 
 const std::vector<BusChange>* Device::takeChanges() {
-    const auto& all = description.history->changes;
+    const auto& all = description.replay->changes;
     return changesTaken == all.size() ? nullptr : &all[changesTaken++];
 }
 

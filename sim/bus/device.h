@@ -40,9 +40,9 @@ public:
     PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds now,
                           Microseconds usualDelay);
 
-    // ---- its history ----
+    // ---- its replay script ----
 
-    bool hasAnswersLeft() const { return packetsRepeated < description.history->packets.size(); }
+    bool hasAnswersLeft() const { return packetsRepeated < description.replay->packets.size(); }
 
     // What it answered to the next packet, which it gets now. There must be answers left.
     PacketAnswers repeatAnswers(std::uint32_t number, const std::uint8_t* bytes);

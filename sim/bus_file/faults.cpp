@@ -32,7 +32,7 @@ Answer readAnswer(const Json& json, const std::string& place, Function function)
     case Function::CheckImage:
         return {readNumbers(json, place, {{0, kMax16}, {0, kMax16}}), {}, {}};
     default:
-        throw BusFileError(place + ": this call writes nothing");
+        throw BusFileError(place + ": this call has no outputs");
     }
 }
 
@@ -50,7 +50,7 @@ CallFault readCallFault(const Json& json, const std::string& place, Function fun
     }
     if (function == Function::GetBusMembers && fault.result > 0 && !fault.answer &&
         !fault.carriedOut) {
-        throw BusFileError(fields.placeOf("result") + ": would invent members");
+        throw BusFileError(fields.placeOf("result") + ": more than 0 members need an \"answer\"");
     }
     fields.finish();
     return fault;
@@ -115,7 +115,7 @@ PacketFault readNumberedFault(const Json& json, const std::string& place,
     fault.times = list.always ? std::nullopt : readTimes(fields);
     if (fault.kind == PacketFault::Kind::Result &&
         (fault.value == kReceivedResult || fault.value == kGoBackResult)) {
-        throw BusFileError(fields.placeOf(list.valueName) + ": not a fault's result");
+        throw BusFileError(fields.placeOf(list.valueName) + ": 0 and 17 are no faults");
     }
     fields.finish();
     return fault;
@@ -153,7 +153,7 @@ KeepsOldVersion readKeepsOldVersion(FieldReader& fields, const char* name) {
     if (*json == "always") {
         return KeepsOldVersion::Always;
     }
-    throw BusFileError(fields.placeOf(name) + ": neither \"once\" nor \"always\"");
+    throw BusFileError(fields.placeOf(name) + ": expected \"once\" or \"always\"");
 }
 
 }  // namespace

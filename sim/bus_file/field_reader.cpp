@@ -12,13 +12,13 @@ namespace {
     throw BusFileError((place.empty() ? "the whole file" : place) + ": " + reason);
 }
 
-// A number written as a text: "0x" and one to eight hexadecimal digits.
+// A number written as a string: "0x" and one to eight hexadecimal digits.
 std::int64_t readHexadecimal(const std::string& text, const std::string& place) {
     constexpr char kDigits[] = "0123456789abcdefABCDEF";
     constexpr std::size_t kMaxLength = 10;
     if (text.compare(0, 2, "0x") != 0 || text.size() < 3 || text.size() > kMaxLength ||
         text.find_first_not_of(kDigits, 2) != std::string::npos) {
-        reject(place, "neither a number nor a text like \"0x1f\"");
+        reject(place, "expected a number or a string like \"0x1f\"");
     }
     return std::stoll(text, nullptr, 16);
 }
@@ -28,7 +28,7 @@ std::int64_t readHexadecimal(const std::string& text, const std::string& place) 
 FieldReader::FieldReader(const Json& object, std::string where)
     : json(object), place(std::move(where)) {
     if (!json.is_object()) {
-        reject(place, "not an object");
+        reject(place, "expected an object");
     }
 }
 
@@ -41,7 +41,7 @@ const Json* FieldReader::find(const char* name) {
 const Json& FieldReader::require(const char* name) {
     const Json* const field = find(name);
     if (field == nullptr) {
-        reject(place, std::string("has no \"") + name + '"');
+        reject(place, std::string("missing \"") + name + '"');
     }
     return *field;
 }
@@ -63,7 +63,7 @@ std::string FieldReader::text(const char* name) {
         return {};
     }
     if (!field->is_string()) {
-        reject(placeOf(name), "not a text");
+        reject(placeOf(name), "expected a string");
     }
     return field->get<std::string>();
 }
@@ -83,20 +83,20 @@ void FieldReader::finish() const {
 std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t min,
                         std::int64_t max) {
     if (!json.is_number_integer() && !json.is_string()) {
-        reject(place, "not a whole number");
+        reject(place, "expected an integer");
     }
     const std::int64_t value = json.is_string() ? readHexadecimal(json.get<std::string>(), place)
                                                 : json.get<std::int64_t>();
     const bool tooLarge = json.is_number_unsigned() && value < 0;  // beyond 63 bits
     if (tooLarge || value < min || value > max) {
-        reject(place, "not between " + std::to_string(min) + " and " + std::to_string(max));
+        reject(place, "out of range " + std::to_string(min) + " to " + std::to_string(max));
     }
     return value;
 }
 
 bool readFlag(const Json& json, const std::string& place) {
     if (!json.is_boolean()) {
-        reject(place, "neither true nor false");
+        reject(place, "expected true or false");
     }
     return json.get<bool>();
 }

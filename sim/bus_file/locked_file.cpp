@@ -14,7 +14,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t kMaxBytes = 64U << 20U;  // room for the history of 63 devices and 1 MiB
+constexpr std::size_t kMaxBytes = 64U
+                                  << 20U;  // room for the replay scripts of 63 devices and 1 MiB
 
 BusFileError unreadable() {
     return BusFileError(std::string("cannot be read: ") + std::strerror(errno));

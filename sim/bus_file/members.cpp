@@ -6,7 +6,7 @@
 #include "common/vanid_text.h"
 #include "sim/bus_file/bus_file_error.h"
 #include "sim/bus_file/faults.h"
-#include "sim/bus_file/history.h"
+#include "sim/bus_file/replay_script.h"
 #include "sim/bus_file/values.h"
 
 namespace sim {
@@ -55,9 +55,9 @@ MemberDescription readMember(const Json& json, const std::string& place,
     if (const Json* const faults = fields.find("faults")) {
         member.faults = readDeviceFaults(*faults, fields.placeOf("faults"), member.id, callFaults);
     }
-    if (const Json* const history = fields.find("history")) {
-        member.history =
-            std::make_shared<History>(readHistory(*history, fields.placeOf("history")));
+    if (const Json* const replay = fields.find("replay")) {
+        member.replay =
+            std::make_shared<ReplayScript>(readReplayScript(*replay, fields.placeOf("replay")));
     }
     fields.finish();
     return member;
@@ -67,7 +67,7 @@ void rejectDuplicates(const std::vector<MemberDescription>& members) {
     std::set<std::string> seen;
     for (std::size_t i = 0; i < members.size(); ++i) {
         if (!seen.insert(formatVanid(members[i].id)).second) {
-            throw BusFileError("/members/" + std::to_string(i) + "/id: there already");
+            throw BusFileError("/members/" + std::to_string(i) + "/id: duplicate id");
         }
     }
 }

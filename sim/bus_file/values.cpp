@@ -34,7 +34,7 @@ std::string readName(FieldReader& fields) {
 
 const Json& requireArray(const Json& json, const std::string& place) {
     if (!json.is_array()) {
-        throw BusFileError(place + ": not an array");
+        throw BusFileError(place + ": expected an array");
     }
     return json;
 }
@@ -42,7 +42,7 @@ const Json& requireArray(const Json& json, const std::string& place) {
 std::vector<std::int64_t> readNumbers(const Json& json, const std::string& place,
                                       const std::vector<Range>& ranges) {
     if (requireArray(json, place).size() != ranges.size()) {
-        throw BusFileError(place + ": not " + std::to_string(ranges.size()) + " numbers");
+        throw BusFileError(place + ": expected " + std::to_string(ranges.size()) + " numbers");
     }
     auto range = ranges.begin();
     return readItems(json, place, [&](const Json& number, const std::string& where) {
@@ -65,7 +65,7 @@ Selection readSelection(const Json& json, const std::string& place) {
         return selection;
     }
     if (!json.is_array()) {
-        throw BusFileError(place + ": not \"all\", a list of numbers or {\"every\": n}");
+        throw BusFileError(place + ": expected \"all\", a list of numbers or {\"every\": n}");
     }
     for (const std::int64_t number :
          readItems(json, place, [](const Json&item, const std::string&where) {
@@ -79,7 +79,7 @@ Selection readSelection(const Json& json, const std::string& place) {
 vanid_t readIdentifier(const Json& json, const std::string& place) {
     const auto id = parseStrictVanid(json.is_string() ? json.get<std::string>() : "");
     if (!id || isBroadcastVanid(*id)) {
-        throw BusFileError(place + ": not a device's identifier");
+        throw BusFileError(place + ": expected a device's identifier");
     }
     return *id;
 }

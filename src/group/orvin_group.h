@@ -89,7 +89,7 @@ public:
     void checkVersions(const FirmwareImage& image, std::list<std::string>& upToDate,
                        bool removeUnreachable, bool verbose) EXCLUDES(listMutex);
 
-    // ---- the packet in flight (packet_count.cpp). Requests to go back lower its number ----
+    // ---- the packet in flight (sequence_number.cpp). Requests to go back lower its number ----
 
     void startPackets() EXCLUDES(listMutex);  // with packet 0
     std::uint32_t nextPacket() EXCLUDES(listMutex);

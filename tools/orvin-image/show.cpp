@@ -115,7 +115,7 @@ void printHeader(const Inspection& found) {
     printf("contentChecksum  0x%04x", unsigned{header.contentChecksum});
     if (found.checksum) {
         printf(*found.checksum == header.contentChecksum ? " (right)"
-                                                         : " (the content sums up to 0x%04x)",
+                                                         : " (computed checksum: 0x%04x)",
                unsigned{*found.checksum});
     }
     printf("\nversion          0x%08x (%s)\n", header.version, dotted(header.version).c_str());

@@ -87,15 +87,15 @@ class Member:
             versions = answers[0] if answers else {}
             entry |= {"name": versions.pop("name", ""), "versions": versions, "timing": self._timing()}
         entry["faults"] = _faults(self.calls)
-        entry["history"] = {}
+        entry["replay"] = {}
         if self.packets and (self.answered or kind == ORVIN):
-            entry["history"]["packets"] = [_packet_entry(*packet) for packet in self.packets]
+            entry["replay"]["packets"] = [_packet_entry(*packet) for packet in self.packets]
         if self.changes != [[]]:
-            entry["history"]["changes"] = self.changes
+            entry["replay"]["changes"] = self.changes
         return {name: value for name, value in entry.items() if value != {} or name == "versions"}
 
     def _timing(self):
-        """What is typical, for what goes beyond the history."""
+        """What is typical, for what goes beyond the replay script."""
         delays = [packet[1][0][0] for packet in self.packets if packet[1]]
         reports = [dict((event, delay) for delay, event in reversed(changes)) for changes in self.changes[1:]]
         left = [report for report in reports if LEFT in report]

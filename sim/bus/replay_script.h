@@ -1,5 +1,5 @@
-#ifndef SIM_BUS_HISTORY_H
-#define SIM_BUS_HISTORY_H
+#ifndef SIM_BUS_REPLAY_SCRIPT_H
+#define SIM_BUS_REPLAY_SCRIPT_H
 
 #include <cstdint>
 #include <optional>
@@ -25,7 +25,7 @@ struct BusChange {
 };
 
 // What a device once did by itself and does again, in the same order.
-struct History {
+struct ReplayScript {
     std::vector<PacketAnswers> packets;  // to each data packet that any device is sent
     // After the opening of the connection, then after each start of an update of this device. A
     // start with such a list installs at once and restarts nothing.

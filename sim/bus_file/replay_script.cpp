@@ -1,4 +1,4 @@
-#include "sim/bus_file/history.h"
+#include "sim/bus_file/replay_script.h"
 
 #include "sim/bus_file/values.h"
 
@@ -28,13 +28,13 @@ std::vector<BusChange> readChanges(const Json& json, const std::string& place) {
 
 }  // namespace
 
-History readHistory(const Json& json, const std::string& place) {
+ReplayScript readReplayScript(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
-    History history;
-    history.packets = readList(fields, "packets", readReplies);
-    history.changes = readList(fields, "changes", readChanges);
+    ReplayScript script;
+    script.packets = readList(fields, "packets", readReplies);
+    script.changes = readList(fields, "changes", readChanges);
     fields.finish();
-    return history;
+    return script;
 }
 
 }  // namespace sim
