@@ -105,7 +105,7 @@ int main(int argc, char** argv) try {
         !transfer.image.open(argv[2])) {
         throw std::runtime_error("usage: floor CONNECTION IMAGE [ROUNDS]");
     }
-    describeBusMembers(transfer.session, transfer.devices, true);
+    describeBusMembers(transfer.session, transfer.devices, kOrvinsOnly);
     if (argc > 3) {
         compare(transfer, std::atoi(argv[3]));
     } else {

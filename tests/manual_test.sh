@@ -40,9 +40,8 @@ compare "$tool.bash, option" "$options" "$(offers _orvin_firmware_upgrade $tool 
 compare "_$tool, option" "$options" "$(grep -oP "^ .*?-\K[^-](?=\+?\[)" completions/_$tool)"
 compare "$tool.fish, option" "$options" "$(grep -oP ' -s \K\S+' completions/$tool.fish)"
 
-# A result "of a transfer" never is the exit status.
 members=$(grep -oP 'kMaxMembers = \K\d+' src/bus/bus_members.cpp)
-statuses=$(grep -v 'of a transfer:' src/core/exit_status.h | grep -oP '^constexpr int \w+ = \K-?\d+' |
+statuses=$(grep -oP '^constexpr int \w+ = \K-?\d+' src/core/exit_status.h |
     while read -r status; do echo $((status & 255)); done | sed "s/^0$/0 to $members/")
 compare "$page, status" "$statuses" "$(grep -oP '^\d[\d to]*(?=\tT\{)' $page)"
 

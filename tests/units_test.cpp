@@ -9,8 +9,8 @@
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
 #include "core/error_info.h"
-#include "core/exit_status.h"
 #include "core/run_config.h"
+#include "core/transfer_result.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "sim/library/bus_opener.h"
@@ -88,7 +88,7 @@ protected:
         FirmwareImage image(&error);
         std::list<std::string> upToDate;
         image.open(imageFile);
-        group.checkVersions(image, upToDate, true, true);
+        group.checkVersions(image, upToDate, OrvinGroup::kRemoveUnreachable, OrvinGroup::kVerbose);
     }
 
     MemorySystem& memory = MemorySystem::instance() = {};
@@ -235,7 +235,7 @@ TEST(FirmwareImage, HoldsOneFileAndNoneAfterAFailure) {
         return call == SystemCall::Read ? EIO : 0;
     };
     EXPECT_EQ(image.read(&byte, 1), -1);
-    EXPECT_EQ(error.code, exit_status::kImageReadFailed);
+    EXPECT_EQ(error.code, transfer_result::kImageReadFailed);
     EXPECT_FALSE(image.open("mem:arm"));
     system.before = nullptr;
     EXPECT_EQ(image.read(&byte, 1), -1);

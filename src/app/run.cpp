@@ -1,8 +1,6 @@
 #include "app/run.h"
 
 #include <libintl.h>
-#include <unistd.h>
-
 #include <exception>
 #include <list>
 #include <string>
@@ -16,6 +14,7 @@
 #include "core/console.h"
 #include "core/exit_status.h"
 #include "core/run_config.h"
+#include "core/sleep.h"
 #include "status/message_writer.h"
 
 namespace {
@@ -24,14 +23,20 @@ constexpr char kVersion[] = "0.20.5";
 const std::string defaultConnection = "tcp://localhost:8442";
 
 constexpr int kLinkPolls = 20;
-constexpr useconds_t kLinkPollMicroseconds = 5'000'000;
-constexpr useconds_t kSettleMicroseconds = 1'000'000;  // from the active link to the mode
+constexpr std::chrono::seconds kBetweenLinkPolls{5};
+constexpr std::chrono::seconds kSettleTime{1};  // from the active link to the mode
 
-// Never freed: a session lives until the process ends. A list, since a process may call run again.
-BusSession& newSession(ErrorInfo& error) {
-    static auto& sessions = *new std::list<BusSession>;
-    sessions.push_back(BusSession{false, nullptr, &error});
-    return sessions.back();
+// Never freed: a session lives until the process ends, and with it the error that it points to. A
+// list, since a process may call run again.
+BusSession& newSession() {
+    struct SessionAndError {
+        BusSession session;
+        ErrorInfo error;
+    };
+    static auto& sessions = *new std::list<SessionAndError>;
+    SessionAndError& created = sessions.emplace_back();
+    created.session.lastError = &created.error;
+    return created.session;
 }
 
 void useDefaultConnection(RunConfig& config) {
@@ -55,7 +60,7 @@ bool waitForActiveLink(const BusSession& session) {
         if (isLinkActive(session)) {
             return true;
         }
-        usleep(kLinkPollMicroseconds);
+        sleepFor(kBetweenLinkPolls);
     }
     return false;
 }
@@ -89,7 +94,7 @@ int runOnBus(RunConfig& config) {
         return exit_status::kLinkInactive;
     }
     printLine("Bus ACTIVE, proceeding.");
-    usleep(kSettleMicroseconds);
+    sleepFor(kSettleTime);
 
     const int result = runMode(config);
     closeSession(*config.session);
@@ -110,11 +115,10 @@ int run(RunConfig& config, int argc, char** argv) {
     if (config.connection.empty()) {
         useDefaultConnection(config);
     }
-    ErrorInfo error;
-    BusSession& session = newSession(error);
+    BusSession& session = newSession();
     config.session = &session;
     if (!startSession(session, config.connection)) {
-        return reportSessionFailure(config, error);
+        return reportSessionFailure(config, *session.lastError);
     }
     if (!createMessageWriter(config.messageFile)) {
         printLine("Coult not initialize message writer!");

@@ -26,6 +26,6 @@ int targetedUpdate(RunConfig& config) {
 
 int broadcastUpdate(RunConfig& config) {
     std::list<std::string> vanidTexts;
-    describeBusMembers(*config.session, vanidTexts, true);  // after a failure: none
+    describeBusMembers(*config.session, vanidTexts, kOrvinsOnly);  // after a failure: none
     return updateOrvins(config, vanidTexts);
 }

@@ -103,7 +103,7 @@ bool countOrvins(const BusSession& session, int* count) {
     }
     *count = 0;
     std::list<BusMember> members;
-    const int found = getBusMembers(session, members, true);
+    const int found = getBusMembers(session, members, kOrvinsOnly);
     if (found < 0) {
         return false;
     }

@@ -19,6 +19,10 @@ struct BusMember {
 // The name of a type code; "Unknown" for one that has none.
 const char* typeName(std::uint8_t type);
 
+// Values of `orvinsOnly` below.
+constexpr bool kAllMembers = false;
+constexpr bool kOrvinsOnly = true;
+
 // Appends the bus members (or only the Orvins among them), 63 at most, and sorts the list by type,
 // then identifier. Returns the list's size, or the library's negative result with the list
 // untouched.

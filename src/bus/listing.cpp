@@ -13,7 +13,7 @@
 
 int listMode(const RunConfig& config) {
     std::list<std::string> lines;
-    describeBusMembers(*config.session, lines, false);
+    describeBusMembers(*config.session, lines, kAllMembers);
     printLine("Available devices:");
     int number = 0;
     for (const std::string& line : lines) {

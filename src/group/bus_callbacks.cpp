@@ -1,10 +1,9 @@
 // What the bus library reports to the group, on threads of its own, and the removal of devices that
 // it does not hear from.
 
-#include <unistd.h>
-
 #include "core/bus_session.h"
 #include "core/console.h"
+#include "core/sleep.h"
 #include "group/orvin_group.h"
 
 namespace {
@@ -17,7 +16,7 @@ constexpr std::uint32_t kMemberJoined = 0;
 // needs a handful of requests at most.
 constexpr int kMaxGoBackRequests = 1'000;
 
-constexpr useconds_t kPollMicroseconds = 1'000;
+constexpr std::chrono::milliseconds kBetweenPolls{1};
 
 // Selects the results of image packets; the meaning of the numbers is the library's.
 int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
@@ -88,7 +87,7 @@ void OrvinGroup::endCallbacks() {
     OrvinGroup* self = this;
     receiver.compare_exchange_strong(self, nullptr);
     while (callbacksInside != 0) {
-        usleep(kPollMicroseconds);
+        sleepFor(kBetweenPolls);
     }
 }
 

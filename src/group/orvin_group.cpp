@@ -1,7 +1,5 @@
 #include "group/orvin_group.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/make_shared.hpp>
 
@@ -9,10 +7,11 @@
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
 #include "core/console.h"
+#include "core/sleep.h"
 
 namespace {
 
-constexpr useconds_t kPauseAfterAnswerMicroseconds = 500'000;
+constexpr std::chrono::milliseconds kPauseAfterAnswer{500};
 
 }  // namespace
 
@@ -125,7 +124,7 @@ bool OrvinGroup::allOnline() {
         if (!getVersion(*session, orvin->vanid, versions) || versions.dsp == 0) {
             return false;
         }
-        usleep(kPauseAfterAnswerMicroseconds);
+        sleepFor(kPauseAfterAnswer);
     }
     return true;
 }

@@ -82,6 +82,12 @@ public:
 
     // ---- selection (version_check.cpp) ----
 
+    // Values of `removeUnreachable` and `verbose` below.
+    static constexpr bool kKeepUnreachable = false;
+    static constexpr bool kRemoveUnreachable = true;
+    static constexpr bool kQuiet = false;
+    static constexpr bool kVerbose = true;
+
     // Asks every device for its versions and leaves in the device list those that need the image,
     // and unless `removeUnreachable` those that did not answer. Appends the devices that have the
     // image's version to `upToDate`. `verbose`: names those it removes as up to date or of another
@@ -107,7 +113,7 @@ public:
     int initializeTransfers(const FirmwareImage& image) EXCLUDES(listMutex);
 
     // Sends the content to all devices at once, packet by packet, and clears the transfer callback.
-    // Returns 0 or what ended it: see the results of a transfer in core/exit_status.h.
+    // Returns 0 or what ended it: a transfer_result.
     int transferData(FirmwareImage& image) EXCLUDES(listMutex);
 
     // Has every device check what it received. Returns count().

@@ -12,6 +12,7 @@
 #include "common/firmware_target.h"
 #include "core/error_info.h"
 #include "core/exit_status.h"
+#include "core/transfer_result.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ ssize_t FirmwareImage::read(void* buffer, std::size_t length) {
     }
     const ssize_t count = ::read(file.get(), buffer, length);
     if (count < 0) {
-        error->set(exit_status::kImageReadFailed, strerror(errno));
+        error->set(transfer_result::kImageReadFailed, strerror(errno));
         return -1;
     }
     return count;

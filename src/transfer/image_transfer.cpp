@@ -2,13 +2,13 @@
 // it or was given up on.
 
 #include <libintl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 
 #include "core/console.h"
-#include "core/exit_status.h"
+#include "core/sleep.h"
+#include "core/transfer_result.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "status/format_message.h"
@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr useconds_t kPollMicroseconds = 1'000;
+constexpr std::chrono::milliseconds kBetweenPolls{1};
 constexpr int kResendPolls = 5'000;
 constexpr int kRemovalPolls = 2 * kResendPolls;  // the resend gets as long as the first sending
 
@@ -26,7 +26,7 @@ constexpr int kPercentStep = 5;
 constexpr std::uint32_t kPacketsPerDot = 20;
 
 // How long the last progress message stays for services that follow the status message file.
-constexpr useconds_t kFollowersPauseMicroseconds = 5'000'000;
+constexpr std::chrono::seconds kPauseForFollowers{5};
 
 // One run through the content of an image. Main thread only.
 class PacketLoop {
@@ -72,7 +72,7 @@ int PacketLoop::run() {
         reportProgress();
         if (!readPacket()) {
             printLine("\nError reading firmware file");
-            return exit_status::kImageReadFailed;
+            return transfer_result::kImageReadFailed;
         }
         if (!group.takePacket(packet)) {
             continue;  // a device has asked to go back since the packet was looked up
@@ -80,16 +80,16 @@ int PacketLoop::run() {
         const int sent = sendUntilAcknowledged();
         if (sent != kSentToAll) {
             printLine("\nError in sendChunk(): %d", sent);
-            return exit_status::kSendFailed;
+            return transfer_result::kSendFailed;
         }
         if (group.count() == 0) {
             printLine("\nNo Orvins left; aborting");
-            return exit_status::kNoOrvinsLeft;
+            return transfer_result::kNoOrvinsLeft;
         }
         group.noteAcknowledged();
         showProgress();
     }
-    return exit_status::kSuccess;
+    return transfer_result::kSuccess;
 }
 
 // Looks up the next packet; false when all were sent. The bytes transferred follow from its number,
@@ -140,7 +140,7 @@ int PacketLoop::sendPacket() {
 int PacketLoop::sendUntilAcknowledged() {
     int sent = sendPacket();
     for (int poll = 0; sent == kSentToAll && !group.allAcknowledged();) {
-        usleep(kPollMicroseconds);
+        sleepFor(kBetweenPolls);
         ++poll;
         if (poll == kResendPolls) {
             printUnflushed("#");
@@ -173,12 +173,12 @@ void PacketLoop::printReport() const {
 int OrvinGroup::transferData(FirmwareImage& image) {
     PacketLoop loop(*this, *session, image);
     const int result = loop.run();
-    if (result == exit_status::kSuccess) {
+    if (result == transfer_result::kSuccess) {
         loop.printReport();
     }
     clearTransferCallback();
-    if (result == exit_status::kSuccess && useMessageFile) {
-        usleep(kFollowersPauseMicroseconds);
+    if (result == transfer_result::kSuccess && useMessageFile) {
+        sleepFor(kPauseForFollowers);
     }
     return result;
 }

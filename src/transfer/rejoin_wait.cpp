@@ -3,35 +3,34 @@
 // device. The last three share one budget of time.
 
 #include <libintl.h>
-#include <unistd.h>
 
 #include "bus/bus_members.h"
 #include "bus/link_state.h"
 #include "core/bus_session.h"
 #include "core/console.h"
+#include "core/sleep.h"
 #include "group/orvin_group.h"
 #include "status/format_message.h"
 #include "status/message_writer.h"
 
 namespace {
 
-constexpr int kLinkWaits = 5;
-constexpr int kLinkWaitSeconds = 5;
-constexpr int kReportWaitSeconds = 5;       // charged to the budget
-constexpr int kMembershipWaitSeconds = 15;  // charged to the budget
-constexpr int kAnswerWaitSeconds = 15;      // charged to the budget
-constexpr int kSettleSeconds = 1;           // between phases
-constexpr int kFollowersPauseSeconds = 5;   // for services that follow the status file
+using std::chrono::seconds;
 
-// Seconds, growing with the square of the number of devices, and more steeply for large groups.
-std::int64_t rejoinBudget(int devices) {
+constexpr int kLinkWaits = 5;
+constexpr seconds kLinkWait{5};
+constexpr seconds kReportWait{5};         // charged to the budget
+constexpr seconds kMembershipWait{15};    // charged to the budget
+constexpr seconds kAnswerWait{15};        // charged to the budget
+constexpr seconds kLeastBudget{1};        // to wait once more
+constexpr seconds kSettleTime{1};         // between phases
+constexpr seconds kPauseForFollowers{5};  // services that follow the status file
+
+// Grows with the square of the number of devices, and more steeply for large groups.
+seconds rejoinBudget(int devices) {
     constexpr int kLargeGroup = 40;
     const std::int64_t base = std::int64_t{devices + 10} * (devices > kLargeGroup ? 2 : 1);
-    return base * base / 2;
-}
-
-void sleepSeconds(int seconds) {
-    usleep(static_cast<useconds_t>(seconds) * 1'000'000);
+    return seconds(base * base / 2);
 }
 
 void writeProgress(ssize_t completed, ssize_t total) {
@@ -45,24 +44,23 @@ void writeProgress(ssize_t completed, ssize_t total) {
 void waitForLink(const BusSession& session) {
     printProgress("Waiting for bus to become active...");
     for (int waits = 0; !isLinkActive(session) && waits < kLinkWaits; ++waits) {
-        sleepSeconds(kLinkWaitSeconds);
+        sleepFor(kLinkWait);
         printProgress(".");
     }
     printLine(" done.");
 }
 
-void waitForReports(OrvinGroup& group, const std::atomic<std::uint32_t>& reports,
-                    std::int64_t& budget) {
+void waitForReports(OrvinGroup& group, const std::atomic<std::uint32_t>& reports, seconds& budget) {
     printProgress("Waiting for Orvins to get back online...");
-    while (!group.allRejoined() && budget >= 1) {
-        budget -= kReportWaitSeconds;
-        sleepSeconds(kReportWaitSeconds);
+    while (!group.allRejoined() && budget >= kLeastBudget) {
+        budget -= kReportWait;
+        sleepFor(kReportWait);
         printProgress("<");
         writeProgress(static_cast<ssize_t>(reports), group.count());
     }
 }
 
-void waitForMembership(OrvinGroup& group, const BusSession& session, std::int64_t& budget) {
+void waitForMembership(OrvinGroup& group, const BusSession& session, seconds& budget) {
     do {
         int onBus = 0;
         if (countOrvins(session, &onBus) && onBus >= group.count()) {
@@ -70,18 +68,18 @@ void waitForMembership(OrvinGroup& group, const BusSession& session, std::int64_
         }
         printProgress("#");
         writeProgress(onBus, group.count());
-        budget -= kMembershipWaitSeconds;
-        sleepSeconds(kMembershipWaitSeconds);
-    } while (budget >= 1);
+        budget -= kMembershipWait;
+        sleepFor(kMembershipWait);
+    } while (budget >= kLeastBudget);
 }
 
 // Asks at least once, even when the budget is spent.
-bool waitForAnswers(OrvinGroup& group, std::int64_t& budget) {
+bool waitForAnswers(OrvinGroup& group, seconds& budget) {
     while (!group.allOnline()) {
-        budget -= kAnswerWaitSeconds;
+        budget -= kAnswerWait;
         printProgress("+");
-        sleepSeconds(kAnswerWaitSeconds);
-        if (budget < 1) {
+        sleepFor(kAnswerWait);
+        if (budget < kLeastBudget) {
             return false;
         }
     }
@@ -91,10 +89,11 @@ bool waitForAnswers(OrvinGroup& group, std::int64_t& budget) {
 }  // namespace
 
 bool OrvinGroup::waitForRejoin() {
-    std::int64_t budget = rejoinBudget(count());
+    seconds budget = rejoinBudget(count());
     // TRANSLATORS: shown while the devices restart with their new firmware.
     MessageWriter::instance()->write(gettext("Please wait..."));
-    printLine("Will wait %lld seconds for Orvins to rejoin.", static_cast<long long>(budget));
+    printLine("Will wait %lld seconds for Orvins to rejoin.",
+              static_cast<long long>(budget.count()));
     waitForLink(*session);
     if (count() == 0) {
         clearBusChangeCallback();
@@ -103,13 +102,13 @@ bool OrvinGroup::waitForRejoin() {
     waitForReports(*this, rejoinedCount, budget);
     clearBusChangeCallback();
     resetRejoinState();
-    sleepSeconds(kSettleSeconds);
+    sleepFor(kSettleTime);
     waitForMembership(*this, *session, budget);
-    sleepSeconds(kSettleSeconds);
+    sleepFor(kSettleTime);
     const bool online = waitForAnswers(*this, budget);
     printLine(online ? " done." : " timeout!");
     if (!online && useMessageFile) {
-        sleepSeconds(kFollowersPauseSeconds);
+        sleepFor(kPauseForFollowers);
     }
     return online;
 }

@@ -5,7 +5,7 @@
 #include "common/firmware_target.h"
 #include "core/bus_session.h"
 #include "core/console.h"
-#include "core/exit_status.h"
+#include "core/transfer_result.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "status/message_writer.h"
@@ -14,7 +14,7 @@
 bool transferFirmware(OrvinGroup& group, FirmwareImage& image) {
     const std::uint32_t device = image.getHeader().device;
     group.initializeTransfers(image);
-    if (group.transferData(image) != exit_status::kSuccess) {
+    if (group.transferData(image) != transfer_result::kSuccess) {
         printLine("Failed to transfer data to the Orvins");
         // TRANSLATORS: the firmware could not be sent to the devices.
         MessageWriter::instance()->write(gettext("Failed to transfer firmware!"));

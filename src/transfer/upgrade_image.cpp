@@ -45,7 +45,7 @@ void printDevices(OrvinGroup& group) {
 void selectOrvins(const RunConfig& config, OrvinGroup& group, const FirmwareImage& image,
                   VanidTexts& upToDate) {
     if (!config.force) {
-        group.checkVersions(image, upToDate, false, true);
+        group.checkVersions(image, upToDate, OrvinGroup::kKeepUnreachable, OrvinGroup::kVerbose);
     }
     if (!config.debug) {
         return;
@@ -93,7 +93,7 @@ void attemptUpgrade(const RunConfig& config, OrvinGroup& group, FirmwareImage& i
         group.restoreFromFullList();
         waitForOrvins(group);
         upToDate.clear();
-        group.checkVersions(image, upToDate, true, false);
+        group.checkVersions(image, upToDate, OrvinGroup::kRemoveUnreachable, OrvinGroup::kQuiet);
         --attemptsLeft;
         if (config.pretend || attemptsLeft == 0 || group.count() == 0) {
             return;
