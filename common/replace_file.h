@@ -13,7 +13,8 @@
 //
 // `prepare` gets the path of the new file when that is complete and not yet in the old one's place;
 // false from it, with the reason in errno, is a failure.
-bool replaceFile(const std::string& path, std::string_view content,
-                 const std::function<bool(const std::string& newPath)>& prepare = nullptr);
+[[nodiscard]] bool replaceFile(
+    const std::string& path, std::string_view content,
+    const std::function<bool(const std::string& newPath)>& prepare = nullptr);
 
 #endif

@@ -30,7 +30,7 @@ int getBusMembers(const BusSession& session, std::list<BusMember>& members, bool
 
 // Sets `*count` to the number of Orvins on the bus. False when discovery failed; the count is 0
 // then.
-bool countOrvins(const BusSession& session, int* count);
+[[nodiscard]] bool countOrvins(const BusSession& session, int* count);
 
 // Appends one line of text per member, in the order of getBusMembers: its identifier, and unless
 // `orvinsOnly` its type and for an Orvin its versions. False, with no line, when discovery failed.

@@ -20,6 +20,7 @@ struct DeviceVersions {
 
 // Asks one Orvin for its versions and its name. False when it did not answer; what `versions` holds
 // then means nothing. Blocks for the answer.
-bool getVersion(const BusSession& session, const vanid_t& id, DeviceVersions& versions);
+[[nodiscard]] bool getVersion(const BusSession& session, const vanid_t& id,
+                              DeviceVersions& versions);
 
 #endif

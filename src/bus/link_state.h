@@ -4,6 +4,6 @@
 struct BusSession;
 
 // Whether the bus link is active now. A session that is not open is not asked.
-bool isLinkActive(const BusSession& session);
+[[nodiscard]] bool isLinkActive(const BusSession& session);
 
 #endif

@@ -15,7 +15,7 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    int init(Kind kind) {
+    [[nodiscard]] int init(Kind kind) {
         pthread_mutexattr_t attributes;
         pthread_mutexattr_init(&attributes);
         pthread_mutexattr_settype(
@@ -26,7 +26,7 @@ public:
     }
     void destroy() { pthread_mutex_destroy(&handle); }
 
-    int lock() TRY_ACQUIRE(0) { return pthread_mutex_lock(&handle); }
+    [[nodiscard]] int lock() TRY_ACQUIRE(0) { return pthread_mutex_lock(&handle); }
     int unlock() RELEASE() { return pthread_mutex_unlock(&handle); }
 
 private:

@@ -102,10 +102,10 @@ public:
 
     // Puts the packet in flight, with no acknowledgement yet. False, and nothing is done, when it
     // is no longer the next one.
-    bool takePacket(std::uint32_t packet) EXCLUDES(listMutex);
+    [[nodiscard]] bool takePacket(std::uint32_t packet) EXCLUDES(listMutex);
 
-    // Notes that every device left has the packet in flight.
-    void noteAcknowledged() EXCLUDES(listMutex);
+    // Every device left has the packet in flight.
+    void markPacketAcknowledged() EXCLUDES(listMutex);
 
     // ---- one transfer, step by step (src/transfer) ----
 
@@ -114,7 +114,7 @@ public:
 
     // Sends the content to all devices at once, packet by packet, and clears the transfer callback.
     // Returns 0 or what ended it: a transfer_result.
-    int transferData(FirmwareImage& image) EXCLUDES(listMutex);
+    [[nodiscard]] int transferData(FirmwareImage& image) EXCLUDES(listMutex);
 
     // Has every device check what it received. Returns count().
     int verifyAll(std::uint32_t device) EXCLUDES(listMutex);
@@ -124,7 +124,7 @@ public:
 
     // Waits until the devices are back, within a budget that grows with their number, and clears
     // the bus change callback. False when the budget ran out.
-    bool waitForRejoin() EXCLUDES(listMutex);
+    [[nodiscard]] bool waitForRejoin() EXCLUDES(listMutex);
 
 private:
     // Lets no callback in any more, and waits for those that are inside.

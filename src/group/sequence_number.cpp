@@ -31,7 +31,7 @@ bool OrvinGroup::takePacket(std::uint32_t packet) {
 }
 
 // Requests to go back count only while the transfer makes no progress.
-void OrvinGroup::noteAcknowledged() {
+void OrvinGroup::markPacketAcknowledged() {
     ListLock lock(listMutex);
     if (packetNumber <= packetsAcknowledged) {
         return;

@@ -24,11 +24,11 @@ public:
     // Opens the file, checks its header and stands at the first content byte. A file too short for
     // a header is refused without a change to the error record. A file that was open before is
     // closed, and after a failure nothing is open.
-    bool open(const std::string& path);
+    [[nodiscard]] bool open(const std::string& path);
 
     // One read of at most `length` bytes from where the reader stands. Returns their number, 0 at
     // the end of the file, -1 on failure.
-    ssize_t read(void* buffer, std::size_t length);
+    [[nodiscard]] ssize_t read(void* buffer, std::size_t length);
 
     // Stands at `contentOffset` bytes from the first content byte. False when that cannot be done.
     bool seek(std::int32_t contentOffset);

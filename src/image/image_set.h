@@ -18,6 +18,6 @@ void orderImages(std::list<std::string>& images);
 // Upgrades the group with every image of the configuration, in the order of orderImages, which the
 // configuration keeps. Returns the number of distinct Orvins updated, or the first upgrade's result
 // that is not 0, which ends the set. Main thread.
-int runImageSet(RunConfig& config, OrvinGroup& group);
+[[nodiscard]] int runImageSet(RunConfig& config, OrvinGroup& group);
 
 #endif

@@ -86,7 +86,7 @@ int PacketLoop::run() {
             printLine("\nNo Orvins left; aborting");
             return transfer_result::kNoOrvinsLeft;
         }
-        group.noteAcknowledged();
+        group.markPacketAcknowledged();
         showProgress();
     }
     return transfer_result::kSuccess;

@@ -21,19 +21,21 @@ constexpr int kSentToAll = -2;
 extern const vanid_t broadcastVanid;
 
 // Announces the image to a device. Prints the library's result when it is a failure.
-bool initializeTransfer(const BusSession& session, const vanid_t& destination,
-                        const FirmwareImageHeader& header);
+[[nodiscard]] bool initializeTransfer(const BusSession& session, const vanid_t& destination,
+                                      const FirmwareImageHeader& header);
 
 // Sends one packet of ImageChunkSize bytes. Returns the library's result unchanged, which tells
 // whether it took the packet; what the devices make of it arrives through the transfer callback.
-int sendChunk(const BusSession& session, const vanid_t& destination, const std::uint8_t* content,
-              std::uint32_t packetNumber);
+[[nodiscard]] int sendChunk(const BusSession& session, const vanid_t& destination,
+                            const std::uint8_t* content, std::uint32_t packetNumber);
 
 // True when the device has the whole image: both checksums that it answers are equal.
-bool verifyData(const BusSession& session, const vanid_t& destination, std::uint32_t device);
+[[nodiscard]] bool verifyData(const BusSession& session, const vanid_t& destination,
+                              std::uint32_t device);
 
 // Tells a device to install the image.
-bool startUpdate(const BusSession& session, const vanid_t& destination, std::uint32_t device);
+[[nodiscard]] bool startUpdate(const BusSession& session, const vanid_t& destination,
+                               std::uint32_t device);
 
 // Prints bytes in numbered rows of eight. A diagnostic aid that no step of the upgrade uses.
 void dumpHex(const std::uint8_t* bytes, std::size_t length);

@@ -15,8 +15,9 @@ struct RunConfig;
 // `upToDate` gets the devices that the last version check found up to date; `updated` grows by
 // those that each successful attempt reports. Returns kSuccess, the image reader's error code, or
 // kOrvinsNotUpgraded when devices still differ after the second attempt.
-int upgradeImage(const RunConfig& config, OrvinGroup& group, const std::string& imagePath,
-                 std::list<std::string>& upToDate, std::list<std::string>& updated);
+[[nodiscard]] int upgradeImage(const RunConfig& config, OrvinGroup& group,
+                               const std::string& imagePath, std::list<std::string>& upToDate,
+                               std::list<std::string>& updated);
 
 // Reports the device list as updated, with the time the attempt took, and appends it to `updated`.
 void printSummary(OrvinGroup& group, std::time_t start, std::time_t end,

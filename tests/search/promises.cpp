@@ -297,12 +297,12 @@ private:
             last = sim::isCallback(call.function) ? last : call.function;
             if (!attempts.empty() && record.consoleLength <= attempts.back().end) {
                 attempts.back().devices[deviceOf(call)][call.function].push_back(&call);
-                noteRepeats(attempts.back(), call);
+                markRepeats(attempts.back(), call);
             }
         }
     }
 
-    static void noteRepeats(Attempt& attempt, const Call& call) {
+    static void markRepeats(Attempt& attempt, const Call& call) {
         if (call.function == Function::Data) {
             attempt.repeatsPackets |= !attempt.packets.insert(call.given[0]).second;
         }
