@@ -47,10 +47,14 @@ void setCallback(const BusSession& session, const CallbackSlot& slot) {
 void sendByFloor(Transfer& transfer) {
     std::vector<std::uint8_t> content(transfer.image.getHeader().contentSize);
     transfer.image.seek(0);
-    transfer.image.read(content.data(), content.size());
+    if (transfer.image.read(content.data(), content.size()) < 0) {
+        throw std::runtime_error("the image cannot be read");
+    }
     static std::atomic<std::uint64_t> acknowledged;  // outlives the callbacks
     acknowledged = 0;
-    initializeTransfer(transfer.session, broadcastVanid, transfer.image.getHeader());
+    // To all devices, so the library answers otherwise than to one.
+    static_cast<void>(
+        initializeTransfer(transfer.session, broadcastVanid, transfer.image.getHeader()));
     const TransferCallback callback = countAcknowledgement;
     setCallback(transfer.session, {reinterpret_cast<void (*)()>(callback), &acknowledged});
     const TimerSlack slack;  // the same waits as the tool's

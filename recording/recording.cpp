@@ -105,7 +105,8 @@ void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
 }
 
 void Recording::append(const Moment& moment, const Call& call) {
-    append({moment, std::make_unique<const Call>(call), {}, 0});
+    Entry entry{moment, std::make_unique<const Call>(call), {}, 0};
+    append(std::move(entry));
 }
 
 void Recording::appendAcknowledgement(const Moment& moment, const vanid_t& device,

@@ -74,7 +74,8 @@ TEST_F(Program, EndsItselfAtVersionAndHelp) {
 TEST_F(Program, TellsTheVersionOfThePackageAndItsHelp) {
     for (const std::string name :
          {"orvin-image", "orvin-record", "orvin-recording", "orvin-firmware-upgrade-sim"}) {
-        const Result told = shell(name + " --version && " + name + " --help");
+        const Result told =
+            shell("set -e; for option in --version --help; do " + name + " $option; done");
         EXPECT_EQ(told.exitStatus, 0) << told.error;
         EXPECT_EQ(told.output.rfind(name + " 0.20.5\n", 0), 0U) << told.output;
         EXPECT_TRUE(contains(told.output, "sage: " + name + ' ')) << told.output;

@@ -126,7 +126,7 @@ TEST(Threads, FindNoGroupOnceTheModeHasEnded) {
     writeImage(image, 0x201, orvin_image::generateContent(0x201, 7, sim::kPacketBytes * 20));
     sim::BusDescription description;
     description.members = {makeOrvin(1)};
-    const auto bus = std::make_shared<sim::Bus>(description);
+    auto bus = std::make_shared<sim::Bus>(description);
     sim::busOpener() = [&](const std::string&) { return bus; };
     auto& library = *new Stubborn(bus);  // as long as its threads
     sim::interceptors().push_back(&library);
@@ -148,6 +148,18 @@ TEST(RealTimeQueue, RunsNothingBeforeItsTime) {
     const sim::Microseconds when = queue->now() + 3'000;
     queue->schedule(when, [&] { ran.set_value(queue->now()); });
     EXPECT_GE(ran.get_future().get(), when);
+}
+
+TEST(RealTimeQueue, RunsAnEventWhileAnotherOneWaits) {
+    std::promise<void> other;
+    std::promise<bool> ran;
+    const auto queue = sim::makeEventQueue();
+    queue->schedule(0, [&] {
+        constexpr std::chrono::seconds kLimit{60};
+        ran.set_value(other.get_future().wait_for(kLimit) == std::future_status::ready);
+    });
+    queue->schedule(1, [&] { other.set_value(); });
+    EXPECT_TRUE(ran.get_future().get());
 }
 
 }  // namespace

@@ -77,10 +77,9 @@ void rejectDuplicates(const std::vector<MemberDescription>& members) {
 std::vector<MemberDescription> readMembers(FieldReader& fields,
                                            std::vector<CallFault>& callFaults) {
     fields.require("members");
-    const auto members =
-        readList(fields, "members", [&](const Json& member, const std::string& place) {
-            return readMember(member, place, callFaults);
-        });
+    auto members = readList(fields, "members", [&](const Json& member, const std::string& place) {
+        return readMember(member, place, callFaults);
+    });
     rejectDuplicates(members);
     return members;
 }

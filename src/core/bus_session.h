@@ -5,7 +5,7 @@
 #include "talm/talm_api.h"
 
 // The process's connection to the bus. Written by the main thread only, before the first callback
-// is registered and after the last one was cleared, so it needs no lock.
+// is registered and after the group's end, so it needs no lock.
 struct BusSession {
     bool open = false;               // from a successful TalmApiOpen until closeSession
     TalmApiHandle handle = nullptr;  // from TalmApiInitialize until closeSession

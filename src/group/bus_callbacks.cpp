@@ -29,16 +29,16 @@ std::atomic<OrvinGroup*> receiver{nullptr};  // null: no group is there for call
 std::atomic<int> callbacksInside{0};         // in the receiver; kept from ending while not 0
 
 // Keeps a callback's group from ending, for a scope.
-class Receiver {
+class CallbackGuard {
 public:
-    explicit Receiver(void* userArgument) : group(enter(userArgument)) {}
-    ~Receiver() {
+    explicit CallbackGuard(void* userArgument) : group(enter(userArgument)) {}
+    ~CallbackGuard() {
         if (group != nullptr) {
             --callbacksInside;
         }
     }
-    Receiver(const Receiver&) = delete;
-    Receiver& operator=(const Receiver&) = delete;
+    CallbackGuard(const CallbackGuard&) = delete;
+    CallbackGuard& operator=(const CallbackGuard&) = delete;
 
     OrvinGroup* const group;  // null when it has ended
 
@@ -50,6 +50,7 @@ private:
             return nullptr;
         }
         ++callbacksInside;
+        // The group may have ended between the look and the count.
         if (receiver == userArgument) {
             return static_cast<OrvinGroup*>(userArgument);
         }
@@ -60,7 +61,7 @@ private:
 
 void transferCallback(std::int32_t result, void* userArgument, vanid_t source, vanid_t /*other*/,
                       std::uint32_t packetNumber, std::uint32_t /*lastWord*/) {
-    const Receiver called(userArgument);
+    const CallbackGuard called(userArgument);
     if (called.group != nullptr) {
         called.group->onTransferResult(result, source, packetNumber);
     }
@@ -70,7 +71,7 @@ void busChangeCallback(void* userArgument, const vanid_t* member, std::uint32_t 
     if (event != kMemberJoined) {
         return;
     }
-    const Receiver called(userArgument);
+    const CallbackGuard called(userArgument);
     if (called.group != nullptr) {
         called.group->markRejoined(*member);
     }

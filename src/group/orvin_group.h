@@ -26,8 +26,9 @@ struct BusSession;
 // mutex that it already holds, because a mutex whose initialisation failed is not recursive. The
 // library's threads call onTransferResult and markRejoined; the main thread calls all others.
 //
-// A callback may come at any time, even where its clearing failed. While it is inside, the group
-// does not end; one that comes later finds no group and does nothing.
+// A callback may come at any time, even where its clearing failed. It reaches the group that
+// registered last. While it is inside, the group does not end; one that comes later finds no group
+// and does nothing.
 class OrvinGroup {
 public:
     using Orvin = ::Orvin;

@@ -10,7 +10,7 @@ namespace orvin_image {
 Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
     firmware::Checksum checksum;
     checksum.add(content.data(), content.size());
-    Bytes bytes(kHeaderSize);
+    Bytes bytes(kHeaderSize + content.size());
     std::copy_n("tevu", 4, bytes.begin());
     storeLittleEndian(&bytes[4], kHeaderSize);
     storeLittleEndian(&bytes[8], header.manufacturer);
@@ -19,7 +19,7 @@ Bytes encodeImage(const FirmwareImageHeader& header, const Bytes& content) {
     storeLittleEndian(&bytes[20], static_cast<std::uint32_t>(content.size()));
     storeLittleEndian(&bytes[24], checksum.value(), 2);
     storeLittleEndian(&bytes[32], header.version);
-    bytes.insert(bytes.end(), content.begin(), content.end());
+    std::copy(content.begin(), content.end(), bytes.begin() + kHeaderSize);
     return bytes;
 }
 

@@ -114,9 +114,9 @@ void printHeader(const Inspection& found) {
     printf("contentSize      %u\n", header.contentSize);
     printf("contentChecksum  0x%04x", unsigned{header.contentChecksum});
     if (found.checksum) {
-        printf(*found.checksum == header.contentChecksum ? " (right)"
-                                                         : " (computed checksum: 0x%04x)",
-               unsigned{*found.checksum});
+        printf(
+            *found.checksum == header.contentChecksum ? " (right)" : " (computed checksum: 0x%04x)",
+            unsigned{*found.checksum});
     }
     printf("\nversion          0x%08x (%s)\n", header.version, dotted(header.version).c_str());
     printf("sizes            %u + %u = %llu bytes, the file has %llu: %s\n", header.headerSize,
