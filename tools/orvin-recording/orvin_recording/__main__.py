@@ -3,6 +3,7 @@
 import argparse
 import errno
 import gc
+import io
 import json
 import os
 import sys
@@ -15,7 +16,7 @@ DAMAGED = 1
 FAILED = 2
 
 
-def _parse(version):
+def _parse(version: str) -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="orvin-recording", description="Shows what happened on a bus.")
     parser.add_argument("--version", action="version", version=f"%(prog)s {version}", help="show the version and exit")
     subcommands = parser.add_subparsers(required=True, metavar="SUBCOMMAND", dest="subcommand")
@@ -33,7 +34,7 @@ def _parse(version):
     return parser.parse_args()
 
 
-def _show(recording, arguments):
+def _show(recording: reader.Recording, arguments: argparse.Namespace) -> None:
     if arguments.subcommand == "bus":
         bus.write(recording, sys.stdout)
     elif arguments.subcommand == "plot":
@@ -45,18 +46,18 @@ def _show(recording, arguments):
     sys.stdout.flush()
 
 
-def _complain(file, what):
+def _complain(file: str, what: object) -> None:
     print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
 
 
-def _run(arguments):
+def _run(arguments: argparse.Namespace) -> int:
     file = arguments.recording
     try:
         recording = reader.read(file)
         if recording.problem:
             _complain(file, recording.problem)
         file = getattr(arguments, "output", "standard output")
-        if not sys.stdout:
+        if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
             raise OSError(errno.EBADF, os.strerror(errno.EBADF))
         sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
         _show(recording, arguments)
@@ -72,7 +73,7 @@ def _run(arguments):
     return DAMAGED if recording.problem else 0
 
 
-def main(version):
+def main(version: str) -> int:
     gc.disable()  # a recording has a million events, and hardly a cycle
     try:
         return _run(_parse(version))

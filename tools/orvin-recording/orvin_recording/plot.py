@@ -6,17 +6,20 @@ from collections import Counter
 from math import log1p
 from xml.sax.saxutils import escape
 
-from .device import printable
+from .analysis import Analysis, Phase
+from .device import Device, Mark, printable
 from .summary import about, answer
 
 LEFT, PLOT, RIGHT, TOP = 210, 1160, 30, 60
 MERGED = 7  # marks of a kind that are nearer than this share one
 TEXT = 6.2  # width of a character
-KINDS = {  # of marks, in the order of drawing: title, colour, height as a part of the lane or the path of a symbol
-    "install": ("installs, until it is gone or answers", "#bbdff5", 0.7),
+BAR = 0.7  # height, as a part of the lane
+# Of marks, in the order of drawing: title, colour, height as a part of the lane or the path of a symbol.
+KINDS: dict[str, tuple[str, str, float | str]] = {
+    "install": ("installs, until it is gone or answers", "#bbdff5", BAR),
     "away": ("away, or DSP down", "#8c8c8c", 0.3),
-    "acknowledged": ("acknowledgements", "#56b4e9", 0.7),
-    "check": ("check", "#009e73", 0.7),
+    "acknowledged": ("acknowledgements", "#56b4e9", BAR),
+    "check": ("check", "#009e73", BAR),
     "late": ("late acknowledgement, or none", "#e69f00", 0.45),
     "resend": ("sent again", "#0072b2", "m0-9 5 10h-10z"),
     "go_back": ("asks to go back", "#cc79a7", "m-6 5 10-5v10z"),
@@ -29,23 +32,23 @@ KINDS = {  # of marks, in the order of drawing: title, colour, height as a part 
 class _Picture:
     """The parts of an SVG file."""
 
-    def __init__(self, duration):
-        self.parts = []
+    def __init__(self, duration: int) -> None:
+        self.parts: list[str] = []
         self.duration = max(1, duration)
 
-    def x(self, at):
+    def x(self, at: float) -> float:
         return LEFT + PLOT * at / self.duration
 
-    def text(self, x, y, words, style=""):
+    def text(self, x: float, y: float, words: str, style: str = "") -> None:
         self.parts.append(f'<text x="{x:.0f}" y="{y:.0f}" {style}>{escape(words)}</text>')
 
-    def path(self, d, colour, tooltip="", style=""):
+    def path(self, d: str, colour: str, tooltip: str = "", style: str = "") -> None:
         self.parts.append(f'<path d="{d}" fill="{colour}" {style}><title>{escape(tooltip)}</title></path>')
 
-    def box(self, x, y, width, height, colour, tooltip=""):
+    def box(self, x: float, y: float, width: float, height: float, colour: str, tooltip: str = "") -> None:
         self.path(f"M{x:.1f} {y:.1f}h{max(1.5, width):.1f}v{height:.1f}h-{max(1.5, width):.1f}z", colour, tooltip)
 
-    def mark(self, kind, x, y, width, lane, tooltip=""):
+    def mark(self, kind: str, x: float, y: float, width: float, lane: int, tooltip: str = "") -> None:
         """`y` is the middle of the lane."""
         _, colour, shape = KINDS[kind]
         if isinstance(shape, str):
@@ -53,7 +56,7 @@ class _Picture:
         else:
             self.box(x, y - lane * shape / 2, width, lane * shape, colour, tooltip)
 
-    def whole(self, height):
+    def whole(self, height: int) -> str:
         width = LEFT + PLOT + RIGHT
         return (
             f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}"'
@@ -62,7 +65,7 @@ class _Picture:
         )
 
 
-def _draw(analysis):
+def _draw(analysis: Analysis) -> str:
     picture = _Picture(analysis.end)
     words = textwrap.wrap(answer(analysis), 150)
     for number, line in enumerate(words, start=1):
@@ -80,7 +83,7 @@ def _draw(analysis):
     return picture.whole(bottom + 110)
 
 
-def _draw_phase(picture, phase, top, bottom, colour):
+def _draw_phase(picture: _Picture, phase: Phase, top: int, bottom: int, colour: str) -> None:
     begin, end = picture.x(phase.begin), picture.x(phase.end)
     took = f"{phase.title}, {phase.begin / 1e6:.3f} to {phase.end / 1e6:.3f} s"
     picture.box(begin, top, end - begin, bottom - top, colour, took)
@@ -89,7 +92,7 @@ def _draw_phase(picture, phase, top, bottom, colour):
         picture.text((begin + end) / 2, top + 14, fitting[0], 'text-anchor="middle"')
 
 
-def _draw_axis(picture, top, bottom):
+def _draw_axis(picture: _Picture, top: int, bottom: int) -> None:
     seconds = picture.duration / 1e6
     steps = (digit * 10.0**power for power in range(-6, 12) for digit in (1, 2, 5))
     step = next(step for step in steps if seconds / step <= 14)
@@ -99,7 +102,7 @@ def _draw_axis(picture, top, bottom):
         picture.text(x, bottom + 18, f"{count * step:g} s", 'text-anchor="middle"')
 
 
-def _draw_lane(picture, device, y, lane):
+def _draw_lane(picture: _Picture, device: Device, y: float, lane: int) -> None:
     picture.text(10, y + 4, device.title)
     picture.box(LEFT, y + lane / 2, PLOT, 0.5, "#c8c8c8", printable(device.id))
     for kind in KINDS:
@@ -115,9 +118,9 @@ def _draw_lane(picture, device, y, lane):
                 picture.text(x if is_right else x + 16, y + 4, marks[0].text, halo)
 
 
-def _merged(picture, marks):
+def _merged(picture: _Picture, marks: list[Mark]) -> list[list[Mark]]:
     """Lists of marks that are too near each other."""
-    merged = []
+    merged: list[list[Mark]] = []
     for mark in sorted(marks, key=lambda mark: mark.begin):
         if merged and picture.x(mark.begin) - picture.x(merged[-1][0].end) < MERGED:
             merged[-1].append(mark)
@@ -126,24 +129,23 @@ def _merged(picture, marks):
     return merged
 
 
-def _tooltip(device, kind, marks):
+def _tooltip(device: Device, kind: str, marks: list[Mark]) -> str:
     count = f"{len(marks)} times, first: " if len(marks) > 1 else ""
     begin, end = marks[0].begin / 1e6, marks[-1].end / 1e6
     return f"{device.title}: {KINDS[kind][0]}, {begin:.3f} to {end:.3f} s; {count}{marks[0].text}"
 
 
-def _draw_acknowledgements(picture, device, y, lane):
+def _draw_acknowledgements(picture: _Picture, device: Device, y: float, lane: int) -> None:
     """A column for each pixel. It is the higher, the more there are."""
     columns = Counter(int(picture.x(at)) for at in device.acknowledged)
     most = log1p(max(columns.values(), default=0))
-    part = KINDS["acknowledged"][2]
-    heights = {x: round(4 * log1p(count) / most) / 4 * lane * part for x, count in columns.items()}
+    heights = {x: round(4 * log1p(count) / most) / 4 * lane * BAR for x, count in columns.items()}
     d = "".join(f"M{x} {y + lane / 2:.0f}h1v-{height:.0f}h-1z" for x, height in sorted(heights.items()))
     picture.path(d, KINDS["acknowledged"][1])
 
 
-def _draw_legend(picture, y):
-    x = LEFT
+def _draw_legend(picture: _Picture, y: int) -> None:
+    x: float = LEFT
     for kind, (words, *_) in KINDS.items():
         if kind == "resend":
             x, y = LEFT, y + 30
@@ -152,7 +154,7 @@ def _draw_legend(picture, y):
         x += 46 + len(words) * TEXT
 
 
-def write(analysis, path):
+def write(analysis: Analysis, path: str) -> None:
     """Writes the picture whole, or leaves what is there. Raises OSError."""
     picture = _draw(analysis)
     if os.path.exists(path) and not os.path.isfile(path):  # such as /dev/stdout

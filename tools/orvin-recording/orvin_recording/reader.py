@@ -2,16 +2,18 @@
 
 import json
 from dataclasses import dataclass, field
+from typing import Any, BinaryIO
 
 VERSION = 1
 LONGEST = 1e15  # microseconds
-TYPES = {  # of the values on a line; all others are integers
+TYPES: dict[str, type | tuple[type, ...]] = {  # of the values on a line; all others are integers
     **dict.fromkeys(("call", "callback", "device", "name", "connection", "crc32", "threads"), str),
     **dict.fromkeys(("members", "by", "after"), list),
     **dict.fromkeys(("t", "took"), (int, float)),
 }
 DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
-NO_FIELDS = {}
+Fields = dict[str, Any]  # what stands on a line
+NO_FIELDS: Fields = {}
 
 
 class Unreadable(Exception):
@@ -27,9 +29,9 @@ class Event:
     name: str  # of the call, or "TransferCallback", "BusChangeCallback"
     device: str | None = None  # "all": every one
     result: int = 0
-    packet: int | None = None  # of ImageTransfer_data and TransferCallback
+    packet: int = 0  # of ImageTransfer_data and TransferCallback
     took: int = 0
-    fields: dict = field(default_factory=dict)  # all that stands on the line; none for acknowledgements
+    fields: Fields = field(default_factory=dict)  # all that stands on the line; none for acknowledgements
 
 
 @dataclass
@@ -43,7 +45,7 @@ class Recording:
     damaged: list[int] = field(default_factory=list)  # the lines that are left out
 
 
-def read(path):
+def read(path: str) -> Recording:
     """The first run in the file. Raises OSError or Unreadable."""
     with open(path, "rb") as file:
         recording = _header(file.readline())
@@ -59,7 +61,7 @@ def read(path):
     return recording
 
 
-def _header(text):
+def _header(text: bytes) -> Recording:
     try:
         header = json.loads(text)
         version = header["orvin-recording"]
@@ -71,22 +73,23 @@ def _header(text):
     return recording
 
 
-def _read_lines(recording, file):
-    devices = {}  # by the number that stands for them; "by": the numbers of the last acknowledgements
+def _read_lines(recording: Recording, file: BinaryIO) -> None:
+    devices: dict[int, str] = {}  # by the number that stands for them
+    by: list[int] = []  # the numbers of the last acknowledgements
     for line, text in enumerate(file, start=2):
         try:
             entry = json.loads(text)
             if "orvin-recording" in entry:
                 recording.problem = f"line {line}: another run begins, which is left out"
                 return
-            recording.events += _events(line, entry, devices)
+            recording.events += _events(line, entry, devices, by)
         except DAMAGE:
-            devices.pop("by", None)  # it may have stood there
+            by.clear()  # others may have stood there
             if text.endswith(b"\n"):  # else the recording was cut off here
                 recording.damaged.append(line)
 
 
-def _events(line, entry, devices):
+def _events(line: int, entry: Fields, devices: dict[int, str], by: list[int]) -> list[Event]:
     if not all(isinstance(value, TYPES.get(key, int)) for key, value in entry.items()):
         raise TypeError
     if "number" in entry:
@@ -94,24 +97,26 @@ def _events(line, entry, devices):
         return []
     at, took = _checked(round(entry["t"] * 1e6)), _checked(round(entry.get("took", 0) * 1e6))
     if "acknowledged" in entry:
-        return _acknowledgements(line, at, entry, devices)
+        return _acknowledgements(line, at, entry, devices, by)
     name = entry.get("call") or entry["callback"]
     is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
     device = entry.get("device") if is_about_bus else entry["device"]
-    packet = entry["packet"] if name in ("ImageTransfer_data", "TransferCallback") else None
+    packet = entry["packet"] if name in ("ImageTransfer_data", "TransferCallback") else 0
     return [Event(line, at, name, device, entry.get("result", 0), packet, took, entry)]
 
 
-def _acknowledgements(line, at, entry, devices):
+def _acknowledgements(line: int, at: int, entry: Fields, devices: dict[int, str], by: list[int]) -> list[Event]:
     events = []
-    devices["by"] = entry.get("by") or devices["by"]
-    for number, after in zip(devices["by"], entry["after"], strict=True):
+    by[:] = entry.get("by") or by
+    if not by:
+        raise ValueError
+    for number, after in zip(by, entry["after"], strict=True):
         at = _checked(at + after)
         events.append(Event(line, at, "TransferCallback", devices[number], 0, entry["acknowledged"], 0, NO_FIELDS))
     return events
 
 
-def _checked(microseconds):
+def _checked(microseconds: object) -> int:
     if not isinstance(microseconds, int) or not 0 <= microseconds <= LONGEST:
         raise ValueError
     return microseconds
