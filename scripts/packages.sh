@@ -7,6 +7,6 @@ test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev 
 arm_packages=("${arm_build_packages[@]}" qemu-user googletest)
 package_test_packages=(lintian debootstrap)
 fleet_test_packages=("${test_packages[@]}" ansible-core minisign)
-lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools shellcheck)
+lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools shellcheck black flake8 mypy yamllint ansible-lint)
 bench_packages=("${build_packages[@]}" valgrind binutils)
 bench_peers=(dfu-util stm32flash avrdude)
