@@ -223,14 +223,13 @@ TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
     }
 }
 
-TEST(FirmwareImage, HoldsOneFileAndNoneAfterAFailure) {
+TEST(FirmwareImage, HoldsNoFileAfterAFailure) {
     MemorySystem& system = MemorySystem::instance() = {};
     system.files = standardImages();
     ErrorInfo error;
     FirmwareImage image(&error);
     char byte = 0;
-    ASSERT_TRUE(image.open("mem:arm") && image.open("mem:arm"));
-    EXPECT_EQ(system.openFiles.size(), 1U);
+    ASSERT_TRUE(image.open("mem:arm"));
     system.before = [](SystemCall call, const std::string&) {
         return call == SystemCall::Read ? EIO : 0;
     };
