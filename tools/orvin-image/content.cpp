@@ -53,17 +53,22 @@ void refuseImage(const std::string& path, const FileDescriptor& file, off_t size
 Bytes readAll(const std::string& path, const FileDescriptor& file, std::uint32_t limit) {
     constexpr std::size_t kPiece = 65536;
     Bytes content;
-    ssize_t count = lseek(file.get(), 0, SEEK_SET);
-    for (std::size_t size = 0; count >= 0; size += static_cast<std::size_t>(count)) {
+    if (lseek(file.get(), 0, SEEK_SET) < 0) {
+        failWithErrno(path, "cannot be read");
+    }
+    for (std::size_t size = 0;;) {
         refuseLong(path, size, limit);
         content.resize(size + kPiece);
-        count = ::read(file.get(), &content[size], kPiece);
+        const ssize_t count = ::read(file.get(), &content[size], kPiece);
+        if (count < 0) {
+            failWithErrno(path, "cannot be read");
+        }
+        size += static_cast<std::size_t>(count);
         if (count == 0) {
             content.resize(size);
             return content;
         }
     }
-    failWithErrno(path, "cannot be read");
 }
 
 }  // namespace
