@@ -123,7 +123,7 @@ TEST(Edges, ADeviceGoesBackAtAnyMoment) {
         sim::Bus* bus = nullptr;
         described.onOpen = [&](sim::Bus& opened) { bus = &opened; };
         int count = 0;
-        const ToolRun run = checkedRun(described, [&](SystemCall call, const std::string&) {
+        const ToolRun run = checkedRun(described, {}, [&](SystemCall call, const std::string&) {
             const bool counts = call == SystemCall::Read || call == SystemCall::Rename;
             if (counts && count++ == kBeforeTheFirst + moment) {
                 bus->requestGoBack(orvinId(1), 1);
@@ -138,7 +138,7 @@ TEST(Edges, ADeviceGoesBackAtAnyMoment) {
 TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
     const int before = prctl(PR_GET_TIMERSLACK);
     int during = 0;
-    checkedRun(upgrade(64), [&](SystemCall call, const std::string&) {
+    checkedRun(upgrade(64), {}, [&](SystemCall call, const std::string&) {
         during = call == SystemCall::Read ? prctl(PR_GET_TIMERSLACK) : during;
         return 0;
     });

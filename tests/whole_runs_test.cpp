@@ -1,6 +1,6 @@
 // Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
-// what came of it: the exit status, the console, the status messages and every bus call with its
-// time. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the
+// what came of it: the exit status, and what happened in which order, as in support/timeline.h.
+// After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the
 // difference before you commit it.
 
 #include <gtest/gtest.h>
@@ -10,21 +10,20 @@
 
 #include "support/described_run.h"
 #include "support/files.h"
+#include "support/timeline.h"
 
 namespace {
 
-std::string describe(const ToolRun& run) {
-    std::string text = "exit status " + std::to_string(run.exitStatus) +
-                       (run.writerLeft ? ", message writer left" : "");
-    text += "\n\n-- console\n" + run.console + "\n-- status messages\n";
-    for (const std::string& message : run.messages) {
-        text += message + "\n";
-    }
+std::string storyOf(const ToolSetup& setup) {
+    Timeline timeline;
+    const ToolRun run = checkedRun(setup, {&timeline});
+    std::string text = timeline.text() + "exit status " + std::to_string(run.exitStatus) +
+                       (run.writerLeft ? ", message writer left" : "") + '\n';
     for (const auto& file : run.filesNow) {
         text +=
             file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
     }
-    return text + "\n-- bus calls\n" + run.trace();
+    return text;
 }
 
 class WholeRun : public testing::TestWithParam<std::filesystem::directory_entry> {};
@@ -33,7 +32,7 @@ TEST_P(WholeRun, IsExactlyAsExpected) {
     const std::string path = GetParam().path();
     const std::string all = readText(path);
     const std::string setup = all.substr(0, all.find("\n\n"));
-    const std::string outcome = setup + "\n\n" + describe(checkedRun(describedRun(setup)));
+    const std::string outcome = setup + "\n\n" + storyOf(describedRun(setup));
     if (std::getenv("ORVIN_UPDATE_EXPECTED") != nullptr) {
         writeText(path, outcome);
     }

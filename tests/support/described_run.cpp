@@ -30,7 +30,7 @@ Json completed(const Json& member) {
                           {"dsp", kOldVersion},
                           {"booster_arm", kOldVersion},
                           {"api", 0x30a}};
-        whole = {{"type", kOrvinType}, {"name", "Orvin " + id.dump()}, {"versions", old}};
+        whole = {{"type", kOrvinType}, {"name", "Orvin"}, {"versions", old}};
     }
     whole.update(member);
     whole["id"] = id.is_number() ? Json(orvinText(id)) : id;
@@ -78,9 +78,9 @@ std::map<std::string, std::string> standardImages() {
     };
 }
 
-ToolRun checkedRun(const ToolSetup& setup,
+ToolRun checkedRun(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors,
                    const std::function<int(SystemCall, const std::string&)>& system) {
-    ToolRun run = runTool(setup, {}, system);
+    ToolRun run = runTool(setup, interceptors, system);
     EXPECT_EQ(run.filesOpen, 0U);
     EXPECT_EQ(run.late, "");
     return run;

@@ -14,7 +14,7 @@ std::map<std::string, std::string> standardImages();
 
 // Runs the tool and expects what holds for each of its runs: it leaves no file open, and it prints
 // everything before the wait that follows.
-ToolRun checkedRun(const ToolSetup& setup,
+ToolRun checkedRun(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
                    const std::function<int(SystemCall, const std::string&)>& system = {});
 
 #endif

@@ -1,5 +1,6 @@
 #include "support/memory_system.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/types.h>
 
@@ -9,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -28,6 +31,12 @@ bool fails(SystemCall call, const pthread_mutex_t* mutex) {
     return found != memory().mutexes.end() && fails(call, found->second);
 }
 
+void tell(const std::string& event) {
+    if (MemorySystem::listener) {
+        MemorySystem::listener(event);
+    }
+}
+
 int openNew(const std::string& name) {
     static int last = 1 << 20;  // beyond all of the system's own
     memory().openFiles[++last].name = name;
@@ -45,6 +54,7 @@ ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
 
 ssize_t writeConsole(void* /*cookie*/, const char* bytes, std::size_t length) {
     memory().console.append(bytes, length);
+    tell('|' + std::string(bytes, length));
     fails(SystemCall::Print, {bytes, length});
     return static_cast<ssize_t>(length);
 }
@@ -87,10 +97,11 @@ std::string captureOutput(const std::function<void()>& action) {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
-int __wrap_open64(const char* name, int /*flags*/, ...) {
+int __wrap_open64(const char* name, int flags, ...) {
     if (fails(SystemCall::Open, name)) {
         return -1;
     }
+    tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing"));
     errno = ENOENT;
     return memory().files.count(name) == 0 ? -1 : openNew(name);
 }
@@ -132,7 +143,15 @@ ssize_t __wrap_write(int number, const void* bytes, std::size_t length) {
 }
 
 int __wrap_close(int number) {
-    return memory().openFiles.erase(number) == 0 ? -1 : 0;
+    const auto found = memory().openFiles.find(number);
+    if (found == memory().openFiles.end()) {
+        return -1;
+    }
+    if (found->second.name.rfind("mem:", 0) == 0) {  // no temporary file
+        tell("close " + found->second.name);
+    }
+    memory().openFiles.erase(found);
+    return 0;
 }
 
 int __wrap_rename(const char* from, const char* to) {
@@ -144,6 +163,10 @@ int __wrap_rename(const char* from, const char* to) {
     memory().files[to] = content;
     if (std::strcmp(to, MemorySystem::kStatusFile) == 0) {
         memory().messages.push_back(content);
+        const bool isOpen =
+            std::any_of(memory().openFiles.begin(), memory().openFiles.end(),
+                        [from](const auto& file) { return file.second.name == from; });
+        tell("= " + content + (isOpen ? " (the file is still open)" : ""));
     }
     return 0;
 }
@@ -163,12 +186,21 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 }
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-    return fails(SystemCall::LockMutex, mutex) ? errno : __real_pthread_mutex_lock(mutex);
+    if (fails(SystemCall::LockMutex, mutex)) {
+        return errno;
+    }
+    const auto found = memory().mutexes.find(mutex);
+    memory().held += found == memory().mutexes.end() ? "" : found->second;
+    return __real_pthread_mutex_lock(mutex);
 }
 
 // Fails only in what it answers, so that the next one to lock the mutex does not wait for ever.
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const int result = __real_pthread_mutex_unlock(mutex);
+    const auto found = memory().mutexes.find(mutex);
+    if (found != memory().mutexes.end() && !memory().held.empty()) {
+        memory().held.erase(memory().held.find_last_of(found->second));
+    }
     return fails(SystemCall::UnlockMutex, mutex) ? errno : result;
 }
 

@@ -30,6 +30,10 @@ struct MemorySystem {
 
     static inline std::size_t refusedAllocation = 0;  // new fails for so many bytes; 0: never
 
+    // Hears of what happens: text that is printed ("|" and the text), a message in the status file
+    // ("= " and the message), files that are opened or closed.
+    static inline std::function<void(const std::string& event)> listener;
+
     struct OpenFile {
         std::string name;
         std::size_t position = 0;
@@ -41,6 +45,7 @@ struct MemorySystem {
     std::string console;                       // what captureOutput has seen
     std::map<int, OpenFile> openFiles;
     std::map<const void*, std::string> mutexes;  // their numbers, as they were initialised: "1"...
+    std::string held;  // the numbers of those that are locked, in that order
 
     // Called at each system call with the name of its file, the text that is printed, or the number
     // of the mutex. The error number that it returns is what the call fails with; 0: it goes on.

@@ -47,10 +47,11 @@ private:
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
+constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
+
 // What a sleep would leave in the console's buffer. A packet is sent again without a flush, between
 // two of its polls.
 std::string lateOutput(sim::Microseconds sleep) {
-    constexpr sim::Microseconds kPoll = 1'000;
     const std::string& console = MemorySystem::instance().console;
     const std::size_t before = console.size();
     std::fflush(stdout);
@@ -115,7 +116,12 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
     sim::VirtualTime& time = sim::VirtualTime::instance();
     time.reset();
     time.limit = setup.timeLimit;
-    time.beforeSleep = [&](sim::Microseconds duration) { run.late += lateOutput(duration); };
+    time.beforeSleep = [&](sim::Microseconds duration) {
+        run.late += lateOutput(duration);
+        if (duration != kPoll && MemorySystem::listener) {
+            MemorySystem::listener("sleep " + std::to_string(duration / 1'000) + " ms");
+        }
+    };
     Recorder recorder;
     sim::interceptors() = interceptors;
     sim::interceptors().push_back(&recorder);

@@ -48,9 +48,6 @@ VirtualTime& VirtualTime::instance() {
 }
 
 void VirtualTime::advance(Microseconds duration) {
-    if (beforeSleep) {
-        beforeSleep(duration);
-    }
     const Microseconds end = time + duration;
     if (end > limit) {
         throw TimeLimitReached();
@@ -80,7 +77,11 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 // In place of the system's functions.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
-    sim::VirtualTime::instance().advance(duration);
+    sim::VirtualTime& time = sim::VirtualTime::instance();
+    if (time.beforeSleep) {
+        time.beforeSleep(duration);
+    }
+    time.advance(duration);
     return 0;
 }
 

@@ -1,0 +1,227 @@
+#include "support/timeline.h"
+
+#include <algorithm>
+#include <boost/crc.hpp>
+#include <cstdio>
+#include <sstream>
+
+#include "common/vanid_text.h"
+#include "support/memory_system.h"
+
+namespace {
+
+constexpr std::size_t kTimeWidth = 11;
+
+// The part in which the identifiers of orvinId are alike.
+constexpr char kCommonPart[] = "00:11:22:33:44:55:66:77:88:99:aa:bb:cc:dd:ee:ff:";
+
+std::string shortened(std::string text) {
+    for (std::size_t at = 0; (at = text.find(kCommonPart, at)) != std::string::npos;) {
+        text.replace(at, sizeof kCommonPart - 1, "..:");
+    }
+    return text;
+}
+
+std::string idOf(const vanid_t& id) {
+    return ' ' + (isBroadcastVanid(id) ? "all" : shortened(formatVanid(id)));
+}
+
+std::string seconds(sim::Microseconds time) {
+    std::string text = std::to_string(1'000'000 + time % 1'000'000);
+    text.erase(text.find_last_not_of('0') + 1);
+    text[0] = '.';
+    return std::to_string(time / 1'000'000) + (text == "." ? "" : text);
+}
+
+std::string hexadecimal(std::int64_t number) {
+    std::ostringstream text;
+    text << std::hex << "0x" << number;
+    return text.str();
+}
+
+std::string numbers(const std::vector<std::int64_t>& all) {
+    std::string text;
+    for (const std::int64_t number : all) {
+        text += ' ' + (number > 0xff ? hexadecimal(number) : std::to_string(number));
+    }
+    return text;
+}
+
+std::string outcomeOf(const sim::Call& call) {
+    std::string text = " -> " + std::to_string(call.result) + numbers(call.answer);
+    for (const vanid_t& member : call.members) {
+        text += idOf(member);
+    }
+    return text + (call.name.empty() ? "" : " '" + call.name + '\'');
+}
+
+// Of a message about progress, with the blank in front; empty for other events.
+std::string percentIn(const std::string& event) {
+    const std::size_t end = event.find('%');
+    const std::size_t begin = event.rfind(' ', end);
+    return end == std::string::npos ? "" : event.substr(begin, end + 1 - begin);
+}
+
+bool isSameButForPercent(const std::string& a, const std::string& b) {
+    const std::size_t at = a.find(percentIn(a));
+    return std::string(a).erase(at, percentIn(a).size()) ==
+           std::string(b).erase(b.find(percentIn(b)), percentIn(b).size());
+}
+
+std::string crcOf(const std::string& content) {
+    boost::crc_32_type crc;
+    crc.process_bytes(content.data(), content.size());
+    return content.empty() ? "" : ", crc " + hexadecimal(crc.checksum());
+}
+
+}  // namespace
+
+Timeline::Timeline() {
+    MemorySystem::listener = [this](const std::string& event) {
+        Entry entry;
+        entry.event = event;
+        add(std::move(entry));
+    };
+}
+
+Timeline::~Timeline() {
+    MemorySystem::listener = nullptr;
+}
+
+void Timeline::add(Entry entry) {
+    entry.time = sim::VirtualTime::instance().now();
+    entry.held = MemorySystem::instance().held;
+    const bool goesOn = entry.event[0] == '|' && !all.empty() && all.back().event[0] == '|' &&
+                        all.back().time == entry.time && all.back().held == entry.held;
+    if (goesOn) {
+        all.back().event += entry.event.substr(1);
+    } else if (!all.empty() &&
+               all.back().event ==
+                   "open" + entry.event.substr(std::min<std::size_t>(5, entry.event.size()))) {
+        all.back().event.insert(4, " and close");
+    } else {
+        all.push_back(std::move(entry));
+    }
+}
+
+std::optional<sim::InjectedResult> Timeline::before(const sim::Call& call) {
+    Entry entry;
+    entry.event = sim::nameOf(call.function);
+    entry.device = call.device ? idOf(*call.device) : "";
+    if (call.function == sim::Function::Data) {
+        entry.packet = call.given[0];
+        entry.content = call.content;
+    } else if (call.function == sim::Function::TransferCallback) {
+        entry.event = '<';
+        entry.details = ' ' + std::to_string(call.given[0]);
+        entry.packet = call.given[1];
+    } else {
+        entry.event.insert(0, sim::isCallback(call.function) ? "< " : "");
+        entry.details = (call.text.empty() ? "" : ' ' + call.text) + numbers(call.given);
+    }
+    if (!sim::isCallback(call.function)) {
+        underWay.push_back(all.size());
+    }
+    add(std::move(entry));
+    return std::nullopt;
+}
+
+void Timeline::after(const sim::Call& call) {
+    if (!sim::isCallback(call.function)) {
+        all[underWay.back()].details += outcomeOf(call);
+        underWay.pop_back();
+    }
+}
+
+Timeline::Entries Timeline::joined(const Entries& entries) {
+    Entries result;
+    for (const Entry& entry : entries) {
+        const auto isLike = [&entry](const Entry& other) {
+            return other.time == entry.time && other.held == entry.held &&
+                   other.event == entry.event && other.details == entry.details &&
+                   other.packet == entry.packet;
+        };
+        if (!entry.device.empty() && !result.empty() && isLike(result.back())) {
+            result.back().device += entry.device;
+        } else {
+            result.push_back(entry);
+        }
+    }
+    return result;
+}
+
+// How often the entries of that length come again behind these: each time as much later, and
+// perhaps with the next packet, or with another device where they have one.
+std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
+    const auto hasDevice = [](const Entry& entry) { return !entry.device.empty(); };
+    const auto first = entries.begin() + static_cast<std::ptrdiff_t>(begin);
+    const auto last = first + static_cast<std::ptrdiff_t>(std::min(length, entries.size() - begin));
+    const bool isForOneDevice = std::count_if(first, last, hasDevice) == 1;
+    const auto isRepeated = [&](std::size_t at) {
+        const Entry& now = entries[at];
+        const Entry& again = entries[at + length];
+        return isSameButForPercent(now.event, again.event) && now.details == again.details &&
+               (isForOneDevice ? hasDevice(now) == hasDevice(again) : now.device == again.device) &&
+               now.held == again.held && now.packet.has_value() == again.packet.has_value() &&
+               again.packet.value_or(1) - now.packet.value_or(0) == 1 &&
+               again.time - now.time == entries[begin + length].time - entries[begin].time;
+    };
+    std::size_t end = begin;
+    while (end + length < entries.size() && isRepeated(end)) {
+        ++end;
+    }
+    return (end - begin) / length;
+}
+
+std::string Timeline::linesOf(const Entry& entry, bool withTime) {
+    const bool isPrinted = entry.event[0] == '|';
+    std::istringstream lines(isPrinted ? shortened(entry.event.substr(1))
+                                       : entry.event + entry.device + entry.details);
+    std::string time = withTime ? seconds(entry.time) : "";
+    std::string text;
+    for (std::string line; std::getline(lines, line); time.clear()) {
+        text += time + std::string(kTimeWidth - time.size(), ' ');
+        text += entry.held.empty() ? "" : '[' + entry.held + "] ";
+        text += isPrinted ? "| " + line + (lines.eof() ? "\\" : "") : line;
+        text += entry.packet ? ", packet " + std::to_string(*entry.packet) : "";
+        text += crcOf(entry.content) + '\n';
+    }
+    return text;
+}
+
+std::string Timeline::text() const {
+    constexpr std::size_t kLongest = 12;  // entries that repeat themselves
+    constexpr std::size_t kLeast = 3;     // entries that a line about repetitions replaces
+    const Entries entries = joined(all);
+    std::string text;
+    sim::Microseconds last = -1;
+    for (std::size_t at = 0; at < entries.size();) {
+        std::size_t length = 1;
+        while (length < kLongest && repetitions(entries, at, length) * length < kLeast) {
+            ++length;
+        }
+        const std::size_t times = repetitions(entries, at, length);
+        const bool repeats = times * length >= kLeast;
+        const std::size_t end = at + (repeats ? length : 1);
+        for (; at < end; ++at) {
+            text += linesOf(entries[at], entries[at].time != last);
+            last = entries[at].time;
+        }
+        if (!repeats) {
+            continue;
+        }
+        std::string others;
+        std::string content;
+        for (const std::size_t begin = at; at < begin + times * length; ++at) {
+            const Entry& before = entries[at - length];
+            others += entries[at].device == before.device ? "" : entries[at].device;
+            others += entries[at].event == before.event ? "" : percentIn(entries[at].event);
+            content += entries[at].content;
+        }
+        last = entries[at - 1].time;
+        text += std::string(kTimeWidth, ' ') + "... " + std::to_string(times) + " times more" +
+                (others.empty() ? "" : " for" + others) + ", until " + seconds(last) +
+                crcOf(content) + '\n';
+    }
+    return text;
+}
