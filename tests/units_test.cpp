@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <stdexcept>
 
 #include "bus/vanid_text.h"
 #include "core/bus_session.h"
@@ -14,6 +15,7 @@
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "sim/library/bus_opener.h"
+#include "status/format_message.h"
 #include "status/message_writer.h"
 #include "support/described_run.h"
 #include "transfer/transfer_primitives.h"
@@ -163,8 +165,13 @@ TEST_F(Group, ForgivesRequestsToGoBackWithEachPacketOfEachTransfer) {
 
 TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
     add({2, 1, 1});
+    group.lockList();
+    group.setRestartPending(orvinText(1).substr(1), true);
+    group.unlockList();
+    EXPECT_TRUE(group.allRejoined()) << "only the whole text is a device's";
     expectRestart();
     group.markRejoined(orvinId(2));
+    group.markRejoined(orvinId(3));
     EXPECT_FALSE(group.allRejoined());
     group.markRejoined(orvinId(1));
     EXPECT_TRUE(group.allRejoined());
@@ -243,6 +250,31 @@ TEST(FirmwareImage, HoldsNoFileAfterAFailure) {
     image.close();
     EXPECT_EQ(image.read(&byte, 1), -1);
     EXPECT_EQ(error.message, "File not open");
+}
+
+std::string thrownBy(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "";
+}
+
+TEST(MessageWriter, IsOneForTheProcess) {
+    MemorySystem& system = MemorySystem::instance() = {};
+    EXPECT_EQ(thrownBy([] { MessageWriter::instance(); }), "MessageWriter class not initialized");
+    system.before = [](SystemCall call, const std::string&) {
+        return call == SystemCall::InitMutex ? ENOMEM : 0;
+    };
+    EXPECT_EQ(thrownBy([] { MessageWriter::init(""); }), "could not initialize message mutex!");
+    system.before = nullptr;
+    MessageWriter* const writer = MessageWriter::init(MemorySystem::kStatusFile);
+    EXPECT_EQ(MessageWriter::init("mem:other"), writer);
+    writer->write(formatMessage("%s%c%s", "before", '\0', "after"));
+    writer->write("");
+    EXPECT_EQ(system.messages, (std::vector<std::string>{"before", ""}));
+    delete writer;
 }
 
 TEST(MessageWriter, ForWhichThereIsNoMemoryEndsTheRun) {

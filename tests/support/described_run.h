@@ -12,8 +12,7 @@ ToolSetup describedRun(const std::string& json);
 // Image files, good ones and broken ones, by name.
 std::map<std::string, std::string> standardImages();
 
-// Runs the tool and expects what holds for each of its runs: it leaves no file open, and it prints
-// everything before the wait that follows.
+// Runs the tool and expects that it leaves no file open.
 ToolRun checkedRun(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
                    const std::function<int(SystemCall, const std::string&)>& system = {});
 

@@ -118,6 +118,9 @@ int __wrap_mkstemp64(char* name) {
 
 off64_t __wrap_lseek64(int number, off64_t offset, int origin) {
     MemorySystem::OpenFile& file = memory().openFiles.at(number);
+    if (fails(SystemCall::Seek, file.name)) {
+        return -1;
+    }
     const auto content = static_cast<off64_t>(memory().files[file.name].size());
     const off64_t position = (origin == SEEK_END ? content + memory().missing : 0) + offset;
     file.position = static_cast<std::size_t>(position);

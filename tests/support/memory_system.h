@@ -13,6 +13,7 @@
 enum class SystemCall {
     Open,
     CreateTemporary,
+    Seek,
     Read,
     Write,
     Rename,

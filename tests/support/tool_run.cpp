@@ -47,24 +47,12 @@ private:
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
-constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
-
-// What a sleep would leave in the console's buffer. A packet is sent again without a flush, between
-// two of its polls.
-std::string lateOutput(sim::Microseconds sleep) {
-    const std::string& console = MemorySystem::instance().console;
-    const std::size_t before = console.size();
-    std::fflush(stdout);
-    const std::string late = console.substr(before);
-    return late == "#" && sleep == kPoll ? "" : late;
-}
-
 // Whether a system call fails, by the errors of the setup.
 std::function<int(SystemCall, const std::string&)> errorsOf(const ToolSetup& setup) {
     return [&setup, counts = std::map<std::string, int>()](SystemCall call,
                                                            const std::string& mutex) mutable {
-        constexpr const char* kNames[] = {"open",  "mkstemp", "read",  "write",  "rename",
-                                          "print", "init ",   "lock ", "unlock "};
+        constexpr const char* kNames[] = {"open",   "mkstemp", "seek",  "read",  "write",
+                                          "rename", "print",   "init ", "lock ", "unlock "};
         const std::string name =
             kNames[static_cast<int>(call)] + (call < SystemCall::InitMutex ? "" : mutex);
         const auto found = setup.errors.find(name + " #" + std::to_string(++counts[name]));
@@ -116,8 +104,8 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
     sim::VirtualTime& time = sim::VirtualTime::instance();
     time.reset();
     time.limit = setup.timeLimit;
-    time.beforeSleep = [&](sim::Microseconds duration) {
-        run.late += lateOutput(duration);
+    time.beforeSleep = [](sim::Microseconds duration) {
+        constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
         if (duration != kPoll && MemorySystem::listener) {
             MemorySystem::listener("sleep " + std::to_string(duration / 1'000) + " ms");
         }

@@ -42,7 +42,6 @@ struct ToolRun {
     bool ended = false;  // within the time limit
     int exitStatus = 0;  // as the system gives it to the caller
     std::string console;
-    std::string late;  // of the console, what was only printed when a sleep had begun
     std::vector<std::string> messages;            // all that the status file held, in order
     std::map<std::string, std::string> filesNow;  // all files after the run
     std::size_t filesOpen = 0;                    // that the tool has not closed
