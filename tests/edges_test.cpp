@@ -113,28 +113,6 @@ TEST(Edges, ADeviceGoesBackOftenButNotForEver) {
     EXPECT_TRUE(endless.printed("Successfully updated 1 Orvin: \n  " + orvinText(2)));
 }
 
-// A request may come when the loop has looked for one and not yet taken the next number: while it
-// writes its progress, which it does for each packet here, or while it reads the packet.
-TEST(Edges, ADeviceGoesBackAtAnyMoment) {
-    constexpr int kPackets = 20;
-    constexpr int kBeforeTheFirst = 31;  // reads of headers and writes of messages
-    for (int moment = 0; moment < 2 * kPackets; ++moment) {
-        ToolSetup described = upgrade(std::size_t{64} * kPackets);
-        sim::Bus* bus = nullptr;
-        described.onOpen = [&](sim::Bus& opened) { bus = &opened; };
-        int count = 0;
-        const ToolRun run = checkedRun(described, {}, [&](SystemCall call, const std::string&) {
-            const bool counts = call == SystemCall::Read || call == SystemCall::Rename;
-            if (counts && count++ == kBeforeTheFirst + moment) {
-                bus->requestGoBack(orvinId(1), 1);
-            }
-            return 0;
-        });
-        EXPECT_EQ(run.calls(Function::Data), kPackets + std::max(moment / 2 - 1, 0)) << moment;
-        EXPECT_TRUE(bothHaveTheContent(run));
-    }
-}
-
 TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
     const int before = prctl(PR_GET_TIMERSLACK);
     int during = 0;

@@ -10,7 +10,7 @@ namespace {
 // that faults that stay can make.
 sim::Microseconds timeLimit(const Case& searched) {
     const auto staying = std::count_if(searched.faults.begin(), searched.faults.end(),
-                                       [](const Fault& fault) { return fault.stays; });
+                                       [](const Fault& fault) { return fault.last > fault.call; });
     return (500'000 + 1'000'000 * staying) * kSecond;
 }
 
@@ -19,7 +19,21 @@ class Injector : public sim::Interceptor {
 public:
     explicit Injector(const Case& searched) : faults(searched.faults) {}
 
+    void atAcquisition() {
+        if (callbacks > 0) {
+            return;  // a callback's own
+        }
+        const std::size_t index = acquisitions.size();
+        acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, reportsReturns});
+        for (const Fault& fault : faults) {
+            if (fault.place == Place::Lock && fault.call == index) {
+                strikeAtLock(fault);
+            }
+        }
+    }
+
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
+        follow(call);
         constexpr std::size_t kMostCalls = 1'000'000;  // more than the longest wait makes
         const std::size_t index = calls++;
         if (index == kMostCalls) {
@@ -30,7 +44,8 @@ public:
             result = sim::InjectedResult{-1};
         }
         for (const Fault& fault : faults) {
-            const bool strikes = fault.call == index || (fault.stays && fault.call < index);
+            const bool strikes = fault.place != Place::Lock && fault.call <= index &&
+                                 index <= std::max(fault.call, fault.last);
             if (strikes && !sim::isCallback(call.function)) {
                 const auto own = strike(fault, call);
                 result = own ? own : result;
@@ -39,9 +54,38 @@ public:
         return result;
     }
 
+    void after(const sim::Call& call) override {
+        callbacks -= sim::isCallback(call.function) ? 1 : 0;
+    }
+
     sim::Bus* bus = nullptr;
+    std::vector<Acquisition> acquisitions;
 
 private:
+    void follow(const sim::Call& call) {
+        callbacks += sim::isCallback(call.function) ? 1 : 0;
+        if (call.function == sim::Function::SetTransferCallback) {
+            packet.reset();
+        } else if (call.function == sim::Function::Data) {
+            packet = call.given[0];
+        } else if (call.function == sim::Function::SetBusChangeCallback) {
+            reportsReturns = call.text == talm::slotText(true);
+        }
+    }
+
+    void strikeAtLock(const Fault& fault) {
+        ++callbacks;
+        if (fault.device.empty()) {
+            sim::VirtualTime::instance().runEarly(static_cast<std::size_t>(fault.value));
+        } else if (fault.packet.kind == sim::PacketFault::Kind::GoBack) {
+            bus->requestGoBack(*parseStrictVanid(fault.device),
+                               static_cast<std::uint32_t>(fault.value));
+        } else {
+            callBack(fault);
+        }
+        --callbacks;
+    }
+
     // A callback that comes at any moment needs a library that clears none.
     bool failsToClear(const sim::Call& call) const {
         return call.text == talm::slotText(false) &&
@@ -80,6 +124,9 @@ private:
 
     const std::vector<Fault>& faults;
     std::size_t calls = 0;
+    int callbacks = 0;                   // under way
+    std::optional<std::int64_t> packet;  // in flight
+    bool reportsReturns = false;
 };
 
 }  // namespace
@@ -99,7 +146,8 @@ void Case::addImage(const Image& image) {
 
 Case Case::with(const Fault& fault) const {
     Case more = *this;
-    more.name += (fault.stays ? "; from call " : "; call ") + std::to_string(fault.call) + ", " +
+    more.name += "; call " + std::to_string(fault.call) +
+                 (fault.last > fault.call ? " to " + std::to_string(fault.last) : "") + ", " +
                  fault.device + ' ' + fault.what + ' ' + std::to_string(fault.value);
     more.faults.push_back(fault);
     if (fault.harm == Harm::Device) {
@@ -116,16 +164,24 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
     return {"mem:" + name, target, version, file, file.substr(file.size() - contentSize)};
 }
 
-ToolRun runCase(const Case& searched) {
+ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions) {
+    constexpr char kListMutex[] = "2";  // the message writer's is the first
     Injector injector(searched);
     ToolSetup setup = searched.setup;
     setup.timeLimit = timeLimit(searched);
     setup.onOpen = [&](sim::Bus& bus) { injector.bus = &bus; };
     int calls = 0;
-    return runTool(setup, {&injector}, [&](SystemCall call, const std::string&) {
+    ToolRun run = runTool(setup, {&injector}, [&](SystemCall call, const std::string& what) {
+        if (call == SystemCall::LockMutex && what == kListMutex) {
+            injector.atAcquisition();
+        }
         const StatusFault& fault = searched.statusFault;
         return call == fault.call && ++calls == fault.number ? fault.error : 0;
     });
+    if (acquisitions != nullptr) {
+        *acquisitions = std::move(injector.acquisitions);
+    }
+    return run;
 }
 
 bool letsCallbacksIn(sim::Function function) {

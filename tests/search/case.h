@@ -2,6 +2,7 @@
 #ifndef TESTS_SEARCH_CASE_H
 #define TESTS_SEARCH_CASE_H
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,7 +29,7 @@ enum class Harm {
 };
 
 // Where a fault strikes. Of two at one place only one is used.
-enum class Place { Result, Link, Power, Packet, Callback };
+enum class Place { Result, Link, Power, Packet, Callback, Lock };
 
 // Something that goes wrong at one of the tool's calls.
 struct Fault {
@@ -40,8 +41,8 @@ struct Fault {
     bool carriedOut = false;  // the call, though its result is lost
     sim::Function function = sim::Function::Initialize;  // whose result it is, or the callback
     sim::PacketFault packet = {};
-    std::size_t call = 0;  // counted from 0, callbacks as well
-    bool stays = false;    // and strikes at all later calls as well
+    std::size_t call = 0;  // counted from 0, callbacks as well; at a lock, the acquisition
+    std::size_t last = 0;  // the call until which it stays; before its own: it does not
 };
 
 // The nth system call of its kind for a status message fails; error 0: none does.
@@ -68,7 +69,15 @@ struct Case {
 Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t version,
               std::size_t contentSize);
 
-ToolRun runCase(const Case& searched);
+// The tool's own thread takes the lock of the device list, for which callbacks may have waited.
+struct Acquisition {
+    std::size_t pending = 0;             // events of the bus
+    std::optional<std::int64_t> packet;  // that the devices may report about
+    bool reportsReturns = false;
+};
+
+// Appends all acquisitions of the run, unless the list is null.
+ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions = nullptr);
 
 // Whether the tool makes the call without the lock for which a callback would wait.
 bool letsCallbacksIn(sim::Function function);

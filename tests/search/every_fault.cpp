@@ -16,21 +16,6 @@ using sim::PacketFault;
 
 constexpr Microseconds kForEver = 1'000'000 * kSecond;
 
-Case baseCase(const std::string& name, int orvins, const std::vector<std::string>& arguments,
-              const std::vector<Image>& images) {
-    Case base;
-    base.name = name;
-    base.setup.arguments = arguments;
-    base.setup.arguments.insert(base.setup.arguments.end(), {"-m", MemorySystem::kStatusFile});
-    for (int number = 1; number <= orvins; ++number) {
-        base.setup.bus.members.push_back(orvin(number));
-    }
-    for (const Image& image : images) {
-        base.addImage(image);
-    }
-    return base;
-}
-
 std::vector<Case> baseCases() {
     const Image arm = imageOf("arm", kArm, kNewVersion, 3 * sim::kPacketBytes + 20);
     const Image dsp = imageOf("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes);
@@ -150,6 +135,21 @@ void forEachFault(const Case& searched, std::size_t firstCall,
 }
 
 }  // namespace
+
+Case baseCase(const std::string& name, int orvins, const std::vector<std::string>& arguments,
+              const std::vector<Image>& images) {
+    Case base;
+    base.name = name;
+    base.setup.arguments = arguments;
+    base.setup.arguments.insert(base.setup.arguments.end(), {"-m", MemorySystem::kStatusFile});
+    for (int number = 1; number <= orvins; ++number) {
+        base.setup.bus.members.push_back(orvin(number));
+    }
+    for (const Image& image : images) {
+        base.addImage(image);
+    }
+    return base;
+}
 
 std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call) {
     std::vector<Fault> faults;

@@ -6,6 +6,10 @@
 
 #include "search/case.h"
 
+// With that many Orvins with old firmware, and a status file.
+Case baseCase(const std::string& name, int orvins, const std::vector<std::string>& arguments,
+              const std::vector<Image>& images);
+
 // Every fault that can strike at the call, which is the one at that index in a run of the case;
 // none if it is a callback.
 std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);

@@ -136,7 +136,11 @@ private:
                 }
             }
         }
-        for (const sim::MemberDescription& member : searched.setup.bus.members) {
+        const auto& members = searched.setup.bus.members;
+        for (std::size_t i = 0; i < members.size(); ++i) {
+            checkNewOrNamed(formatVanid(members[i].id), run.versions[i]);
+        }
+        for (const sim::MemberDescription& member : members) {
             const std::string device = formatVanid(member.id);
             if (searched.harm == Harm::AllDevices || searched.spoiled.count(device) != 0) {
                 continue;
@@ -202,9 +206,7 @@ private:
                 "a call after the session's end");
     }
 
-    void itSurvivesItsSurroundings() {
-        require(run.filesOpen == 0, "a file left open");
-    }
+    void itSurvivesItsSurroundings() { require(run.filesOpen == 0, "a file left open"); }
 
     // ---- parts of the promises ----
 
@@ -239,6 +241,24 @@ private:
         require(!attempt.answersOtherwise(device) || attempt.isDroppedLate(device) || retried ||
                     notUpgraded.count(device) != 0,
                 "runs another version, and the tool does not say so", device);
+    }
+
+    // A device to which an image was announced runs its version at the end, or the console says
+    // that it may not.
+    void checkNewOrNamed(const std::string& device, const sim::Versions& versions) {
+        std::map<std::uint32_t, Attempt*> last;  // by target
+        for (Attempt& attempt : attempts) {
+            if (!attempt.devices[device][Function::WriteRequest].empty()) {
+                last[attempt.image->target] = &attempt;
+            }
+        }
+        for (const auto& [target, attempt] : last) {
+            require(versionIn(versions, target) == attempt->image->version ||
+                        isDropped(attempt->transfer + attempt->rest, device) ||
+                        contains(attempt->transfer, "Error in sendChunk(): ") ||
+                        notUpgraded.count(device) != 0,
+                    "runs another version in the end, and the tool does not say so", device);
+        }
     }
 
     // Whether the device may fail the attempt for another one's fault: it is busy when the packet

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <random>
 
 #include "search/every_fault.h"
@@ -83,8 +84,11 @@ void addFaults(Dice& dice, Case& random) {
             continue;
         }
         Fault fault = all[dice.below(all.size())];
-        fault.stays = dice.oneIn(3);
-        fault.harm = fault.stays ? std::max(fault.harm, Harm::Device) : fault.harm;
+        if (dice.oneIn(3)) {  // it stays, for ever or for a while
+            fault.last = dice.oneIn(2) ? std::numeric_limits<std::size_t>::max()
+                                       : index + 1 + dice.below(run.records.size());
+            fault.harm = std::max(fault.harm, Harm::Device);
+        }
         random = random.with(fault);
     }
 }

@@ -130,8 +130,9 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
     run.filesNow = memory.files;
     run.filesOpen = memory.openFiles.size();
     for (const sim::MemberDescription& member : setup.bus.members) {
-        const std::vector<std::uint8_t>& content = bus->findDevice(member.id)->content();
-        run.contents.emplace_back(content.begin(), content.end());
+        const sim::Device& device = *bus->findDevice(member.id);
+        run.contents.emplace_back(device.content().begin(), device.content().end());
+        run.versions.push_back(device.installedVersions());
     }
     run.records = std::move(recorder.records);
     return run;

@@ -53,13 +53,22 @@ void VirtualTime::advance(Microseconds duration) {
         throw TimeLimitReached();
     }
     while (!events.empty() && events.begin()->first <= end) {
-        const auto first = events.begin();
-        time = std::max(time, first->first);
-        const Event event = std::move(first->second.event);
-        events.erase(first);
-        event();
+        time = std::max(time, events.begin()->first);
+        run(events.begin());
     }
     time = std::max(time, end);  // an event may have slept itself
+}
+
+void VirtualTime::run(std::multimap<Microseconds, Entry>::iterator entry) {
+    const Event event = std::move(entry->second.event);
+    events.erase(entry);
+    event();
+}
+
+void VirtualTime::runEarly(std::size_t number) {
+    if (number < events.size()) {
+        run(std::next(events.begin(), static_cast<std::ptrdiff_t>(number)));
+    }
 }
 
 void VirtualTime::reset() {

@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_VIRTUAL_TIME_H
 #define TESTS_SUPPORT_VIRTUAL_TIME_H
 
+#include <cstddef>
 #include <functional>
 #include <limits>
 #include <map>
@@ -28,6 +29,10 @@ public:
     // Throws TimeLimitReached when that would go beyond the limit.
     void advance(Microseconds duration);
 
+    // How many events are still to happen, and runs the nth of them, from 0, now.
+    std::size_t pending() const { return events.size(); }
+    void runEarly(std::size_t number);
+
     // Runs before each sleep of the program; none if empty. A reset leaves it.
     std::function<void(Microseconds duration)> beforeSleep;
 
@@ -43,6 +48,8 @@ private:
         const EventQueue* owner;
         Event event;
     };
+
+    void run(std::multimap<Microseconds, Entry>::iterator entry);
 
     Microseconds time = 0;
     std::multimap<Microseconds, Entry> events;

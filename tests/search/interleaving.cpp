@@ -1,0 +1,80 @@
+// All that the threads share is atomic or guarded by the lock of the device list. So what a
+// callback does to the tool depends only on the acquisition that it comes before.
+
+#include "search/interleaving.h"
+
+#include "common/vanid_text.h"
+
+namespace {
+
+using sim::Function;
+using sim::PacketFault;
+
+std::vector<Case> baseCases() {
+    const Image dsp = imageOf("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes + 1);
+    const Image arm = imageOf("arm", kArm, kNewVersion, sim::kPacketBytes + 1);
+    const Case equal = baseCase("equal", 2, {"-B"}, {dsp});
+    Case slow = equal;
+    slow.name = "slow";
+    slow.setup.bus.members[1].timing.acknowledge = 2'300;
+    Case goesBack = equal;
+    goesBack.name = "goes back";
+    goesBack.setup.bus.members[0].faults.packets = {PacketFault::next(PacketFault::Kind::GoBack)};
+    goesBack.setup.bus.members[0].faults.packets[0].number = 1;
+    return {equal, slow, goesBack, baseCase("returns", 2, {"-B"}, {arm})};
+}
+
+// Brings events forward. A device that asks to go back while the transfer goes on is served.
+std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
+                               const Acquisition& acquisition) {
+    std::vector<Fault> all;
+    for (std::size_t event = 0; event < acquisition.pending; ++event) {
+        all.push_back({Place::Lock, "", Harm::None, "brings forward event",
+                       static_cast<std::int64_t>(event)});
+    }
+    for (const sim::MemberDescription& member : base.setup.bus.members) {
+        const std::string device = formatVanid(member.id);
+        for (std::int64_t to = 0; to <= acquisition.packet.value_or(-1); ++to) {
+            all.push_back({Place::Lock, device, Harm::None, "goes back to packet", to, false,
+                           Function::TransferCallback,
+                           PacketFault::next(PacketFault::Kind::GoBack)});
+        }
+        if (acquisition.packet) {
+            all.push_back({Place::Lock, device, Harm::Device, "reports", 9, false,
+                           Function::TransferCallback});
+        }
+        if (acquisition.reportsReturns) {
+            all.push_back({Place::Lock, device, Harm::Device, "is reported, event", 0, false,
+                           Function::BusChangeCallback});
+        }
+    }
+    for (Fault& fault : all) {
+        fault.call = index;
+    }
+    return all;
+}
+
+void forEachCallback(const Case& base, std::size_t first,
+                     const std::function<void(const Fault&)>& use) {
+    std::vector<Acquisition> acquisitions;
+    runCase(base, &acquisitions);
+    for (std::size_t index = first; index < acquisitions.size(); ++index) {
+        for (const Fault& callback : callbacksAt(base, index, acquisitions[index])) {
+            use(callback);
+        }
+    }
+}
+
+}  // namespace
+
+void forEachInterleaving(const Visit& visit) {
+    for (const Case& base : baseCases()) {
+        visit([&] { return base; });
+        forEachCallback(base, 0, [&](const Fault& first) {
+            const Case one = base.with(first);
+            visit([&] { return one; });
+            forEachCallback(one, first.call,
+                            [&](const Fault& second) { visit([&] { return one.with(second); }); });
+        });
+    }
+}
