@@ -277,17 +277,6 @@ TEST(MessageWriter, IsOneForTheProcess) {
     delete writer;
 }
 
-TEST(MessageWriter, ForWhichThereIsNoMemoryEndsTheRun) {
-    ToolSetup setup = describedRun(R"({"run": "-l -m"})");
-    setup.arguments.emplace_back(12'345, 'x');  // a size that nothing else has
-    setup.onOpen = [](sim::Bus&) { MemorySystem::refusedAllocation = 12'345 + 1; };
-    const ToolRun run = checkedRun(setup);
-    MemorySystem::refusedAllocation = 0;
-    EXPECT_EQ(run.exitStatus, 128);
-    EXPECT_TRUE(run.printed("Coult not initialize message writer!\n"));
-    EXPECT_EQ(run.calls(sim::Function::Close), 1);
-}
-
 TEST(VanidText, IsReadFieldByField) {
     vanid_t id{};
     for (const auto& [field, byte] : {std::pair{"AB", 0xab},

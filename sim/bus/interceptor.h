@@ -60,12 +60,13 @@ void inject(Call& call, const InjectedResult& injected);
 // `carryOut` fills in what the call writes, and returns its result.
 template <typename CarryOut>
 int pass(Call& call, const std::vector<Interceptor*>& ofTheBus, CarryOut carryOut) {
-    std::vector<Interceptor*> all = interceptors();
-    all.insert(all.end(), ofTheBus.begin(), ofTheBus.end());
+    const std::vector<Interceptor*>* const lists[] = {&interceptors(), &ofTheBus};
     std::optional<InjectedResult> injected;
-    for (Interceptor* const interceptor : all) {
-        const std::optional<InjectedResult> own = interceptor->before(call);
-        injected = injected ? injected : own;
+    for (const auto* const list : lists) {
+        for (Interceptor* const interceptor : *list) {
+            const std::optional<InjectedResult> own = interceptor->before(call);
+            injected = injected ? injected : own;
+        }
     }
     if (!injected || injected->carriedOut) {
         call.result = carryOut();
@@ -73,8 +74,10 @@ int pass(Call& call, const std::vector<Interceptor*>& ofTheBus, CarryOut carryOu
     if (injected) {
         inject(call, *injected);
     }
-    for (Interceptor* const interceptor : all) {
-        interceptor->after(call);
+    for (const auto* const list : lists) {
+        for (Interceptor* const interceptor : *list) {
+            interceptor->after(call);
+        }
     }
     return call.result;
 }

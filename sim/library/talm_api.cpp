@@ -77,9 +77,9 @@ Result guarded(Function function, Result failed, Body body) {
 // writes is in it afterwards.
 template <typename CarryOut>
 int passToBus(const std::shared_ptr<Bus>& bus, Call& call, CarryOut carryOut) {
+    static const std::vector<Interceptor*> kNone;
+    const auto& own = bus ? bus->ownInterceptors() : kNone;
     return guarded(call.function, int{result::kNoSession}, [&] {
-        const std::vector<Interceptor*> own =
-            bus ? bus->ownInterceptors() : std::vector<Interceptor*>();
         return sim::pass(call, own, [&] { return bus ? carryOut(*bus) : result::kNoSession; });
     });
 }

@@ -3,6 +3,7 @@
 #include "search/every_fault.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <tuple>
 
@@ -195,5 +196,19 @@ void forEachPair(const Visit& visit) {
                 }
             });
         });
+    }
+}
+
+void forEachAllocation(const Visit& visit) {
+    for (Case base : baseCases()) {
+        base.setup.failingAllocation = std::numeric_limits<int>::max();
+        const int allocations = base.setup.failingAllocation - runCase(base).allocationsLeft;
+        base.harm = Harm::AllDevices;
+        for (int number = 1; number <= allocations; ++number) {
+            Case failing = base;
+            failing.setup.failingAllocation = number;
+            failing.name += "; allocation " + std::to_string(number);
+            visit([&] { return failing; });
+        }
     }
 }

@@ -22,4 +22,7 @@ void forEachSingle(const Visit& visit);
 // Each base case with every pair of faults: the second one at any call of the run with the first.
 void forEachPair(const Visit& visit);
 
+// Each base case with every allocation of the tool failing.
+void forEachAllocation(const Visit& visit);
+
 #endif

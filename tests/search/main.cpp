@@ -1,7 +1,7 @@
 // fault-search: runs the tool with faults at its bus calls, in virtual time, and reports the runs
 // that break a promise.
 //
-//     fault-search [repeat] single|pairs|interleavings|random [PART PARTS]
+//     fault-search [repeat] single|pairs|interleavings|allocations|random [PART PARTS]
 //
 // runs every case, or of that many parts the one of that number, from 0. A single case runs
 // again by its number, as a part of 99999999. With `repeat` it reports instead the runs that go
@@ -94,11 +94,12 @@ int main(int argc, char** argv) {
         {"single", forEachSingle},
         {"pairs", forEachPair},
         {"interleavings", forEachInterleaving},
+        {"allocations", forEachAllocation},
         {"random", forEachSeed}};
     const auto chosen = searches.find(argc > 1 ? argv[1] : "");
     if (chosen == searches.end() || argc == 3 || argc > 4) {
-        std::cerr
-            << "Usage: fault-search [repeat] single|pairs|interleavings|random [PART PARTS]\n";
+        std::cerr << "Usage: fault-search [repeat] single|pairs|interleavings|allocations|random "
+                     "[PART PARTS]\n";
         return 2;
     }
     if (argc == 4) {

@@ -53,6 +53,7 @@ ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
 }
 
 ssize_t writeConsole(void* /*cookie*/, const char* bytes, std::size_t length) {
+    const OutsideTheTool outside;
     memory().console.append(bytes, length);
     tell('|' + std::string(bytes, length));
     fails(SystemCall::Print, {bytes, length});
@@ -80,7 +81,9 @@ std::string captureOutput(const std::function<void()>& action) {
 
 // In place of the C++ library's. Where they are put inline, g++ warns of pairs that do not match.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = size == MemorySystem::refusedAllocation ? nullptr : std::malloc(size);
+    const bool counts = MemorySystem::outside == 0 && MemorySystem::allocationsUntilFailure > 0;
+    const bool fails = counts && --MemorySystem::allocationsUntilFailure == 0;
+    void* const memory = fails ? nullptr : std::malloc(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
@@ -98,6 +101,7 @@ std::string captureOutput(const std::function<void()>& action) {
 extern "C" {
 
 int __wrap_open64(const char* name, int flags, ...) {
+    const OutsideTheTool outside;
     if (fails(SystemCall::Open, name)) {
         return -1;
     }
@@ -107,6 +111,7 @@ int __wrap_open64(const char* name, int flags, ...) {
 }
 
 int __wrap_mkstemp64(char* name) {
+    const OutsideTheTool outside;
     if (fails(SystemCall::CreateTemporary, name)) {
         return -1;
     }
@@ -117,6 +122,7 @@ int __wrap_mkstemp64(char* name) {
 }
 
 off64_t __wrap_lseek64(int number, off64_t offset, int origin) {
+    const OutsideTheTool outside;
     MemorySystem::OpenFile& file = memory().openFiles.at(number);
     if (fails(SystemCall::Seek, file.name)) {
         return -1;
@@ -128,6 +134,7 @@ off64_t __wrap_lseek64(int number, off64_t offset, int origin) {
 }
 
 ssize_t __wrap_read(int number, void* buffer, std::size_t length) {
+    const OutsideTheTool outside;
     MemorySystem::OpenFile& file = memory().openFiles.at(number);
     const std::string& content = memory().files[file.name];
     const std::size_t start = std::min(file.position, content.size());
@@ -138,6 +145,7 @@ ssize_t __wrap_read(int number, void* buffer, std::size_t length) {
 }
 
 ssize_t __wrap_write(int number, const void* bytes, std::size_t length) {
+    const OutsideTheTool outside;
     const std::string& name = memory().openFiles.at(number).name;
     const ssize_t count = countOf(SystemCall::Write, name, length);
     memory().files[name].append(static_cast<const char*>(bytes),
@@ -146,6 +154,7 @@ ssize_t __wrap_write(int number, const void* bytes, std::size_t length) {
 }
 
 int __wrap_close(int number) {
+    const OutsideTheTool outside;
     const auto found = memory().openFiles.find(number);
     if (found == memory().openFiles.end()) {
         return -1;
@@ -158,6 +167,7 @@ int __wrap_close(int number) {
 }
 
 int __wrap_rename(const char* from, const char* to) {
+    const OutsideTheTool outside;
     if (fails(SystemCall::Rename, from)) {
         return -1;
     }
@@ -175,6 +185,7 @@ int __wrap_rename(const char* from, const char* to) {
 }
 
 int __wrap_unlink(const char* name) {
+    const OutsideTheTool outside;
     return memory().files.erase(name) == 0 ? -1 : 0;
 }
 
@@ -183,12 +194,14 @@ int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    const OutsideTheTool outside;
     memory().mutexes[mutex] = std::to_string(memory().mutexes.size() + 1);
     return fails(SystemCall::InitMutex, mutex) ? errno
                                                : __real_pthread_mutex_init(mutex, attributes);
 }
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    const OutsideTheTool outside;
     if (fails(SystemCall::LockMutex, mutex)) {
         return errno;
     }
@@ -199,6 +212,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 
 // Fails only in what it answers, so that the next one to lock the mutex does not wait for ever.
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const OutsideTheTool outside;
     const int result = __real_pthread_mutex_unlock(mutex);
     const auto found = memory().mutexes.find(mutex);
     if (found != memory().mutexes.end() && !memory().held.empty()) {

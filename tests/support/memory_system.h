@@ -29,7 +29,10 @@ struct MemorySystem {
 
     static MemorySystem& instance();
 
-    static inline std::size_t refusedAllocation = 0;  // new fails for so many bytes; 0: never
+    // The nth allocation of the tool itself fails, counted down from here; 0: none does. What runs
+    // for it on the same thread, as a bus call or a system call, is outside.
+    static inline int allocationsUntilFailure = 0;
+    static inline int outside = 0;
 
     // Hears of what happens: text that is printed ("|" and the text), a message in the status file
     // ("= " and the message), files that are opened or closed.
@@ -51,6 +54,14 @@ struct MemorySystem {
     // Called at each system call with the name of its file, the text that is printed, or the number
     // of the mutex. The error number that it returns is what the call fails with; 0: it goes on.
     std::function<int(SystemCall call, const std::string& what)> before;
+};
+
+// Does not count as the tool's own, for a scope.
+struct OutsideTheTool {
+    OutsideTheTool() { ++MemorySystem::outside; }
+    ~OutsideTheTool() { --MemorySystem::outside; }
+    OutsideTheTool(const OutsideTheTool&) = delete;
+    OutsideTheTool& operator=(const OutsideTheTool&) = delete;
 };
 
 // Standard output of what `action` does.

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <stdexcept>
+#include <utility>
 
 #include "app/run.h"
 #include "common/vanid_text.h"
@@ -25,10 +27,12 @@ bool dropMessageWriter() {
     }
 }
 
-// Notes every call and every callback.
+// Records every call and every callback. Asked first, so that no interceptor's memory is the
+// tool's.
 class Recorder : public sim::Interceptor {
 public:
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
+        ++MemorySystem::outside;
         underWay.push_back(records.size());
         records.push_back(
             {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
@@ -39,6 +43,7 @@ public:
         record.call = call;
         record.took = sim::VirtualTime::instance().now() - record.time;
         underWay.pop_back();
+        --MemorySystem::outside;
     }
 
     std::vector<Record> records;
@@ -69,12 +74,17 @@ void runMain(const ToolSetup& setup, ToolRun& run) {
     }
     argv.push_back(nullptr);
     RunConfig config;
+    MemorySystem::outside = 0;
+    MemorySystem::allocationsUntilFailure = setup.failingAllocation;
     try {
         run.exitStatus = ::run(config, static_cast<int>(arguments.size()), argv.data()) & 0xff;
         run.ended = true;
     } catch (const sim::TimeLimitReached&) {
         run.ended = false;
+    } catch (const std::bad_alloc&) {
+        run.lacksMemory = true;
     }
+    run.allocationsLeft = std::exchange(MemorySystem::allocationsUntilFailure, 0);
     run.writerLeft = dropMessageWriter();
 }
 
@@ -111,8 +121,8 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
         }
     };
     Recorder recorder;
-    sim::interceptors() = interceptors;
-    sim::interceptors().push_back(&recorder);
+    sim::interceptors() = {&recorder};
+    sim::interceptors().insert(sim::interceptors().end(), interceptors.begin(), interceptors.end());
     auto bus = std::make_shared<sim::Bus>(setup.bus);
     sim::busOpener() = [&](const std::string&) {
         if (setup.onOpen) {

@@ -26,6 +26,7 @@ struct ToolSetup {
     sim::BusDescription bus;
     std::map<std::string, int> errors;      // of system calls: "read #5", "lock 1 #2" (mutex 1)
     std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
+    int failingAllocation = 0;              // of the tool, counted from 1; 0: none
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
 };
 
@@ -39,8 +40,10 @@ struct Record {
 
 // What can be seen of a run from outside.
 struct ToolRun {
-    bool ended = false;  // within the time limit
-    int exitStatus = 0;  // as the system gives it to the caller
+    bool ended = false;        // within the time limit
+    bool lacksMemory = false;  // which ended it, as nothing caught std::bad_alloc
+    int allocationsLeft = 0;   // until the failing one
+    int exitStatus = 0;        // as the system gives it to the caller
     std::string console;
     std::vector<std::string> messages;            // all that the status file held, in order
     std::map<std::string, std::string> filesNow;  // all files after the run

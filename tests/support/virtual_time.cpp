@@ -6,6 +6,8 @@
 #include <ctime>
 #include <utility>
 
+#include "support/memory_system.h"
+
 namespace sim {
 
 namespace {
@@ -86,6 +88,7 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 // In place of the system's functions.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
+    const OutsideTheTool outside;
     sim::VirtualTime& time = sim::VirtualTime::instance();
     if (time.beforeSleep) {
         time.beforeSleep(duration);
