@@ -13,17 +13,12 @@ using sim::Function;
 
 constexpr std::size_t kHeaderSize = 36;
 
-// Two devices get an image with content of that size; the first one with these fields.
-ToolSetup upgrade(std::size_t contentSize, const std::string& fields = "") {
-    ToolSetup run = describedRun(R"({"run": "-B -m mem:status mem:image", "members": [{"id": 1)" +
-                                 fields + R"(}, {"id": 2}]})");
+// A device gets an image with content of that size.
+ToolSetup upgrade(std::size_t contentSize) {
+    ToolSetup run =
+        describedRun(R"({"run": "-B -m mem:status mem:image", "members": [{"id": 1}]})");
     run.files["mem:image"] = makeImage(kDsp, kNewVersion, contentSize);
     return run;
-}
-
-bool bothHaveTheContent(const ToolRun& run) {
-    const std::string content = run.filesNow.at("mem:image").substr(kHeaderSize);
-    return run.contents[0] == content && run.contents[1] == content;
 }
 
 bool isAccepted(const std::string& commandLine) {
@@ -95,22 +90,6 @@ TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
         image.replace(20, 4, reinterpret_cast<const char*>(&size), 4).resize(kHeaderSize + size);
         EXPECT_EQ(progress(run), percents);
     }
-}
-
-ToolRun goingBack(const std::string& requests) {
-    return checkedRun(upgrade(1000, R"(, "faults": {"go_back": [)" + requests + "]}"));
-}
-
-TEST(Edges, ADeviceGoesBackOftenButNotForEver) {
-    const ToolRun recovered =
-        goingBack(R"({"at": 0, "to": 0, "times": 999}, {"at": 1, "to": 0, "times": 999})");
-    EXPECT_FALSE(recovered.printed("Removing Orvin"));
-    EXPECT_EQ(recovered.calls(Function::Data), 16 + (1 + 2) * 999);
-    EXPECT_TRUE(bothHaveTheContent(recovered));
-    const ToolRun endless = goingBack(R"({"at": 5, "to": 4, "times": 1000})");
-    EXPECT_TRUE(endless.printed("\nRemoving Orvin " + orvinText(1) +
-                                " due to endless go back (1000 requests)\n"));
-    EXPECT_TRUE(endless.printed("Successfully updated 1 Orvin: \n  " + orvinText(2)));
 }
 
 TEST(Edges, TheTransferSleepsWithoutTimerSlack) {

@@ -177,34 +177,6 @@ TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
     EXPECT_TRUE(group.allRejoined());
 }
 
-// A report of a fault may still be on its way when the callback was cleared. Here it comes when the
-// tool looks at the device list the nth time after an announcement.
-TEST_F(Group, CanLoseItsLastDeviceToALateFaultAtAnyMoment) {
-    add({1});
-    const std::tuple<const char*, int, int, const char*> cases[] = {
-        {"Upgrading 1 Orvin\n", 1, 0, "Removing image files from Orvins\n"},
-        {"Upgrading 1 Orvin\n", 2, 139,
-         "\nNo Orvins left; aborting\nFailed to transfer data to the Orvins\n"},
-        {"Retrying upgrade on following Orvin: \n", 1, 0, ""}};
-    for (const auto& [announcement, look, result, expected] : cases) {
-        int looks = -1;
-        memory.before = [&, start = announcement, last = look](SystemCall call,
-                                                               const std::string& what) {
-            looks = call == SystemCall::Print && what == start ? 0 : looks;
-            if (call == SystemCall::LockMutex && what == "1" && looks >= 0 && ++looks == last) {
-                group.onTransferResult(9, orvinId(1), 0);
-            }
-            return 0;
-        };
-        std::list<std::string> none;
-        const std::string console = captureOutput([&, expectedResult = result] {
-            EXPECT_EQ(upgradeImage({}, group, "mem:arm", none, none), expectedResult);
-        });
-        const std::string end = console.substr(console.find("callback (9 / 0x9)\n") + 19);
-        EXPECT_EQ(end.substr(0, end.find("\nWaiting for")), expected);
-    }
-}
-
 TEST_F(Group, WithoutDevicesWaitsForNone) {
     captureOutput([&] { EXPECT_TRUE(group.waitForRejoin()); });
     EXPECT_EQ(sim::VirtualTime::instance().now(), 0);

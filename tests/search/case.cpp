@@ -24,7 +24,7 @@ public:
             return;  // a callback's own
         }
         const std::size_t index = acquisitions.size();
-        acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, reportsReturns});
+        acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, isRegistered});
         for (const Fault& fault : faults) {
             if (fault.place == Place::Lock && fault.call == index) {
                 strikeAtLock(fault);
@@ -68,9 +68,8 @@ private:
             packet.reset();
         } else if (call.function == sim::Function::Data) {
             packet = call.given[0];
-        } else if (call.function == sim::Function::SetBusChangeCallback) {
-            reportsReturns = call.text == talm::slotText(true);
         }
+        isRegistered |= call.text == talm::slotText(true);
     }
 
     void strikeAtLock(const Fault& fault) {
@@ -90,7 +89,7 @@ private:
     bool failsToClear(const sim::Call& call) const {
         return call.text == talm::slotText(false) &&
                std::any_of(faults.begin(), faults.end(),
-                           [](const Fault& fault) { return fault.place == Place::Callback; });
+                           [](const Fault& fault) { return fault.place == Place::Lock; });
     }
 
     void callBack(const Fault& fault) const {
@@ -110,10 +109,6 @@ private:
         }
         if (fault.place == Place::Link) {
             bus->dropLink(fault.value);
-        } else if (fault.place == Place::Callback) {
-            if (letsCallbacksIn(call.function)) {
-                callBack(fault);
-            }
         } else if (fault.place == Place::Power) {
             bus->interrupt(*parseStrictVanid(fault.device), fault.value);
         } else {
@@ -126,7 +121,7 @@ private:
     std::size_t calls = 0;
     int callbacks = 0;                   // under way
     std::optional<std::int64_t> packet;  // in flight
-    bool reportsReturns = false;
+    bool isRegistered = false;
 };
 
 }  // namespace
@@ -182,12 +177,6 @@ ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions) {
         *acquisitions = std::move(injector.acquisitions);
     }
     return run;
-}
-
-bool letsCallbacksIn(sim::Function function) {
-    using sim::Function;
-    return function != Function::OrvinInfo && function != Function::WriteRequest &&
-           function != Function::CheckImage && function != Function::StartUpdate;
 }
 
 std::string deviceOf(const sim::Call& call) {

@@ -29,7 +29,7 @@ enum class Harm {
 };
 
 // Where a fault strikes. Of two at one place only one is used.
-enum class Place { Result, Link, Power, Packet, Callback, Lock };
+enum class Place { Result, Link, Power, Packet, Lock };
 
 // Something that goes wrong at one of the tool's calls.
 struct Fault {
@@ -72,15 +72,12 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
 // The tool's own thread takes the lock of the device list, for which callbacks may have waited.
 struct Acquisition {
     std::size_t pending = 0;             // events of the bus
-    std::optional<std::int64_t> packet;  // that the devices may report about
-    bool reportsReturns = false;
+    std::optional<std::int64_t> packet;  // in flight, while the transfer goes on
+    bool isRegistered = false;           // a callback may come, as one was set before
 };
 
 // Appends all acquisitions of the run, unless the list is null.
 ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions = nullptr);
-
-// Whether the tool makes the call without the lock for which a callback would wait.
-bool letsCallbacksIn(sim::Function function);
 
 // The identifier of the device that a call goes to; empty for none.
 std::string deviceOf(const sim::Call& call);

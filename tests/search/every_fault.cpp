@@ -94,25 +94,12 @@ bool answersAtOnce(const sim::MemberDescription& device) {
     return device.timing.acknowledge < kPoll && device.timing.acknowledgeJitter == 0;
 }
 
-// Callbacks that come though they were cleared.
-void addLateCallbacks(std::vector<Fault>& faults, const std::string& device) {
-    for (const auto& [result, harm] : {std::pair{9, Harm::Device}, {17, Harm::None}}) {
-        faults.push_back({Place::Callback, device, harm, "reports late:", result, false,
-                          Function::TransferCallback});
-    }
-    faults.push_back({Place::Callback, device, Harm::Device, "is reported late, event", 0, false,
-                      Function::BusChangeCallback});
-}
-
 void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std::string& device,
                      const sim::Call& call) {
     for (const Microseconds duration : {4 * kSecond, kForEver}) {
         faults.push_back({Place::Power, device, Harm::Device, "away for us:", duration});
     }
     if (call.function != Function::Data) {
-        if (letsCallbacksIn(call.function)) {
-            addLateCallbacks(faults, device);
-        }
         return;
     }
     const auto& members = searched.setup.bus.members;

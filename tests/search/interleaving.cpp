@@ -21,10 +21,13 @@ std::vector<Case> baseCases() {
     goesBack.name = "goes back";
     goesBack.setup.bus.members[0].faults.packets = {PacketFault::next(PacketFault::Kind::GoBack)};
     goesBack.setup.bus.members[0].faults.packets[0].number = 1;
-    return {equal, slow, goesBack, baseCase("returns", 2, {"-B"}, {arm})};
+    const Image booster = imageOf("booster", kBooster, kNewVersion, 12);
+    return {equal, slow, goesBack, baseCase("returns", 2, {"-B"}, {arm}),
+            baseCase("again", 1, {"-B"}, {booster, imageOf("short", kDsp, kNewVersion, 12)})};
 }
 
-// Brings events forward. A device that asks to go back while the transfer goes on is served.
+// Events of the bus come early, and devices report what they like, also though the callback was
+// cleared. A device that asks to go back while the transfer goes on is served.
 std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
                                const Acquisition& acquisition) {
     std::vector<Fault> all;
@@ -39,13 +42,16 @@ std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
                            Function::TransferCallback,
                            PacketFault::next(PacketFault::Kind::GoBack)});
         }
-        if (acquisition.packet) {
-            all.push_back({Place::Lock, device, Harm::Device, "reports", 9, false,
-                           Function::TransferCallback});
+        if (!acquisition.isRegistered) {
+            continue;
         }
-        if (acquisition.reportsReturns) {
-            all.push_back({Place::Lock, device, Harm::Device, "is reported, event", 0, false,
-                           Function::BusChangeCallback});
+        all.push_back(
+            {Place::Lock, device, Harm::Device, "reports", 9, false, Function::TransferCallback});
+        all.push_back({Place::Lock, device, Harm::Device, "is reported, event", 0, false,
+                       Function::BusChangeCallback});
+        if (!acquisition.packet) {
+            all.push_back({Place::Lock, device, Harm::None, "reports late:", 17, false,
+                           Function::TransferCallback});
         }
     }
     for (Fault& fault : all) {

@@ -101,7 +101,14 @@ private:
         for (const Attempt& attempt : attempts) {
             require(attempt.number <= 2, "more than two attempts");
         }
-        require(notUpgraded.empty() || (!attempts.empty() && attempts.back().number == 2),
+        for (std::size_t at = 0; (at = run.console.find("\nUpgrading ", at)) != std::string::npos;
+             ++at) {
+            const std::string rest = run.console.substr(at, run.console.find(kNextImage, at) - at);
+            require(contains(rest, "Update took") || contains(rest, "Failed to transfer data") ||
+                        contains(rest, "Removing image files"),
+                    "announces an upgrade that does not come");
+        }
+        require(notUpgraded.empty() || run.printed("Retrying upgrade on following "),
                 "not tried again");
     }
 
@@ -239,9 +246,11 @@ private:
         require(isDropped(attempt.transfer, device) || attempt.updated.count(device) != 0 ||
                     contains(attempt.transfer, "Error in sendChunk(): "),
                 "left without a word", device);
-        const bool retried = number + 1 < attempts.size() && attempts[number + 1].number == 2 &&
-                             !attempts[number + 1].devices[device][Function::WriteRequest].empty();
-        require(!attempt.answersOtherwise(device) || attempt.isDroppedLate(device) || retried ||
+        // From the announcement of another attempt on; a late report may stand between its lines.
+        const std::string later = run.console.substr(
+            attempt.end, run.console.find(kNextImage, attempt.end) - attempt.end);
+        require(!attempt.answersOtherwise(device) || attempt.isDroppedLate(device) ||
+                    contains(later, "\n  " + device) || isDropped(later, device) ||
                     notUpgraded.count(device) != 0,
                 "runs another version, and the tool does not say so", device);
     }

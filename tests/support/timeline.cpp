@@ -151,26 +151,32 @@ Timeline::Entries Timeline::joined(const Entries& entries) {
 }
 
 // How often the entries of that length come again behind these: each time as much later, and
-// perhaps with the next packet, or with another device where they have one.
+// perhaps with the next packet, another per cent, or another device where they have one.
 std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
+    if (begin + length >= entries.size()) {
+        return 0;
+    }
     const auto hasDevice = [](const Entry& entry) { return !entry.device.empty(); };
-    const auto first = entries.begin() + static_cast<std::ptrdiff_t>(begin);
-    const auto last = first + static_cast<std::ptrdiff_t>(std::min(length, entries.size() - begin));
-    const bool isForOneDevice = std::count_if(first, last, hasDevice) == 1;
-    const auto isRepeated = [&](std::size_t at) {
-        const Entry& now = entries[at];
-        const Entry& again = entries[at + length];
+    const auto hasPacket = [](const Entry& entry) { return entry.packet.has_value(); };
+    const Entry* const first = &entries[begin];
+    const Entry* const second = first + length;
+    const bool isForOneDevice = std::count_if(first, second, hasDevice) == 1;
+    const Entry* const sent = std::find_if(first, second, hasPacket);
+    const std::int64_t step =
+        sent != second && hasPacket(sent[length]) ? *sent[length].packet - *sent->packet : 0;
+    const auto isRepeated = [&](const Entry& now, const Entry& again) {
         return isSameButForPercent(now.event, again.event) && now.details == again.details &&
                (isForOneDevice ? hasDevice(now) == hasDevice(again) : now.device == again.device) &&
-               now.held == again.held && now.packet.has_value() == again.packet.has_value() &&
-               again.packet.value_or(1) - now.packet.value_or(0) == 1 &&
-               again.time - now.time == entries[begin + length].time - entries[begin].time;
+               now.held == again.held && hasPacket(now) == hasPacket(again) &&
+               again.packet.value_or(step) - now.packet.value_or(0) == step &&
+               again.time - now.time == second->time - first->time;
     };
-    std::size_t end = begin;
-    while (end + length < entries.size() && isRepeated(end)) {
-        ++end;
+    std::size_t same = 0;
+    while (begin + same + length < entries.size() &&
+           isRepeated(first[same], first[same + length])) {
+        ++same;
     }
-    return (end - begin) / length;
+    return same / length;
 }
 
 std::string Timeline::linesOf(const Entry& entry, bool withTime) {

@@ -140,9 +140,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
     run.filesNow = memory.files;
     run.filesOpen = memory.openFiles.size();
     for (const sim::MemberDescription& member : setup.bus.members) {
-        const sim::Device& device = *bus->findDevice(member.id);
-        run.contents.emplace_back(device.content().begin(), device.content().end());
-        run.versions.push_back(device.installedVersions());
+        run.versions.push_back(bus->findDevice(member.id)->installedVersions());
     }
     run.records = std::move(recorder.records);
     return run;

@@ -50,8 +50,7 @@ struct ToolRun {
     std::size_t filesOpen = 0;                    // that the tool has not closed
     bool writerLeft = false;                      // the tool's message writer was still there
     std::vector<Record> records;
-    std::vector<std::string> contents;    // what each member of the bus received last
-    std::vector<sim::Versions> versions;  // that each one runs at the end
+    std::vector<sim::Versions> versions;  // that the members of the bus run at the end
 
     bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
     int calls(sim::Function function) const;
