@@ -49,7 +49,7 @@ constexpr char kStart[] =
     "Using locale C\n"
     "Using locales from /nowhere\n"
     "Using text domain orvin-firmware-upgrade\n"
-    ">> Orvin Firmware upgrade v0.20.5\n";
+    ">> Orvin Firmware upgrade v" ORVIN_VERSION "\n";
 
 TEST_F(Program, EndsItselfAtVersionAndHelp) {
     const Result version = shell("orvin-firmware-upgrade -v -x");
@@ -77,7 +77,7 @@ TEST_F(Program, TellsTheVersionOfThePackageAndItsHelp) {
         const Result told =
             shell("set -e; for option in --version --help; do " + name + " $option; done");
         EXPECT_EQ(told.exitStatus, 0) << told.error;
-        EXPECT_EQ(told.output.rfind(name + " 0.20.5\n", 0), 0U) << told.output;
+        EXPECT_EQ(told.output.rfind(name + " " ORVIN_VERSION "\n", 0), 0U) << told.output;
         EXPECT_TRUE(contains(told.output, "sage: " + name + ' ')) << told.output;
     }
     const std::string create = shell("orvin-image create --help").output;

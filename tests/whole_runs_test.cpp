@@ -1,12 +1,13 @@
 // Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
-// what came of it: the exit status, and what happened in which order, as in support/timeline.h.
-// After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the
-// difference before you commit it.
+// what came of it: the exit status, and what happened in which order, as in support/timeline.h,
+// with VERSION for the tool's version. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes
+// the outcomes anew; read the difference before you commit it.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 
 #include "support/described_run.h"
 #include "support/files.h"
@@ -17,8 +18,10 @@ namespace {
 std::string storyOf(const ToolSetup& setup) {
     Timeline timeline;
     const ToolRun run = checkedRun(setup, {&timeline});
-    std::string text = timeline.text() + "exit status " + std::to_string(run.exitStatus) +
-                       (run.writerLeft ? ", message writer left" : "") + '\n';
+    std::string text =
+        std::regex_replace(timeline.text(), std::regex(" v[0-9.]+\n"), " vVERSION\n") +
+        "exit status " + std::to_string(run.exitStatus) +
+        (run.writerLeft ? ", message writer left" : "") + '\n';
     for (const auto& file : run.filesNow) {
         text +=
             file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
