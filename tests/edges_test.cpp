@@ -1,4 +1,4 @@
-// Runs at the edges of times, sizes and counts, of which only a number or two are of interest.
+// Runs at the limits of times, sizes and counts; each test looks at only a number or two.
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -36,7 +36,7 @@ TEST(Edges, TheCommandLineHasToDescribeAMode) {
     }
 }
 
-// Initializes no handle.
+// Makes TalmApiInitialize fail.
 class NoHandle : public sim::Interceptor {
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         const bool steps = call.function == Function::Initialize;
@@ -80,7 +80,7 @@ TEST(Edges, ProgressRoundsUpInStepsOfFive) {
               "0 5 10 15 20 25 30 35 40 45 50 55 60 65 70 75 80 85 90 95 100 ");
 }
 
-// A hundredfold of what is left fits 32 bits up to 42,949,672 bytes.
+// Progress computes 100 times the rest of the content, which fits 32 bits up to 42,949,672 bytes.
 TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     ToolSetup run = upgrade(0);
     run.bus.callFaults = {{Function::Data, std::nullopt, {true, 0, {}}}};

@@ -6,15 +6,15 @@
 
 namespace {
 
-// Longer than both attempts with three images for 63 devices take, and all the requests to go back
-// that faults that stay can make.
+// Longer than both attempts with three images for 63 devices, plus all requests to go back that
+// permanent faults can make.
 sim::Microseconds timeLimit(const Case& searched) {
     const auto staying = std::count_if(searched.faults.begin(), searched.faults.end(),
                                        [](const Fault& fault) { return fault.last > fault.call; });
     return (500'000 + 1'000'000 * staying) * kSecond;
 }
 
-// Lets the faults strike at their calls.
+// Injects the faults at their calls.
 class Injector : public sim::Interceptor {
 public:
     explicit Injector(const Case& searched) : faults(searched.faults) {}

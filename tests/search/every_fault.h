@@ -15,7 +15,7 @@ Case baseCase(const std::string& name, int orvins, const std::vector<std::string
 std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);
 
 // Each base case, alone and with every fault at every call.
-// Cases are made only when they are run.
+// A case is made only when it is run.
 using Visit = std::function<void(const std::function<Case()>& make)>;
 void forEachSingle(const Visit& visit);
 

@@ -16,8 +16,8 @@
 
 namespace {
 
-// The link wait's failure, or an aborted run, leaves the writer to the end of the process, which is
-// not here. False when there is none.
+// After a failed wait for the link or an aborted run, the writer lives until the process ends.
+// Tests continue, so they drop it here. False if there is none.
 bool dropMessageWriter() {
     try {
         delete MessageWriter::instance();

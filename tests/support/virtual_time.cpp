@@ -58,7 +58,7 @@ void VirtualTime::advance(Microseconds duration) {
         time = std::max(time, events.begin()->first);
         run(events.begin());
     }
-    time = std::max(time, end);  // an event may have slept itself
+    time = std::max(time, end);  // an event may itself have slept
 }
 
 void VirtualTime::run(std::multimap<Microseconds, Entry>::iterator entry) {
@@ -85,7 +85,7 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 
 }  // namespace sim
 
-// In place of the system's functions.
+// Replace the functions of the system.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
     const OutsideTheTool outside;
