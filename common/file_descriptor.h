@@ -5,11 +5,11 @@
 
 #include <utility>
 
-// Owns an open file, or none, and closes it at its end. Not for several threads at once.
+// Owns an open file, or none, and closes it on destruction. Not thread-safe.
 class FileDescriptor {
 public:
     FileDescriptor() = default;
-    explicit FileDescriptor(int opened) : number(opened) {}  // what open returned, also below 0
+    explicit FileDescriptor(int opened) : number(opened) {}  // the result of open; -1: none
     FileDescriptor(FileDescriptor&& other) noexcept : number(std::exchange(other.number, -1)) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         std::swap(number, other.number);
@@ -20,7 +20,7 @@ public:
     bool isOpen() const { return number >= 0; }
     int get() const { return number; }
 
-    // False, with errno set, when what was written may be lost. True when none is open.
+    // False, with errno set, if written data may be lost. True if no file is open.
     bool close() {
         const int closed = std::exchange(number, -1);
         return closed < 0 || ::close(closed) == 0;

@@ -6,8 +6,8 @@
 
 namespace firmware {
 
-// The sum that the simulated devices compute over the content they received and compare with the
-// image's `contentChecksum`: CRC-16 with the polynomial 0x1021, starting at 0xffff.
+// The checksum that simulated devices compute over the received content and compare with the
+// image's `contentChecksum`: CRC-16 with the polynomial 0x1021 and the initial value 0xffff.
 class Checksum {
 public:
     void add(const std::uint8_t* bytes, std::size_t length);

@@ -8,8 +8,8 @@
 
 namespace firmware {
 
-// What a simulated device finds at the start of the content that it installs, and the only place
-// from which it learns what the firmware is for and which version it has (docs/image-format.md).
+// The start of the content for a simulated device. The device reads target and version of the
+// firmware only from here (docs/image-format.md).
 struct Descriptor {
     static constexpr std::size_t kSize = 12;
 
@@ -18,7 +18,7 @@ struct Descriptor {
 
     std::array<std::uint8_t, kSize> encode() const;
 
-    // None when the content does not begin with a descriptor.
+    // None if the content does not begin with a descriptor.
     static std::optional<Descriptor> decode(const std::uint8_t* content, std::size_t length);
 };
 

@@ -14,9 +14,9 @@ constexpr std::uint32_t codeOf(FirmwareTarget target) {
     return static_cast<std::uint32_t>(target);
 }
 
-// Whether the firmware is for a processor beside the main one. The tool installs it after the main
-// processor's images, and the device stays on the bus meanwhile; any other firmware makes the
-// device restart.
+// Whether the firmware is for an auxiliary processor. The tool installs it after the images for the
+// main processor, and the device stays on the bus meanwhile. The device restarts after any other
+// firmware.
 constexpr bool isAuxiliaryTarget(std::uint32_t device) {
     return device == codeOf(FirmwareTarget::Dsp) || device == codeOf(FirmwareTarget::BoosterArm);
 }

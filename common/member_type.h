@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// The type codes of bus members that programs treat in a way of their own.
+// The type codes of bus members that the programs distinguish.
 constexpr std::uint8_t kBusMasterType = 16;
 constexpr std::uint8_t kOrvinType = 64;
 

@@ -3,8 +3,8 @@
 
 #include <string>
 
-// The text with a question mark for every control character, so that a file's name or contents can
-// neither begin a line of their own in an output nor steer a terminal.
+// Replaces every control character by a question mark, so that the name or content of a file can
+// neither start a new line of output nor control a terminal.
 std::string onOneLine(std::string text);
 
 #endif

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr mode_t kNewFileMode = 0666;  // less the umask
+constexpr mode_t kNewFileMode = 0666;  // before the umask
 
 bool writeAll(const FileDescriptor& file, std::string_view content) {
     while (!content.empty()) {
@@ -26,7 +26,7 @@ bool writeAll(const FileDescriptor& file, std::string_view content) {
     return true;
 }
 
-// Removes the file, unless it got another name by then.
+// Removes the temporary file on destruction, unless `path` was cleared after the rename.
 struct TemporaryName {
     std::string path;
 
@@ -39,10 +39,10 @@ struct TemporaryName {
     }
 };
 
-// The path without links at its end, even where the last one leads to no file. Empty, with the
-// reason in errno, when they go in a circle.
+// Resolves the symbolic links at the end of the path; the target need not exist. Empty, with the
+// reason in errno, if the links form a cycle.
 std::string followLinks(const std::string& path) {
-    constexpr int kMostLinks = 40;  // as the system
+    constexpr int kMostLinks = 40;  // the limit of the system
     std::filesystem::path file = path;
     for (int links = 0; links <= kMostLinks; ++links) {
         std::error_code noLink;
@@ -63,7 +63,7 @@ mode_t defaultMode() {
 }
 
 bool writeInPlace(const std::string& path, std::string_view content) {
-    // Without O_NONBLOCK, to open a pipe is to wait for its reader.
+    // Without O_NONBLOCK, opening a pipe blocks until it has a reader.
     FileDescriptor file(open(path.c_str(), O_WRONLY | O_NONBLOCK));
     if (!file.isOpen()) {
         return false;

@@ -30,15 +30,15 @@ void appendItem(std::string& list, std::int64_t number) {
     list += ',';
 }
 
-// Microseconds as seconds.
+// Formats microseconds as seconds.
 void appendTime(std::string& text, Microseconds time) {
     constexpr Microseconds kSecond = 1'000'000;
     appendNumber(text, time / kSecond);
-    const std::string digits = std::to_string(kSecond + time % kSecond);  // with all its zeros
+    const std::string digits = std::to_string(kSecond + time % kSecond);  // keeps leading zeros
     text += '.' + digits.substr(1);
 }
 
-// The fields of a line, each with a comma in front.
+// Appends fields to a line, separated by commas.
 class Fields {
 public:
     explicit Fields(std::string& line) : text(line) {}
@@ -47,12 +47,12 @@ public:
         begin(name);
         appendNumber(text, number);
     }
-    // Text that needs no escapes.
+    // For text that needs no escapes.
     void addPlain(const char* name, const std::string& plain) {
         begin(name);
         text += '"' + plain + '"';
     }
-    // Bytes that are no text are shown as such.
+    // Replaces bytes that are not UTF-8.
     void addJson(const char* name, const Json& json) {
         begin(name);
         text += json.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -118,7 +118,7 @@ void addCall(Fields& line, const Call& call) {
     }
 }
 
-// One character, so that a line stays short.
+// One character for each thread keeps the line short.
 char threadMark(std::uint32_t thread) {
     constexpr char kMarks[] = "0123456789abcdefghijklmnopqrstuvwxyz";
     return thread < sizeof kMarks - 1 ? kMarks[thread] : '?';
@@ -131,7 +131,7 @@ void addBeginning(Fields& line, const Moment& moment, bool withThread) {
     }
 }
 
-// None where the system does not tell.
+// Empty if /proc is not available.
 std::vector<std::string> commandLine() {
     std::vector<std::string> arguments;
     std::FILE* const file = std::fopen("/proc/self/cmdline", "re");
@@ -203,7 +203,7 @@ void Lines::addAcknowledgement(const Moment& moment, const vanid_t& device, std:
     pending.last = moment.at;
 }
 
-// Devices mostly acknowledge in the same order, so the search begins after the last one.
+// Devices usually acknowledge in the same order, so the search begins after the last device.
 std::uint32_t Lines::numberOf(const vanid_t& device) {
     for (std::size_t i = 0; i < devices.size(); ++i) {
         lastDevice = lastDevice + 1 < devices.size() ? lastDevice + 1 : 0;
@@ -227,7 +227,7 @@ void Lines::finishAcknowledgements() {
     if (pending.by.empty()) {
         return;
     }
-    pending.by.pop_back();  // the last comma
+    pending.by.pop_back();  // the trailing comma
     pending.after.pop_back();
     text += '{';
     Fields line(text);
@@ -250,7 +250,7 @@ std::string Lines::take(bool isLast) {
     if (isLast || pending.timesLeft++ == kMostTimesLeft) {
         finishAcknowledgements();
     }
-    constexpr int kRepeatBy = 10;  // so that a damaged line spoils little of what follows
+    constexpr int kRepeatBy = 10;  // limits the damage that one unreadable line does
     if (++timesTaken % kRepeatBy == 0) {
         lastBy.clear();
     }

@@ -12,29 +12,29 @@ namespace recording {
 using talm::Call;
 using Microseconds = std::int64_t;
 
-// When a call or a callback began, in microseconds since the recording did, and how long it took.
+// Time and thread of a call or a callback.
 struct Moment {
-    Microseconds at = 0;
-    Microseconds took = 0;
-    std::uint32_t thread = 1;  // counted as the threads first appear
+    Microseconds at = 0;       // when it began, since the start of the recording
+    Microseconds took = 0;     // its duration
+    std::uint32_t thread = 1;  // numbered in the order of their first appearance
 };
 
-// Writes calls and callbacks as the lines of a recording, in the order in which they are added. One
-// thread at a time.
+// Formats calls and callbacks as the lines of a recording, in the order in which they are added.
+// Not thread-safe.
 class Lines {
 public:
-    // The first line: its beginning, which is the format's version and, unless it is empty, the
-    // invocation of orvin-record; then the time and this process's command line.
+    // Adds the first line: beginningOfHeader, the time, and the command line of this process.
     void addHeader(const std::string& invocation);
+    // The version of the format and, unless it is empty, the invocation of orvin-record.
     static std::string beginningOfHeader(const std::string& invocation);
 
     void add(const Moment& moment, const Call& call);
 
-    // A transfer callback with result 0. These share a line, packet by packet.
+    // Adds a transfer callback with result 0. All acknowledgements of a packet share one line.
     void addAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
-    // The lines that were added since the last time. Acknowledgements that may still get company
-    // stay for a few times, unless it is the last one.
+    // Returns the lines since the last call. Keeps an incomplete line of acknowledgements back for
+    // at most three calls, so that later ones can join it; the last call returns everything.
     std::string take(bool isLast);
 
 private:
@@ -42,23 +42,23 @@ private:
     void finishAcknowledgements();
 
     std::string text;
-    std::vector<vanid_t> devices;  // those that have a number, from 1 on
-    std::size_t lastDevice = 0;    // the index of the one that was looked up last
+    std::vector<vanid_t> devices;  // the index is the number of the device minus 1
+    std::size_t lastDevice = 0;    // index of the last device that numberOf found
 
-    // The acknowledgements that will share the next line.
+    // The acknowledgements for the next line.
     struct Acknowledgements {
         Moment first;
         Microseconds last = 0;
         std::uint32_t packet = 0;
-        std::string by;       // numbers with a comma behind each; empty: there are none
-        std::string after;    // microseconds, likewise
-        std::string threads;  // a character for each
-        bool oneThread = true;
-        int timesLeft = 0;  // so often, take() did not take them
+        std::string by;         // device numbers, each followed by a comma; empty: no line pending
+        std::string after;      // microseconds, each followed by a comma
+        std::string threads;    // one character for each acknowledgement
+        bool oneThread = true;  // all came on the same thread
+        int timesLeft = 0;      // how often take() kept them back
     };
     Acknowledgements pending;
-    std::string lastBy;  // of the last line that has it
-    int timesTaken = 0;
+    std::string lastBy;  // the value of "by" in the last line that has it
+    int timesTaken = 0;  // calls of take()
 };
 
 }  // namespace recording

@@ -1,5 +1,5 @@
-// Stands in front of the bus libraries, when the loader is told to load it first: records every
-// call and every callback, and passes it on. Nothing that goes wrong here reaches the program.
+// The recorder, a library that LD_PRELOAD puts in front of the bus libraries. It forwards every
+// call and every callback, and records it. Its own errors do not affect the program.
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -32,8 +32,8 @@ Microseconds clockNow() {
 }
 
 std::once_flag started;
-// Set before the first call is passed on, and not changed after that.
-Recording* current = nullptr;  // null: there is none
+// The first call sets these before it is forwarded; later they do not change.
+Recording* current = nullptr;  // null: nothing is recorded
 Microseconds startedAt = 0;
 pid_t recordedProcess = 0;
 
@@ -41,7 +41,7 @@ Microseconds now() {
     return clockNow() - startedAt;
 }
 
-// Begins with the first call of the bus: a program without any is not recorded.
+// Runs at the first call of the bus: a program without such a call is not recorded.
 void start() {
     startedAt = clockNow();
     recordedProcess = getpid();
@@ -51,7 +51,7 @@ void start() {
     }
     try {
         const char* const invocation = std::getenv("ORVIN_RECORD_INVOCATION");
-        // Never freed: a callback may come as long as the process runs.
+        // Never freed, because callbacks may come until the process ends.
         current = new Recording(path, invocation == nullptr ? "" : invocation);
     } catch (const std::exception& error) {
         recording::complain(std::string("recording '") + path +
@@ -59,7 +59,7 @@ void start() {
     }
 }
 
-// Has `append` add to the recording, if there is one.
+// Calls `append` with the recording, if there is one.
 template <typename Append>
 void record(Append append) {
     if (current == nullptr) {
@@ -78,14 +78,14 @@ Signature* find(const char* name) {
     if (void* const found = dlsym(RTLD_NEXT, name)) {
         return reinterpret_cast<Signature*>(found);
     }
-    // What the loader does where a library lacks a function.
+    // As the loader does when a library lacks a function.
     std::fprintf(stderr, "%s\n", dlerror());
     _exit(127);
 }
 
 #define NEXT(function) static auto* const next = find<decltype(function)>(#function)
 
-// Carries the call out and records it; `fillIn` adds what it wrote.
+// Executes the call and records it; `fillIn` adds its arguments and outputs.
 template <typename CarryOut, typename FillIn>
 int pass(const std::optional<vanid_t>& device, Function function, CarryOut carryOut,
          FillIn fillIn) {
@@ -104,7 +104,7 @@ int pass(const std::optional<vanid_t>& device, Function function, CarryOut carry
 
 // ---- callbacks ----
 
-// What the program has set. Never freed: a callback may still be on its way.
+// The slot that the program has set. Never freed, because a callback may still use it.
 struct RegisteredSlot {
     CallbackSlot slot;
     RegisteredSlot* previous;
@@ -135,7 +135,7 @@ void onBusChange(void* argument, const vanid_t* member, uint32_t event) {
     reinterpret_cast<BusChangeCallback>(program.function)(program.userArgument, member, event);
 }
 
-// The slot to set in place of the program's: `callback`, which records and calls the program's.
+// The slot to set instead of the program's: `callback` records and then calls the program's.
 CallbackSlot recordingSlot(void (*callback)(), const CallbackSlot& slot) {
     if (slot.function == nullptr) {
         return slot;
@@ -153,7 +153,7 @@ void fillInSlot(Call& call, const CallbackSlot& slot, std::vector<std::int64_t> 
     call.text = talm::slotText(slot.function != nullptr);
 }
 
-// A child that the process forked has no writer to wait for.
+// A forked child has no writer thread to wait for.
 __attribute__((destructor)) void finish() {
     if (current != nullptr && getpid() == recordedProcess) {
         current->finish();

@@ -23,10 +23,10 @@ namespace {
 constexpr std::chrono::milliseconds kBetweenWrites{200};
 constexpr std::chrono::seconds kLongestWrite{5};
 constexpr std::size_t kUsualBatch = 10'000;
-constexpr std::size_t kMostInMemory = 1'000'000;  // some 50 MB, when the disk does not answer
+constexpr std::size_t kMostInMemory = 1'000'000;  // some 50 MB, if the disk does not answer
 
-// While there is one, the threads that start take no signals: those belong to the recorded program,
-// and a write that one would interrupt fails instead.
+// Blocks all signals in threads that start during its lifetime: signals belong to the recorded
+// program, and an interrupted write would end the recording.
 class NoSignals {
 public:
     NoSignals() {
@@ -40,7 +40,7 @@ private:
     sigset_t before{};
 };
 
-constexpr mode_t kMode = 0666;  // less the umask
+constexpr mode_t kMode = 0666;  // before the umask
 
 [[noreturn]] void failWithErrno(const char* what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
@@ -63,7 +63,7 @@ std::uint32_t threadNumber() {
 
 Recording::Recording(const std::string& pathOfFile, const std::string& invocation)
     : path(pathOfFile),
-      // The opening waits for no reader, if it is a pipe; the writing may.
+      // O_NONBLOCK: opening a pipe does not wait for a reader. Writing may block.
       file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode)) {
     if (!file.isOpen()) {
         failWithErrno("cannot be opened");
@@ -87,8 +87,8 @@ Recording::~Recording() {
     writer.join();
 }
 
-// Only with the lock, so that no run loses what it is recording. A command may start the tool
-// several times; each finds by the first line that the file is its command's own.
+// Needs the lock, so that no other run is recording in the file. A command may start the tool
+// several times; each run recognises a file of the same command by its first line.
 void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
     struct stat status {};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -186,7 +186,7 @@ void Recording::writeBatch(bool isLast) {
     }
 }
 
-// False with errno set.
+// On failure, returns false with errno set.
 bool Recording::write(const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = ::write(file.get(), &text[done], text.size() - done);

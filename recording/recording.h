@@ -13,14 +13,12 @@
 
 namespace recording {
 
-// A file with what happens on a bus. A thread of its own writes it several times a second, so that
-// no caller waits for a disk. What goes wrong ends the recording, with one line on standard error.
-// Any thread may call.
+// Records a bus in a file. Its own thread writes the file several times a second, so that no caller
+// waits for the disk. An error ends the recording with one line on standard error. Thread-safe.
 class Recording {
 public:
-    // Appends to the file, which is emptied before if it is a regular one that another invocation
-    // of orvin-record began; without an invocation it is not emptied. Throws std::exception with a
-    // reason in one line.
+    // Appends to the file. If `invocation` is given, first empties a regular file that another
+    // invocation of orvin-record began. Throws std::exception with a reason of one line.
     explicit Recording(const std::string& pathOfFile, const std::string& invocation = "");
     ~Recording();
     Recording(const Recording&) = delete;
@@ -29,27 +27,27 @@ public:
     // Throws std::bad_alloc.
     void append(const Moment& moment, const Call& call);
 
-    // A transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
+    // Appends a transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
     void appendAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
-    // Takes nothing more; standard error tells the reason, the first time.
+    // Stops recording. The first call prints the reason on standard error.
     void fail(const std::string& reason);
 
-    // Takes nothing more, and waits until all is written, but not for a disk that does not answer.
+    // Stops recording and waits until all entries are written, at most kLongestWrite.
     void finish();
 
 private:
     struct Entry {
         Moment moment;
-        std::unique_ptr<const Call> call;  // null: an acknowledgement, of the device for the packet
+        std::unique_ptr<const Call> call;  // null: `device` acknowledges `packet`
         vanid_t device;
         std::uint32_t packet;
     };
 
     enum class State {
-        Open,       // entries are taken
-        Failed,     // none is taken or written any more
-        Finishing,  // the writer is to write what is pending, and to end
+        Open,       // append accepts entries
+        Failed,     // no entry is accepted or written any more
+        Finishing,  // the writer writes the pending entries and ends
         Finished,   // the writer has ended
     };
 
@@ -62,10 +60,10 @@ private:
 
     const std::string path;
     FileDescriptor file;
-    Lines lines;  // the writer's alone, like the batch
+    Lines lines;  // only the writer uses lines and batch
     std::vector<Entry> batch;
 
-    std::mutex mutex;  // guards what follows
+    std::mutex mutex;  // guards pending and state
     std::vector<Entry> pending;
     State state = State::Open;
     std::condition_variable changed;
@@ -73,10 +71,10 @@ private:
     std::thread writer;
 };
 
-// Writes the line to standard error, unless that would wait for a reader.
+// Writes the line to standard error, unless that would block.
 void complain(const std::string& line);
 
-// The number of the calling thread, counted from 1 as they first call.
+// The number of the calling thread, from 1, in the order of the threads' first calls.
 std::uint32_t threadNumber();
 
 }  // namespace recording

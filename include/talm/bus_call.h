@@ -1,5 +1,4 @@
-// The calls of the bus interface and its callbacks, as data: what a recorder notes and a simulated
-// bus lets pass.
+// The calls and callbacks of the bus interface as data, for the recorder and the simulated bus.
 #ifndef TALM_BUS_CALL_H
 #define TALM_BUS_CALL_H
 
@@ -16,7 +15,7 @@
 namespace talm {
 
 constexpr std::size_t kPacketBytes = 64;
-constexpr std::size_t kNameBytes = 32;  // room for a device's name
+constexpr std::size_t kNameBytes = 32;  // the longest device name
 
 enum class Function {
     Initialize,
@@ -34,12 +33,12 @@ enum class Function {
     StartUpdate,
     SetTransferCallback,
     SetBusChangeCallback,
-    TransferCallback,  // from here on, from the bus to the tool
+    TransferCallback,  // from here on: callbacks, from the bus to the tool
     BusChangeCallback,
 };
 
-// A function of the interface, with the names that a recording has for its numbers. Unused names
-// are null.
+// The name of a function of the interface, and the field names that a recording uses for its
+// arguments and outputs. Unused names are null.
 struct Signature {
     const char* name;
     const char* text;                   // of Call::text
@@ -47,7 +46,7 @@ struct Signature {
     std::array<const char*, 5> answer;  // of Call::answer
 };
 
-// In the order of the functions.
+// In the order of Function.
 inline constexpr Signature kSignatures[] = {
     {"TalmApiInitialize", nullptr, {}, {}},
     {"TalmApiOpen", "connection", {"reserved"}, {}},
@@ -84,7 +83,7 @@ inline bool isCallback(Function function) {
     return function >= Function::TransferCallback;
 }
 
-// What Call::text says of a callback that is set or cleared.
+// Call::text of a call that sets or clears a callback.
 inline const char* slotText(bool isSet) {
     return isSet ? "set" : "cleared";
 }
@@ -99,12 +98,12 @@ struct Call {
           text(std::move(itsText)) {}
 
     Function function;
-    std::optional<vanid_t> device;     // the one that it goes to, or that reports
-    std::vector<std::int64_t> given;   // its numbers, in the order of the arguments
+    std::optional<vanid_t> device;     // the callee, or the device that reports
+    std::vector<std::int64_t> given;   // the numbers among the arguments, in their order
     std::string text;                  // Open: the connection; Set...Callback: slotText
     std::string content;               // Data: the packet's bytes
-    int result = 0;                    // from here on, known once the call was carried out
-    std::vector<std::int64_t> answer;  // what it wrote beside its result
+    int result = 0;                    // from here on: known after the call
+    std::vector<std::int64_t> answer;  // the numbers among the outputs
     std::vector<vanid_t> members;      // GetBusMembers
     std::string name;                  // OrvinInfo
 };
