@@ -92,7 +92,7 @@ Device* Bus::findOnBus(const vanid_t& id) {
     return device != nullptr && device->isOnBus() ? device : nullptr;
 }
 
-// One device's answer, or kBroadcast for a request to all Orvins.
+// The device's answer, or kBroadcast for the broadcast identifier.
 int Bus::request(const vanid_t& id, const std::function<int(Device&)>& carryOut) {
     if (!isBroadcastVanid(id)) {
         Device* const device = findOnBus(id);
@@ -155,8 +155,8 @@ int Bus::writeRequest(const vanid_t& id, std::uint32_t target, std::uint32_t con
         id, [&](Device& device) { return device.writeRequest(target, contentSize, checksum); });
 }
 
-// A packet to all devices reaches them at the same moment. A replay script goes on with each
-// packet, whatever becomes of it.
+// All devices receive a broadcast packet at the same time. Each packet advances the replay scripts,
+// even if it does not reach the device.
 int Bus::sendData(const vanid_t& id, std::uint32_t packet, const std::uint8_t* bytes) {
     const Lock lock(mutex);
     const int answer = request(id, [&](Device& device) {

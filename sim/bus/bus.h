@@ -19,22 +19,23 @@
 
 namespace sim {
 
-// One connection to a simulated bus: its devices, its clock and the callbacks. Any thread may call.
-// Callbacks are made on the event queue's threads without the bus's lock held, so that they may
-// block and may call the bus.
+// One connection to a simulated bus: its devices, its clock and the callbacks. Thread-safe. The bus
+// makes callbacks on the event queue's threads without holding its lock, so they may block and may
+// call the bus.
 class Bus {
 public:
-    // `store` learns of every member (counted from 0) that has new firmware or never returns.
+    // The bus calls `store` for every member (counted from 0) that has new firmware or never
+    // returns.
     using StoreMember =
         std::function<void(std::size_t member, const Versions& versions, bool onBus)>;
     explicit Bus(BusDescription busDescription, StoreMember store = {});
     ~Bus();
 
-    // Ends all traffic: when it returns, no callback runs any more. Devices that were installing
-    // have finished, because hardware goes on without a connection.
+    // Ends all traffic: after it returns, no callback runs. Running installations are completed,
+    // because hardware continues without a connection.
     void stop();
 
-    // Each as the bus call of that name; for the results see namespace `result`.
+    // The bus calls. Namespace `result` lists their results.
     bool isLinkActive();
     int getMembers(std::vector<vanid_t>& members, int capacity);
     int readType(const vanid_t& id, std::uint8_t& type);
@@ -49,18 +50,18 @@ public:
     void setTransferCallback(const CallbackSlot& slot);
     void setBusChangeCallback(const CallbackSlot& slot);
 
-    // ---- what can happen at any moment ----
+    // ---- events that can happen at any moment ----
 
-    // Makes the device ask, at once and on this thread, for everything from `packet` on.
+    // Makes the device ask, at once and on this thread, for all packets from `packet` on.
     void requestGoBack(const vanid_t& id, std::uint32_t packet);
 
-    // The device loses its power, and with it what it was receiving or installing, and comes back
-    // onto the bus after a while.
+    // Cuts the device's power for the duration. The device loses its running transfer or
+    // installation.
     void interrupt(const vanid_t& id, Microseconds duration);
 
     void dropLink(Microseconds duration);
 
-    // Make a callback at once and on this thread, unless it was cleared.
+    // These make a callback at once and on this thread, unless it was cleared.
     void reportTransferResult(const vanid_t& source, const PacketAnswer& answer);
     void reportBusChange(const vanid_t& member, std::uint32_t event);
 
@@ -89,7 +90,7 @@ private:
     void storeContent(const Device& device) const;
     void after(Microseconds delay, Event event);
 
-    std::mutex mutex;  // guards the devices and what follows them, but for the queue
+    std::mutex mutex;  // guards `devices` and the members after it
     const BusDescription description;
     const StoreMember storeMember;
     const std::unique_ptr<EventQueue> queue;

@@ -1,4 +1,4 @@
-// What a bus file says: the hardware on a simulated bus, and what is wrong with it.
+// The content of a bus file: the simulated hardware and its faults.
 #ifndef SIM_BUS_BUS_DESCRIPTION_H
 #define SIM_BUS_BUS_DESCRIPTION_H
 
@@ -17,11 +17,11 @@
 
 namespace sim {
 
-// Transfer results that are no faults.
+// Transfer results that are not faults.
 constexpr std::int32_t kReceivedResult = 0;
 constexpr std::int32_t kGoBackResult = 17;
 
-// Picks some out of a row of things, counted from 1 as they come.
+// Selects packets or calls by their number, counted from 1.
 struct Selection {
     bool all = false;
     std::uint32_t every = 0;  // every nth; 0: none
@@ -32,34 +32,34 @@ struct Selection {
     }
 };
 
-// Makes calls of one function, to one device or to any, end with `result`.
+// Injects `result` into calls of one function, to one device or to all.
 struct CallFault {
     Function function = Function::Open;
     std::optional<vanid_t> device;
     Selection calls;
     int result = -1;
-    bool carriedOut = false;            // the bus carries them out all the same
-    std::optional<Answer> answer = {};  // what the calls write
-    Microseconds takes = 0;             // added to the calls' own time
+    bool carriedOut = false;            // the bus executes the calls, but their result is lost
+    std::optional<Answer> answer = {};  // outputs of the calls
+    Microseconds takes = 0;             // delay of the return
 };
 
-// What happens to a packet on its way to a device, or to the device's answer.
+// A fault of a packet to a device, or of the device's answer.
 struct PacketFault {
     enum class Kind {
         Lost,
-        Damaged,  // and acknowledged all the same: the device fails its check
-        Twice,    // acknowledged once more, as much later as the first time
+        Damaged,  // one bit is wrong; the device acknowledges the packet and fails its check
+        Twice,    // acknowledged after the usual delay and again after twice this delay
         Result,   // answered with `value` as the result
-        GoBack,   // to packet `value`
-        Late,     // by `value` microseconds
+        GoBack,   // the device asks to go back to packet `value`
+        Late,     // answered `value` microseconds late
     };
     Kind kind = Kind::Lost;
-    Selection packets;                    // by the order in which they come to the device
-    std::optional<std::uint32_t> number;  // only the packet of this number
-    std::optional<std::uint32_t> times;   // how often it strikes; none: always
+    Selection packets;                    // in the order in which the device gets packets
+    std::optional<std::uint32_t> number;  // only the packet with this number; none: any
+    std::optional<std::uint32_t> times;   // how often the fault occurs; none: always
     std::int64_t value = 0;
 
-    // Strikes the next `times` packets.
+    // A fault of the next `times` packets.
     static PacketFault next(Kind kind, std::int64_t value = 0, std::uint32_t times = 1) {
         return {kind, {true, 0, {}}, std::nullopt, times, value};
     }
@@ -67,13 +67,13 @@ struct PacketFault {
 
 enum class KeepsOldVersion { Never, Once, Always };
 
-// What is wrong with a device beside its answers to calls.
+// The faults of a device, except its call faults.
 struct DeviceFaults {
-    std::vector<PacketFault> packets;  // of those that strike a packet, the first one counts
+    std::vector<PacketFault> packets;  // the first one that matches a packet applies
     bool neverReturns = false;
     KeepsOldVersion keepsOldVersion = KeepsOldVersion::Never;
     int reportsBack = 1;          // how often the bus reports the device when it comes back
-    bool ignoresRepeats = false;  // does not acknowledge a packet that it has already
+    bool ignoresRepeats = false;  // does not acknowledge a packet that it already has
 };
 
 struct Versions {
@@ -84,15 +84,15 @@ struct Versions {
     std::uint16_t api = 1;
 };
 
-// As OrvinInfo writes them.
+// The versions in the order of OrvinInfo's outputs.
 inline std::vector<std::int64_t> numbersOf(const Versions& versions) {
     return {versions.hw, versions.arm, versions.dsp, versions.boosterArm, versions.api};
 }
 
 struct DeviceTiming {
     Microseconds acknowledge = 300;
-    Microseconds acknowledgeJitter = 0;  // at most so much later, at random
-    Microseconds busy = 0;               // after a packet; what comes meanwhile is lost
+    Microseconds acknowledgeJitter = 0;  // largest random delay added to acknowledge
+    Microseconds busy = 0;               // after a packet; packets that come meanwhile are lost
     Microseconds check = 0;
     Microseconds install = 1'000'000;
     Microseconds restart = 2'000'000;
@@ -102,27 +102,27 @@ struct MemberDescription {
     vanid_t id{};
     std::uint8_t type = 0;
     bool onBus = true;
-    Versions versions;  // this and what follows is an Orvin's
+    Versions versions;  // from here on: only for an Orvin
     std::string name;   // at most kNameBytes
     DeviceTiming timing;
     DeviceFaults faults;
     std::shared_ptr<const ReplayScript> replay =
-        std::make_shared<ReplayScript>();  // large: not copied
+        std::make_shared<ReplayScript>();  // shared, because it is large
 };
 
-// A time during which the link is down, from the opening of the connection.
+// A period during which the link is down.
 struct LinkDrop {
-    Microseconds at = 0;
+    Microseconds at = 0;  // since the opening of the connection
     Microseconds duration = 0;
 };
 
 struct BusDescription {
     std::vector<MemberDescription> members;  // in the order in which the bus reports them
-    Microseconds linkActiveAfter = 0;        // from the opening of the connection
+    Microseconds linkActiveAfter = 0;        // since the opening of the connection
     std::vector<LinkDrop> linkDrops;
     std::uint32_t seed = 1;
-    std::string trace;  // file for the bus calls; empty: none
-    std::string store;  // directory for the content that devices install; empty: none
+    std::string trace;  // file for a recording of the bus; empty: none
+    std::string store;  // directory for the installed content; empty: none
     std::vector<CallFault> callFaults;
 };
 

@@ -9,7 +9,7 @@
 
 namespace sim {
 
-// Makes calls end as the fault that strikes them says. Any thread.
+// Injects the results of the bus's call faults. Thread-safe.
 class CallFaults : public Interceptor {
 public:
     // `clock` must outlive this.
@@ -20,7 +20,7 @@ public:
 private:
     struct Counted {
         CallFault fault;
-        std::uint32_t calls = 0;  // so far, of its function and device
+        std::uint32_t calls = 0;  // number of calls so far of this function to this device
     };
     InjectedResult injectedResult(const CallFault& fault);
 

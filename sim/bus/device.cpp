@@ -11,7 +11,7 @@ namespace sim {
 namespace {
 
 constexpr std::int32_t kNotPartOfImage = 34;           // a packet beyond the announced size
-constexpr std::uint32_t kReservedBytes = 1024 * 1024;  // an announced size need not be a true one
+constexpr std::uint32_t kReservedBytes = 1024 * 1024;  // an announced size may be wrong
 
 std::uint32_t packetsOf(std::uint32_t contentSize) {
     return static_cast<std::uint32_t>((std::uint64_t{contentSize} + kPacketBytes - 1) /
@@ -25,8 +25,8 @@ bool Device::Transfer::isComplete() const {
            std::all_of(received.begin(), received.end(), [](bool there) { return there; });
 }
 
-// The sum over the bytes that arrived. A device that lacks a packet never answers with the
-// announced sum, even when its bytes happen to give it.
+// The checksum of the received bytes. If a packet is missing, it always differs from the announced
+// checksum, even if the bytes happen to match.
 std::uint16_t Device::Transfer::computeChecksum() const {
     firmware::Checksum sum;
     for (std::size_t packet = 0; packet < received.size(); ++packet) {
@@ -50,7 +50,7 @@ Device::Device(const MemberDescription& memberDescription)
 Versions Device::readVersions() const {
     Versions current = versions;
     if (isInstalling() && isAuxiliaryTarget(target())) {
-        current.dsp = 0;  // not up until the new firmware is
+        current.dsp = 0;  // down until the new firmware runs
     }
     return current;
 }
@@ -120,7 +120,7 @@ bool Device::has(std::uint32_t number) const {
     return number < transfer.received.size() && transfer.received[number];
 }
 
-// The fault that strikes the packet that has just come, or null.
+// The fault of the packet that has just arrived, or null. Counts it.
 const PacketFault* Device::takeFault(std::uint32_t number) {
     const auto strikes = [&](const PacketFault& fault) {
         return fault.times != 0U && fault.number.value_or(number) == number &&
@@ -208,7 +208,7 @@ int Device::startUpdate(std::uint32_t target) {
 bool Device::finishInstallation() {
     const bool restarts = !isAuxiliaryTarget(target());
     if (description.faults.neverReturns) {
-        // Off the bus, or for ever without a DSP.
+        // The device stays off the bus, or its DSP stays down.
         state = restarts ? State::Restarting : State::Installing;
         return false;
     }
@@ -232,7 +232,7 @@ bool Device::takesNewFirmware() {
     }
     const auto found = firmware::Descriptor::decode(content().data(), content().size());
     if (!found || found->target != target()) {
-        return false;  // no firmware for this processor: the old one goes on
+        return false;  // not firmware for this processor: the old one keeps running
     }
     *versionOf(target()) = found->version;
     return true;

@@ -10,16 +10,16 @@
 
 namespace sim {
 
-// Results of bus calls, beside 0 and those that a bus file sets.
+// Results of bus calls, besides 0 and those that a bus file injects.
 namespace result {
-constexpr int kNoSession = -1;  // the handle is not that of an open connection
+constexpr int kNoSession = -1;  // the handle has no open connection
 constexpr int kBroadcast = -2;  // the request went to all devices
-constexpr int kNoAnswer = -3;   // no such device on the bus, or the link is down
-constexpr int kRefused = -5;    // the device does not do that now
+constexpr int kNoAnswer = -3;   // the device is not on the bus, or the link is down
+constexpr int kRefused = -5;    // the device refuses the request in its current state
 }  // namespace result
 
-// One bus member and, for an Orvin, its firmware: what was announced to it, received and installed.
-// It knows no time and no threads; the bus brings both, and holds its lock around every call.
+// One bus member and, for an Orvin, its firmware: announced, received and installed. It has no
+// clock and is not thread-safe: the bus provides the time, and holds its lock during every call.
 class Device {
 public:
     explicit Device(const MemberDescription& memberDescription);
@@ -29,14 +29,15 @@ public:
     bool isOrvin() const { return description.type == kOrvinType; }
     bool isOnBus() const { return state != State::Restarting; }
 
-    // ---- requests. What they return is the bus call's result ----
+    // ---- requests; they return the result of the bus call ----
 
     Versions readVersions() const;
     int writeRequest(std::uint32_t target, std::uint32_t contentSize, std::uint16_t checksum);
     int checkImage(std::uint32_t target, std::uint16_t& announced, std::uint16_t& computed);
     int startUpdate(std::uint32_t target);
 
-    // A data packet of kPacketBytes, which the device answers after that delay if nothing is wrong.
+    // Receives a data packet of kPacketBytes. `usualDelay` is the delay of an answer without
+    // faults.
     PacketAnswers receive(std::uint32_t number, const std::uint8_t* bytes, Microseconds now,
                           Microseconds usualDelay);
 
@@ -44,38 +45,38 @@ public:
 
     bool hasAnswersLeft() const { return packetsRepeated < description.replay->packets.size(); }
 
-    // What it answered to the next packet, which it gets now. There must be answers left.
+    // Receives the packet and returns the script's next answers. Needs hasAnswersLeft.
     PacketAnswers repeatAnswers(std::uint32_t number, const std::uint8_t* bytes);
 
-    // The next list of what the bus reported about it; null when there is none left.
+    // The script's next list of reports about this device; null if none is left.
     const std::vector<BusChange>* takeChanges();
 
-    // ---- what can happen at any moment ----
+    // ---- events that can happen at any moment ----
 
-    // Forgets the packets from `packet` on, as a device does that asks for them again.
+    // Discards all packets from `packet` on, as a device does when it asks to go back.
     void discardFrom(std::uint32_t packet);
 
     void addFault(const PacketFault& fault) { packetFaults.push_back(fault); }
 
-    // ---- an update that was started, one step after the other ----
+    // ---- the steps of a started update ----
 
     bool isInstalling() const { return state == State::Installing; }
     bool isGone() const { return !isOnBus() && description.faults.neverReturns; }
 
-    // Identifies one installation, so that events of an interrupted one are ignored.
+    // Identifies an installation, so that the bus can ignore events of an interrupted one.
     std::uint32_t installation() const { return installationNumber; }
 
-    // Ends the installation: the firmware is in, if it is fit for the device, and a device that
-    // restarts has left the bus. True when there is new content to keep.
+    // Ends the installation: the device takes the new firmware, if its descriptor fits, and leaves
+    // the bus if it restarts. True if there is new content to store.
     bool finishInstallation();
 
-    // Ends the installation, if there is one, without leaving the bus.
+    // Ends a running installation without leaving the bus.
     void installAtOnce();
 
-    // The device is back on the bus. False when it never comes, or never left.
+    // Puts the device back on the bus. False if it never returns or did not leave.
     bool comeBack();
 
-    // Off the bus at once, without what it was receiving or installing.
+    // Leaves the bus at once. The running transfer or installation is lost.
     void losePower();
 
     const Versions& installedVersions() const { return versions; }
@@ -85,7 +86,7 @@ public:
 private:
     enum class State { Ready, Installing, Restarting };
 
-    // An image on its way to the device. What arrived is kept per packet.
+    // The transfer of an image to the device.
     struct Transfer {
         bool open = false;
         bool checked = false;
@@ -110,7 +111,7 @@ private:
     Versions versions;
     State state = State::Ready;
     Transfer transfer;
-    std::vector<PacketFault> packetFaults;  // with the times that they still strike
+    std::vector<PacketFault> packetFaults;  // `times` counts down
     std::uint32_t installationNumber = 0;
     std::uint32_t packetsSeen = 0;
     Microseconds busyUntil = 0;

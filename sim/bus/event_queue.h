@@ -10,17 +10,16 @@ namespace sim {
 using Microseconds = std::int64_t;
 using Event = std::function<void()>;
 
-// The clock of a simulated bus, and what is to happen on it. Events are taken in the order of their
-// times, those of the same time in the order in which they were scheduled; with several threads of
-// its own the queue may run several at once, and a later one may overtake. An event may schedule
-// others.
+// The clock of a simulated bus and its scheduled events. The queue takes events in the order of
+// their times, then in the order of scheduling. A queue with several threads may run several events
+// at once, and a later one may overtake. An event may schedule others.
 class EventQueue {
 public:
-    // Stops.
+    // Calls stop.
     virtual ~EventQueue() = default;
 
-    // Once it returns no event runs any more; those that no thread has taken yet, and any
-    // scheduled later, are dropped. Not to be called from an event. The clock goes on.
+    // After it returns, no event runs. Pending events and events scheduled later are dropped. The
+    // clock continues. An event must not call it.
     virtual void stop() = 0;
 
     virtual Microseconds now() const = 0;
@@ -28,8 +27,8 @@ public:
     virtual void schedule(Microseconds when, Event event) = 0;
 };
 
-// The event queue of a new bus. Which clock it runs on is settled when the program is linked:
-// real_time_queue.cpp, or the virtual time of the tests.
+// Makes the event queue of a new bus. The linked file selects the clock: real_time_queue.cpp, or
+// the virtual time of the tests.
 std::unique_ptr<EventQueue> makeEventQueue();
 
 }  // namespace sim

@@ -15,7 +15,7 @@ void inject(Call& call, const InjectedResult& injected) {
 }
 
 std::vector<Interceptor*>& interceptors() {
-    static auto& all = *new std::vector<Interceptor*>;  // as long as buses may be open
+    static auto& all = *new std::vector<Interceptor*>;  // never freed, like open buses
     return all;
 }
 

@@ -1,5 +1,4 @@
-// The one seam at the bus interface: every call of the tool and every callback passes the
-// interceptors. They see it, and may inject its result.
+// Interceptors observe every call of the tool and every callback, and can inject a result.
 #ifndef SIM_BUS_INTERCEPTOR_H
 #define SIM_BUS_INTERCEPTOR_H
 
@@ -20,44 +19,43 @@ using talm::kNameBytes;
 using talm::kPacketBytes;
 using talm::nameOf;
 
-// What a call writes beside its result, as in Call.
+// The outputs of a call, as in Call.
 struct Answer {
     std::vector<std::int64_t> numbers;
     std::vector<vanid_t> members;
     std::string name;
 };
 
-// What a call ends with instead of its own result.
+// Replaces the result of a call.
 struct InjectedResult {
     int result = 0;
-    bool carriedOut = false;  // the bus carries it out all the same; its own result is lost
-    std::optional<Answer> answer = {};  // in place of the call's own
-    std::function<void()> sleep = {};   // before the call returns; empty: not at all
+    bool carriedOut = false;            // the bus executes the call, but its result is lost
+    std::optional<Answer> answer = {};  // replaces the outputs of the call
+    std::function<void()> sleep = {};   // runs before the call returns; empty: no delay
 };
 
-// Called on the caller's thread, several at once, without any lock of the bus held.
+// Runs on the thread of the caller, without the lock of the bus. Must be thread-safe.
 class Interceptor {
 public:
     virtual ~Interceptor() = default;
 
-    // Before the call is carried out. The first result that is injected counts; a callback that
-    // gets one is not made.
+    // Runs before the call. The first injected result applies. A callback with an injected result
+    // is not made.
     virtual std::optional<InjectedResult> before(const Call& /*call*/) { return std::nullopt; }
 
-    // After the call, with its outcome.
+    // Runs after the call; `call` has its result and outputs.
     virtual void after(const Call& /*call*/) {}
 };
 
-// The interceptors of all buses of this process, asked before those of a bus itself. Not owned.
-// Change them only while no bus is in use.
+// The interceptors for all buses of this process. They run before those of a bus itself. Not owned.
+// Change the list only while no bus is in use.
 std::vector<Interceptor*>& interceptors();
 
-// Gives the call the injected result, after the time that it is to take.
+// Sets the injected result in the call, and sleeps if the injected result asks for it.
 void inject(Call& call, const InjectedResult& injected);
 
-// Asks all interceptors, carries the call out unless one injects a result, and shows them the
-// outcome.
-// `carryOut` fills in what the call writes, and returns its result.
+// Shows the call to all interceptors, executes it unless one injects a result, and shows them the
+// result. `carryOut` executes the call: it fills in the outputs and returns the result.
 template <typename CarryOut>
 int pass(Call& call, const std::vector<Interceptor*>& ofTheBus, CarryOut carryOut) {
     std::vector<Interceptor*> all = interceptors();

@@ -1,4 +1,4 @@
-// Events on the real clock, run by a few threads of the queue's own.
+// An event queue on the real clock, with a few threads of its own.
 
 #include <algorithm>
 #include <chrono>
@@ -18,16 +18,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// At least two, so that several devices report at the same moment; more than there are processors
-// would stand in each other's way.
+// At least two, so that several devices can report at the same time. More threads than processors
+// would only compete.
 std::size_t threadCount() {
     return std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
 }
 
 class RealTimeQueue : public EventQueue {
 public:
-    // Not in the constructor, so that the destructor ends those that there are when one cannot be
-    // had.
+    // Not in the constructor: if a thread cannot start, the destructor still joins the others.
     void start() {
         const std::size_t count = threadCount();
         try {
@@ -85,7 +84,7 @@ private:
             }
             const Event event = std::move(first->second);
             events.erase(first);
-            changed.notify_one();  // for the next event, should this one block
+            changed.notify_one();  // another thread runs the next event if this one blocks
             lock.unlock();
             event();
             lock.lock();

@@ -9,26 +9,25 @@
 
 namespace sim {
 
-// What a device answers to a data packet, through the transfer callback.
+// A device's answer to a data packet, through the transfer callback.
 struct PacketAnswer {
-    Microseconds delay = 0;  // from the sending
+    Microseconds delay = 0;  // since the packet was sent
     std::int32_t result = 0;
-    std::optional<std::uint32_t> packet =
-        {};  // none, in a bus file: that of the packet that was sent
+    std::optional<std::uint32_t> packet = {};  // none: the number of the packet that was sent
 };
 using PacketAnswers = std::vector<PacketAnswer>;
 
-// One report of the bus about a device.
+// A report of the bus about a device.
 struct BusChange {
     Microseconds delay = 0;
     std::uint32_t event = 0;
 };
 
-// What a device once did by itself and does again, in the same order.
+// Recorded callbacks about a device, which the bus repeats in the same order.
 struct ReplayScript {
-    std::vector<PacketAnswers> packets;  // to each data packet that any device is sent
-    // After the opening of the connection, then after each start of an update of this device. A
-    // start with such a list installs at once and restarts nothing.
+    std::vector<PacketAnswers> packets;  // for each data packet to any device
+    // First since the opening of the connection, then since each start of an update of this device.
+    // An update with such a list installs at once, without a restart.
     std::vector<std::vector<BusChange>> changes;
 };
 

@@ -7,7 +7,7 @@ namespace sim {
 
 namespace {
 
-// When the calls started that this thread is in: a callback may call the bus.
+// Start times of this thread's running calls. They nest, because a callback may call the bus.
 thread_local std::vector<Microseconds> startTimes;
 
 }  // namespace

@@ -10,11 +10,11 @@
 
 namespace sim {
 
-// Records what happens on a bus since the connection was opened. Any thread.
+// Records the calls and callbacks of a connection. Thread-safe.
 class Trace : public Interceptor {
 public:
-    // Appends to the file; an empty path keeps no record. `clock` must outlive the trace. Throws
-    // std::runtime_error when the file cannot be opened.
+    // Appends to the file; with an empty path, records nothing. `clock` must outlive the trace.
+    // Throws std::runtime_error if the file cannot be opened.
     Trace(const std::string& path, const EventQueue& clock);
 
     std::optional<InjectedResult> before(const Call& call) override;

@@ -37,7 +37,7 @@ void readLink(FieldReader& parent, BusDescription& bus) {
     fields.finish();
 }
 
-// Relative paths in a bus file start where the file is.
+// Relative paths in a bus file start at the directory of the file.
 void resolve(std::string& path, const std::string& busFile) {
     if (!path.empty()) {
         path = (std::filesystem::path(busFile).parent_path() / path).string();

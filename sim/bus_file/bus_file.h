@@ -9,18 +9,18 @@
 
 namespace sim {
 
-// The JSON file that is the simulated hardware, kept from any other connection. Not for several
-// threads at once.
+// The JSON file that describes the simulated hardware, locked against other connections. Not
+// thread-safe.
 class BusFile {
 public:
-    // Throws BusFileError, naming the place, when the file cannot be read, is broken or is in use.
+    // Throws BusFileError if the file cannot be read, is invalid or is in use.
     explicit BusFile(std::string name);
 
-    // Paths in it are as seen from here: relative ones in the file start at the file's directory.
+    // Paths in it are resolved: relative paths in the file start at the directory of the file.
     const BusDescription& description() const { return contents; }
 
-    // Makes this the state of the member (counted from 0) in the file, which a reader always finds
-    // whole. A failure is reported on standard error.
+    // Stores the state of the member (counted from 0). Replaces the file atomically. Reports a
+    // failure on standard error.
     void storeMember(std::size_t member, const Versions& versions, bool onBus);
 
 private:
@@ -30,10 +30,10 @@ private:
     BusDescription contents;
 };
 
-// The description that a bus file's text holds. Throws BusFileError.
+// Reads the description from the parsed text. Throws BusFileError.
 BusDescription describeBus(const Json& json);
 
-// The parsed text. Throws BusFileError with line and column.
+// Parses the text of a bus file. Throws BusFileError with line and column.
 Json parseBusFile(const std::string& text);
 
 }  // namespace sim

@@ -5,7 +5,7 @@
 
 namespace sim {
 
-// Names, in one line, the place in the bus file and what is wrong there.
+// Its text names, in one line, the place in the bus file and the error.
 class BusFileError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -9,7 +9,7 @@ namespace sim {
 
 namespace {
 
-// ---- calls that end otherwise ----
+// ---- call faults ----
 
 Answer readVersionAnswer(const Json& json, const std::string& place) {
     FieldReader fields(json, place);
@@ -18,7 +18,7 @@ Answer readVersionAnswer(const Json& json, const std::string& place) {
     return answer;
 }
 
-// What a call of the function writes.
+// Reads the outputs of a call of the function.
 Answer readAnswer(const Json& json, const std::string& place, Function function) {
     switch (function) {
     case Function::GetLinkState:
@@ -56,8 +56,8 @@ CallFault readCallFault(const Json& json, const std::string& place, Function fun
     return fault;
 }
 
-// Adds the calls of `function` that the field `name` lets end otherwise, if there is one: an object
-// or a list of them.
+// Adds the call faults of `function` from the field `name`, if present: an object or a list of
+// objects.
 void readCallFaults(FieldReader& parent, const char* name, Function function,
                     const std::optional<vanid_t>& device, std::vector<CallFault>& faults) {
     const Json* const json = parent.find(name);
@@ -73,9 +73,9 @@ void readCallFaults(FieldReader& parent, const char* name, Function function,
     faults.insert(faults.end(), all.begin(), all.end());
 }
 
-// ---- what happens to packets ----
+// ---- packet faults ----
 
-// Every packet that the field `name` selects, if there is one.
+// Adds a fault for the packets that the field `name` selects, if present.
 void readSelectedPackets(FieldReader& parent, const char* name, PacketFault::Kind kind,
                          std::vector<PacketFault>& faults) {
     if (const Json* const json = parent.find(name)) {
@@ -91,14 +91,14 @@ std::optional<std::uint32_t> readTimes(FieldReader& fields) {
     return read32(fields, "times", 1);
 }
 
-// A list of faults that strike the packet of a number, in the field `name`.
+// Describes the field `name`, a list of faults of packets with certain numbers.
 struct NumberedFaults {
     const char* name;
     PacketFault::Kind kind;
     const char* valueName;  // the field of PacketFault::value
     Range range;
     std::optional<std::int64_t> fallback;  // none: the value is required
-    bool always;                           // each time; otherwise the field "times" tells how often
+    bool always;                           // false: the field "times" says how often
 };
 
 PacketFault readNumberedFault(const Json& json, const std::string& place,

@@ -9,12 +9,12 @@
 
 namespace sim {
 
-// The `faults` of a member: those of the device itself, and its calls that end otherwise, which are
-// appended to `callFaults`. Throws BusFileError.
+// Reads the `faults` of a member: returns those of the device itself, and appends its call faults
+// to `callFaults`. Throws BusFileError.
 DeviceFaults readDeviceFaults(const Json& json, const std::string& place, const vanid_t& device,
                               std::vector<CallFault>& callFaults);
 
-// The `faults` of the bus, appended to `callFaults`. Throws BusFileError.
+// Reads the `faults` of the bus and appends them to `callFaults`. Throws BusFileError.
 void readBusFaults(const Json& json, const std::string& place, std::vector<CallFault>& callFaults);
 
 }  // namespace sim

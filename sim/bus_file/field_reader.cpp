@@ -87,7 +87,7 @@ std::int64_t readNumber(const Json& json, const std::string& place, std::int64_t
     }
     const std::int64_t value = json.is_string() ? readHexadecimal(json.get<std::string>(), place)
                                                 : json.get<std::int64_t>();
-    const bool tooLarge = json.is_number_unsigned() && value < 0;  // beyond 63 bits
+    const bool tooLarge = json.is_number_unsigned() && value < 0;  // needs more than 63 bits
     if (tooLarge || value < min || value > max) {
         reject(place, "out of range " + std::to_string(min) + " to " + std::to_string(max));
     }

@@ -10,19 +10,19 @@ namespace sim {
 
 using Json = nlohmann::ordered_json;
 
-// Reads the fields of one JSON object. Every error names the place; a field that was not asked
-// for is an error, too, since a fault with a misspelt name would be a healthy device.
+// Reads the fields of one JSON object. Every error names the place. A field that was not read is an
+// error, because a fault with a misspelt name would otherwise be ignored.
 class FieldReader {
 public:
-    // `object` must outlive the reader. Throws BusFileError unless it is an object.
+    // `object` must outlive the reader. Throws BusFileError if it is not an object.
     FieldReader(const Json& object, std::string where);
 
-    // Null when the field is absent.
+    // Null if the field is absent.
     const Json* find(const char* name);
     const Json& require(const char* name);
 
-    // The value, or `fallback` when the field is absent. A number may be written as a text in
-    // hexadecimal, with 0x in front.
+    // The value, or `fallback` if the field is absent. A number may be a hexadecimal string with
+    // the prefix 0x.
     std::int64_t number(const char* name, std::int64_t fallback, std::int64_t min,
                         std::int64_t max);
     bool flag(const char* name, bool fallback = false);
@@ -31,7 +31,7 @@ public:
     // The place of a field, as a JSON pointer.
     std::string placeOf(const std::string& name) const;
 
-    // Throws when the object has a field that was not asked for.
+    // Throws if the object has a field that was not read.
     void finish() const;
 
 private:

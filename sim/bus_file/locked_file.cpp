@@ -21,8 +21,8 @@ BusFileError unreadable() {
     return BusFileError(std::string("cannot be read: ") + std::strerror(errno));
 }
 
-// False when another connection has the lock. On a file system without locks flock fails in another
-// way, and the file is used without one.
+// False if another connection has the lock. On a file system without locks, flock fails with
+// another error, and the file is used without a lock.
 bool lock(std::FILE* file) {
     return flock(fileno(file), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
@@ -30,7 +30,8 @@ bool lock(std::FILE* file) {
 }  // namespace
 
 LockedFile::LockedFile(std::string name) : path(std::move(name)) {
-    // The connection that held the file may have replaced it and ended between open and lock.
+    // Between open and lock, the connection that held the lock may have replaced the file and
+    // ended.
     do {
         open();
         if (!lock(stream.get())) {
@@ -39,7 +40,7 @@ LockedFile::LockedFile(std::string name) : path(std::move(name)) {
     } while (!isAtItsPath());
 }
 
-// What is no regular file is not even opened: a FIFO would wait for its other end.
+// Opens only regular files, because opening a FIFO would block.
 void LockedFile::open() {
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {

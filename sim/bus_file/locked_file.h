@@ -7,18 +7,17 @@
 
 namespace sim {
 
-// A bus file that one connection holds, as it would hold the hardware. Any other connection to the
-// file, in this process or another, fails to open until this object or its process is gone.
+// A bus file that only one connection can use, like hardware. Any other connection to the file, in
+// this or another process, fails to open until this object is destroyed or its process ends.
 //
-// The lock is on the file itself, so that nothing is left beside it and a read-only file or
-// directory can be used, and the system drops the lock with the process. replace() locks the
-// new file before that takes the old one's place.
+// The lock is on the file itself. So it leaves no lock file, works in read-only directories, and
+// ends with the process. replace() locks the new file before it replaces the old one.
 class LockedFile {
 public:
-    // Throws BusFileError when it is no regular file, cannot be opened or is in use.
+    // Throws BusFileError if the file is not regular, cannot be opened or is in use.
     explicit LockedFile(std::string name);
 
-    // The whole text. Throws BusFileError.
+    // Returns the whole text. Throws BusFileError.
     std::string read() const;
 
     // As replaceFile.

@@ -8,8 +8,8 @@
 
 namespace sim {
 
-// The `members` of a bus file, each with an identifier of its own. Their calls that end otherwise
-// are appended to `callFaults`. Throws BusFileError.
+// Reads the `members` of a bus file and appends their call faults to `callFaults`. Throws
+// BusFileError, also for duplicate identifiers.
 std::vector<MemberDescription> readMembers(FieldReader& fields, std::vector<CallFault>& callFaults);
 
 }  // namespace sim

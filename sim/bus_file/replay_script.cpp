@@ -6,8 +6,8 @@ namespace sim {
 
 namespace {
 
-// A number: acknowledged so much later. A list: the transfer callbacks, each with its delay, result
-// and packet.
+// A number is the delay of an acknowledgement. A list has the transfer callbacks, each with delay,
+// result and packet number.
 std::vector<PacketAnswer> readReplies(const Json& json, const std::string& place) {
     if (json.is_number()) {
         return {{readNumber(json, place, 0, kMaxDelay)}};

@@ -6,7 +6,7 @@
 
 namespace sim {
 
-// What a device does again, from its field `replay`. Throws BusFileError.
+// Reads the field `replay` of a member. Throws BusFileError.
 ReplayScript readReplayScript(const Json& json, const std::string& place);
 
 }  // namespace sim

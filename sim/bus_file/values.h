@@ -1,4 +1,4 @@
-// What the readers of a bus file have in common: numbers in their ranges, lists, selections.
+// Shared readers of bus file values: numbers in ranges, lists, selections.
 #ifndef SIM_BUS_FILE_VALUES_H
 #define SIM_BUS_FILE_VALUES_H
 
@@ -24,18 +24,18 @@ using Range = std::pair<std::int64_t, std::int64_t>;
 inline constexpr Range kSigned32{std::numeric_limits<std::int32_t>::min(),
                                  std::numeric_limits<std::int32_t>::max()};
 
-// ---- fields. They have `fallback` where they are absent ----
+// ---- fields; an absent field has the value `fallback` ----
 
 std::uint32_t read32(FieldReader& fields, const char* name, std::uint32_t fallback);
 Microseconds readMilliseconds(FieldReader& fields, const char* name, Microseconds fallback);
 
-// The fields of versions, all of which may be absent.
+// Reads the fields of versions; each may be absent.
 Versions readVersions(FieldReader& fields);
 
-// A device's name, empty where it is absent.
+// Reads the name of a device; empty if it is absent.
 std::string readName(FieldReader& fields);
 
-// ---- values. Each throws BusFileError with the place ----
+// ---- values; each function throws BusFileError with the place ----
 
 const Json& requireArray(const Json& json, const std::string& place);
 
@@ -55,7 +55,7 @@ auto readList(FieldReader& parent, const char* name, ReadItem readItem) {
     return json == nullptr ? Items() : readItems(*json, parent.placeOf(name), readItem);
 }
 
-// A list of as many numbers as there are ranges.
+// Reads a list with one number for each range.
 std::vector<std::int64_t> readNumbers(const Json& json, const std::string& place,
                                       const std::vector<Range>& ranges);
 

@@ -9,8 +9,8 @@
 
 namespace sim {
 
-// Opens the bus of that name: the file at a path, unless the program brings buses of its own.
-// Throws std::exception, with a reason in one line, when it cannot be opened.
+// Opens the bus `name`, by default the bus file at that path; a program may set another opener.
+// Throws std::exception with a reason of one line.
 using BusOpener = std::function<std::shared_ptr<Bus>(const std::string& name)>;
 BusOpener& busOpener();
 

@@ -1,5 +1,5 @@
-// The C interface of the bus access library: handles, the interceptors around every call, and the
-// place where exceptions end.
+// The C interface of the bus access library: it manages handles, passes every call through the
+// interceptors, and catches exceptions.
 
 #include "talm/talm_api.h"
 
@@ -34,10 +34,10 @@ namespace result = sim::result;
 constexpr char kScheme[] = "sim:";
 
 struct Connections {
-    std::mutex mutex;  // guards all that follows
+    std::mutex mutex;  // guards byHandle
     std::map<TalmApiHandle, std::unique_ptr<TalmApi>> byHandle;
 
-    // Null for a handle without an open bus, such as one that the tool has closed.
+    // Null for a handle without an open bus, such as a closed handle.
     std::shared_ptr<Bus> find(TalmApiHandle handle) {
         const std::lock_guard<std::mutex> lock(mutex);
         const auto found = byHandle.find(handle);
@@ -56,13 +56,14 @@ struct Connections {
     }
 };
 
-// Never destroyed: connections that are still open stay usable until the process ends.
+// Never destroyed, so open connections stay usable until the process ends.
 Connections& connections() {
     static auto& all = *new Connections;
     return all;
 }
 
-// What `body` returns, or `failed` when it throws, with a line on standard error.
+// Returns the result of `body`. If `body` throws, prints a line on standard error and returns
+// `failed`.
 template <typename Result, typename Body>
 Result guarded(Function function, Result failed, Body body) {
     try {
@@ -73,8 +74,7 @@ Result guarded(Function function, Result failed, Body body) {
     }
 }
 
-// Shows the call to the interceptors and has the handle's bus carry it out. What the call writes is
-// in it afterwards.
+// Passes the call through the interceptors to the handle's bus. Afterwards `call` has the outputs.
 template <typename CarryOut>
 int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
     const std::shared_ptr<Bus> bus = connections().find(handle);
@@ -88,7 +88,7 @@ int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
 std::shared_ptr<Bus> openBus(const std::string& connection) {
     const std::size_t schemeLength = std::strlen(kScheme);
     if (connection.compare(0, schemeLength, kScheme) != 0) {
-        return nullptr;  // there is no bus controller to be reached here
+        return nullptr;  // there is no bus controller here
     }
     const std::string name = connection.substr(schemeLength);
     try {
@@ -151,7 +151,7 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
 int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
     Call call(Function::GetLinkState);
     const int answer = passToBus(handle, call, [&](Bus& bus) {
-        // Leaves `*active` alone while the link is down, as a library may.
+        // Leaves `*active` unchanged while the link is down, as the interface allows.
         if (bus.isLinkActive()) {
             call.answer = {1};
         }
@@ -231,7 +231,7 @@ int TalmApiIsTalm(vanid_t member) {
 
 int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm, uint32_t* dsp,
               uint32_t* boosterArm, uint16_t* api, void* /*reserved*/, char* name) {
-    // Fills the outputs with nonsense, which a tool must not use after a failed query.
+    // Fills the outputs with garbage, because the tool must not use them after a failed query.
     *hw = *arm = *dsp = *boosterArm = 0xdeadbeef;
     *api = 0xdead;
     std::memset(name, '?', sim::kNameBytes);
@@ -250,7 +250,7 @@ int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm,
         *dsp = static_cast<std::uint32_t>(call.answer[2]);
         *boosterArm = static_cast<std::uint32_t>(call.answer[3]);
         *api = static_cast<std::uint16_t>(call.answer[4]);
-        // Without a terminating zero when the name fills all the room there is.
+        // Without a terminating zero if the name fills the buffer.
         std::strncpy(name, call.name.c_str(), sim::kNameBytes);
     }
     return answer;

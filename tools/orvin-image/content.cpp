@@ -49,7 +49,7 @@ void refuseImage(const std::string& path, const FileDescriptor& file, off_t size
     }
 }
 
-// The limit is looked at while reading, too: only that tells that a device has no end.
+// Checks the limit while reading, too, because a device file may be endless.
 Bytes readAll(const std::string& path, const FileDescriptor& file, std::uint32_t limit) {
     constexpr std::size_t kPiece = 65536;
     Bytes content;
@@ -84,7 +84,7 @@ Bytes generateContent(std::uint32_t target, std::uint32_t version, std::size_t s
 }
 
 Bytes readContent(const std::string& path, std::uint32_t limit, const std::string& output) {
-    // Without O_NONBLOCK, to open a pipe is to wait for its writer.
+    // Without O_NONBLOCK, opening a pipe blocks until it has a writer.
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {

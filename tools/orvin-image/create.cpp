@@ -37,7 +37,7 @@ Bytes makeContent(const CreateOptions& options) {
                                       kMaxContent - firmware::Descriptor::kSize, options.output));
 }
 
-// Whether a simulated device would take the content for that firmware.
+// Whether a simulated device would accept the content as this firmware.
 bool isFirmware(const Bytes& content, const CreateOptions& options) {
     const auto descriptor = firmware::Descriptor::decode(content.data(), content.size());
     return descriptor && descriptor->target == options.target &&

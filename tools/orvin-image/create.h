@@ -18,8 +18,7 @@ struct CreateOptions {
     bool addDescriptor = false;
 };
 
-// Throws std::runtime_error for what the user must be told. A file that cannot be written whole is
-// left as it was.
+// Throws std::runtime_error with a message for the user. On failure, an existing file is unchanged.
 void create(const CreateOptions& options);
 
 }  // namespace orvin_image

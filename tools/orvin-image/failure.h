@@ -10,12 +10,12 @@
 
 namespace orvin_image {
 
-// Throws what the user must be told of the file.
+// Throws std::runtime_error with a message for the user about the file.
 [[noreturn]] inline void fail(const std::string& path, const std::string& reason) {
     throw std::runtime_error("'" + onOneLine(path) + "': " + reason);
 }
 
-// As above, with the reason that errno has.
+// As above, with the reason in errno.
 [[noreturn]] inline void failWithErrno(const std::string& path, const char* what) {
     fail(path, std::string(what) + ": " + std::strerror(errno));
 }

@@ -31,7 +31,7 @@ const std::map<std::string, std::uint32_t> kTargets = {
     {"booster-arm", codeOf(FirmwareTarget::BoosterArm)},
 };
 
-// Decimal, or hexadecimal with 0x in front, of 32 bits. Empty, or what is wrong.
+// Checks a decimal or hexadecimal number of 32 bits. Returns an error text, empty if it is valid.
 std::string checkNumber(const std::string& text) {
     const bool isDecimal = text.rfind("0x", 0) != 0 && text.rfind("0X", 0) != 0;
     const std::string digits = isDecimal ? text : text.substr(2);
@@ -49,14 +49,14 @@ std::string checkNumber(const std::string& text) {
     return fits ? "" : shown + " is too large: the range is 0 to 4294967295 (0xffffffff)";
 }
 
-// A target's name has become its code before.
+// Runs after the name of a target was replaced by its code.
 std::string checkTarget(const std::string& text) {
     const bool isNumber = !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) != 0;
     return isNumber ? checkNumber(text)
                     : "'" + onOneLine(text) + "' is not arm, dsp, booster-arm or a number";
 }
 
-// A version with dots becomes its number.
+// Converts a version with dots to its number.
 std::string numberOfVersion(const std::string& text) {
     if (text.find('.') == std::string::npos) {
         return text;
@@ -132,7 +132,7 @@ int main(int argc, char** argv) {
     show->add_flag("--json", asJson, "Print JSON");
 
     CLI11_PARSE(app, argc, argv);
-    std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit fails instead, and is told of
+    std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit then fails, and is reported
     try {
         int result = 0;
         if (show->parsed()) {

@@ -24,12 +24,12 @@ namespace orvin_image {
 
 namespace {
 
-// What there is to say of an image file.
+// What is known about an image file.
 struct Inspection {
     std::string path;
     std::optional<std::uintmax_t> fileSize;
-    std::optional<FirmwareImageHeader> header;  // none when the file has no whole header
-    std::string refusal;                        // the upgrade tool's words; empty: accepted
+    std::optional<FirmwareImageHeader> header;  // none if the header is incomplete
+    std::string refusal;                        // error text of the upgrade tool; empty: accepted
     std::optional<std::uint16_t> checksum;      // of the content of an accepted image
 
     bool sizesAddUp() const {
@@ -38,7 +38,8 @@ struct Inspection {
     }
 };
 
-// The file's length; none when there is no file. Throws for what would block or has no length.
+// The length of the file; none if it does not exist. Throws for a file that would block or has no
+// length.
 std::optional<std::uintmax_t> measureFile(const std::string& path) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);
@@ -55,8 +56,8 @@ std::optional<std::uintmax_t> measureFile(const std::string& path) {
     return error ? std::nullopt : std::optional(size);
 }
 
-// The header fields of a file that the reader refuses; none when it is too short for them or cannot
-// be opened. Throws when it cannot be read: the reader does not tell that from a short file.
+// The header of a file that the reader refuses; none if the file is too short or cannot be opened.
+// Throws if the file cannot be read, which the reader reports like a short file.
 std::optional<FirmwareImageHeader> readHeader(const std::string& path) {
     const FileDescriptor file(::open(path.c_str(), O_RDONLY));
     if (!file.isOpen()) {
@@ -132,7 +133,7 @@ void printText(const Inspection& found) {
     if (found.header) {
         printHeader(found);
     }
-    std::fflush(stdout);  // what is wrong comes last
+    std::fflush(stdout);  // the error comes last
     if (!found.refusal.empty()) {
         fprintf(stderr, "Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
     }
@@ -174,7 +175,7 @@ void printJson(const Inspection& found) {
         json["sizesAddUp"] = found.sizesAddUp();
         json["computedChecksum"] = orNull(found.checksum);
     }
-    // A path need not be valid UTF-8.
+    // A path may be invalid UTF-8.
     std::cout << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
               << std::endl;
 }

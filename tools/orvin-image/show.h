@@ -5,8 +5,8 @@
 
 namespace orvin_image {
 
-// Returns the exit status: 1 when the upgrade tool would refuse the image. Throws
-// std::runtime_error for what the user must be told.
+// Returns the exit status: 1 if the upgrade tool would refuse the image. Throws std::runtime_error
+// with a message for the user.
 int show(const std::string& path, bool asJson);
 
 }  // namespace orvin_image
