@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What a script says of itself stands in the comment at its head; for those that have changed into their directory.
+# Prints usage and duration of a script from the comment at its head. The script must first change to its own directory.
 
 own_words() { # SED-COMMAND
     sed -n "2,/^[^#]/ { $1 }" "$(basename "$0")"
@@ -10,7 +10,7 @@ usage_error() {
     exit 2
 }
 
-# How long it takes. First thing when the arguments are understood.
+# Prints how long the script takes. Call it after the arguments are checked.
 say_how_long() {
     own_words 's/^# \(Takes \)/\1/p'
 }

@@ -1,5 +1,5 @@
-// A usleep that the loader finds before the C library's: a pause takes a tenth of its time. Polls
-// stay as they are, and with them the time that a packet has.
+// Replaces usleep: a pause takes a tenth of its time. Polls keep their length, and so do the
+// timeouts of packets.
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// Runs at the edges of times, sizes and counts, of which only a number or two are of interest.
+// Runs at the limits of times, sizes and counts; each test looks at only a number or two.
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -13,7 +13,7 @@ using sim::Function;
 
 constexpr std::size_t kHeaderSize = 36;
 
-// Two devices get an image with content of that size; the first one with these fields.
+// Two devices get an image with `contentSize` bytes of content; `fields` belong to the first one.
 ToolSetup upgrade(std::size_t contentSize, const std::string& fields = "") {
     ToolSetup run = describedRun(R"({"run": "-B -m mem:status mem:image", "members": [{"id": 1)" +
                                  fields + R"(}, {"id": 2}]})");
@@ -41,7 +41,7 @@ TEST(Edges, TheCommandLineHasToDescribeAMode) {
     }
 }
 
-// Initializes no handle.
+// Makes TalmApiInitialize fail.
 class NoHandle : public sim::Interceptor {
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         const bool steps = call.function == Function::Initialize;
@@ -85,7 +85,7 @@ TEST(Edges, ProgressRoundsUpInStepsOfFive) {
               "0 5 10 15 20 25 30 35 40 45 50 55 60 65 70 75 80 85 90 95 100 ");
 }
 
-// A hundredfold of what is left fits 32 bits up to 42,949,672 bytes.
+// Progress computes 100 times the rest of the content, which fits 32 bits up to 42,949,672 bytes.
 TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     ToolSetup run = upgrade(0);
     run.bus.callFaults = {{Function::Data, std::nullopt, {true, 0, {}}}};
@@ -113,11 +113,11 @@ TEST(Edges, ADeviceGoesBackOftenButNotForEver) {
     EXPECT_TRUE(endless.printed("Successfully updated 1 Orvin: \n  " + orvinText(2)));
 }
 
-// A request may come when the loop has looked for one and not yet taken the next number: while it
-// writes its progress, which it does for each packet here, or while it reads the packet.
+// A request may come after the loop has checked for one and before it takes the next number: while
+// it writes its progress, which it does for each packet here, or while it reads the packet.
 TEST(Edges, ADeviceGoesBackAtAnyMoment) {
     constexpr int kPackets = 20;
-    constexpr int kBeforeTheFirst = 31;  // reads of headers and writes of messages
+    constexpr int kBeforeTheFirst = 31;  // reads of headers, writes of messages
     for (int moment = 0; moment < 2 * kPackets; ++moment) {
         ToolSetup described = upgrade(std::size_t{64} * kPackets);
         sim::Bus* bus = nullptr;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Upgrades three simulated controllers on this machine with the playbook of the installed examples: with a changed
-# image, with faults, and after them.
+# image, with faults, and after the faults.
 # Usage: fleet_test.sh BUILD-DIR
 set -euo pipefail
 build=$(cd "$1" && pwd)
@@ -10,7 +10,7 @@ cp -r "$build/installed/share/doc/orvin-firmware-upgrade/examples/." "$work"
 cd "$work/fleet"
 export HOME=$work PATH=$build/installed/bin:$PATH
 
-# In the place of ssh: each controller is this machine. The connection to south is lost once, when Orvins check images.
+# Replaces ssh: each controller is this machine. The connection to south breaks once, when Orvins check images.
 cat >ssh <<SH
 #!/bin/sh
 for command; do :; done
@@ -49,7 +49,7 @@ orvin() { # NUMBER [FAULTS]
            \"timing\": {\"install_ms\": 10, \"restart_ms\": 10}}"
 }
 
-# Runs the playbook, which must end with STATUS.
+# Runs the playbook and expects it to end with STATUS.
 play() { # STATUS OPTION...
     local expected=$1 status=0
     shift
@@ -67,7 +67,7 @@ bus north '' "$(orvin 11)" "$(orvin 12)"
 bus east '' "$(orvin 11)" "$(orvin 12 '"keeps_old_version": "always"')" "$(orvin 13)"
 bus south '"link": {"active_after_ms": 1000000},' "$(orvin 11)"
 
-# One byte of an image is changed: the first controller stops before anything is sent, and no other begins.
+# One byte of an image was changed: the first controller stops before anything is sent, and no other begins.
 cp images/dsp.img signed.img
 printf '\377' | dd of=images/dsp.img bs=1 seek=200 conv=notrunc status=none
 play 2
@@ -76,13 +76,13 @@ expect 'east: \{ "Orvins": "not begun"\} north: \{ "Orvins": "stopped before the
 [ ! -e "$work/north/trace" ]
 cp signed.img images/dsp.img
 
-# One device stays old, and one bus never becomes active: these controllers fail, and the first does not.
+# One device keeps its old firmware, and one bus never becomes active: these controllers fail, the first does not.
 play 2
 expect 'fatal: \[south\]: FAILED! => \{ "changed": false, "msg": \[ "List the bus members", .* "Bus not ACTIVE, exiting." \]'
 expect 'The following Orvin could not be upgraded: .*"not new: [0-9a-f:]*:12 \(hw:00000003, arm:00010200,.*Room 12'
 expect 'north: \{ "Orvins": \{ "missing": \[\], "new": "2", "not new": \[\], "status": "2" \}\} south: .*"stopped before the upgrade"'
 
-# The faults are gone, but so is a device that was there before. Half of a batch is too much, so no other begins.
+# The faults are gone, but an expected device is missing. Half of a batch fails, so no other batch begins.
 bus east '' "$(orvin 11)" "$(orvin 12)"
 cp "$work/east/bus.json" before.json
 play 2 --check -e '{"orvin_batches": [2]}'
@@ -91,7 +91,7 @@ expect '"missing": \[ "[0-9a-f:]*:13 [^"]*" \], "new": "0", "not new": \[ "[^"]*
 expect 'south: \{ "Orvins": "not begun"'
 cmp "$work/east/bus.json" before.json
 
-# It is back. An upgrade goes on without a connection, and in the end all is new.
+# The device is back. An upgrade continues without a connection, and in the end all devices are new.
 bus east '' "$(orvin 11)" "$(orvin 12)" "$(orvin 13)"
 bus south '' "$(orvin 11 '"check": {"calls": [1], "result": 0, "answer": [1, 1], "carried_out": true, "takes_us": 40000000}')"
 play 0 -e orvin_record=true
@@ -101,7 +101,7 @@ expect 'east : ok=[0-9]* changed=1 .* north : ok=[0-9]* changed=0 .* south : ok=
 expect 'east: \{ "Orvins": \{ "missing": \[\], "new": "3", "not new": \[\], .* north: .*"new": "2".* south: .*"new": "1"'
 grep -q TalmApiClose recordings/south.jsonl
 
-# All stays as it is, and nothing else begins where an upgrade is running.
+# Nothing changes, and no upgrade begins on a controller where another one is running.
 flock --no-fork "$work/south/fleet/lock" sleep 1000 &
 play 2
 expect 'fatal: \[south\].*"An upgrade is running on this controller'

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Kills the installed tool at random moments of a recorded upgrade: the status file then holds a whole message
-# or is not there, the bus file and each line of the recording are whole, and the next run completes the
-# upgrade.
+# Kills the installed tool at random moments of a recorded upgrade. Then the status file is complete or missing,
+# the bus file and each line of the recording are complete, and the next run completes the upgrade.
 # Usage: kill_test.sh BUILD-DIR [TIMES [AT-ONCE]]
 set -u
 build=$(cd "$1" && pwd) || exit 1

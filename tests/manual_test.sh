@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Manual pages and completions against the source, and the pages' markup.
+# Compares manual pages and completions with the source, and checks the markup of the pages.
 # Usage: manual_test.sh SOURCE-DIR
 set -u
 cd "$1" || exit 1

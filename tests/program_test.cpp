@@ -1,4 +1,4 @@
-// The programs as they are installed.
+// Tests of the installed programs.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -32,7 +32,7 @@ class Program : public testing::Test {
 protected:
     Program() { writeText(directory / "bus.json", kBus); }
 
-    // Runs the command in the directory. The tool finds the bus libraries by the search path.
+    // Runs the command in the directory. The tool loads the bus libraries from `libraries`.
     Result shell(const std::string& command, const std::string& libraries = kStandIn) const {
         const std::string start =
             "cd " + directory / "" + "; exec >stdout 2>stderr; export PATH=" +
@@ -143,7 +143,7 @@ TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
          {std::tuple{upgrade + "missing.img", 1, "\n1 device was updated.\nAttention: "},
           {tool + "tcp://nowhere arm.img", 132, "bus is not ready"},
           {tool, 129, "The command line is wrong"},
-          // Ends when its line has come through.
+          // Ends when its line has arrived.
           {"timeout 60 sh -c 'echo console; until grep -q console stdout; do sleep 0.1; done'", 0,
            "console\n"},
           {"env --default-signal=HUP sh -c 'kill -HUP $$'", 129, "SIGHUP ended the upgrade"},
@@ -153,7 +153,7 @@ TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
         EXPECT_EQ(result.exitStatus, exitStatus) << command;
         EXPECT_TRUE(contains(result.output, told)) << result.output;
     }
-    // The last message of an upgrade that has nothing to do.
+    // The status message of an upgrade with nothing to do.
     const std::string count = " >out; echo $? $(grep -c 'Waiting for Lumnet' out); tail -n 1 out";
     EXPECT_EQ(shell(follow + upgrade + count).output, "0 1\nNo device was updated.\n");
 }
@@ -170,7 +170,7 @@ TEST_F(Program, LivesWithItsSurroundings) {
         EXPECT_EQ(readText(directory / "status"), status) << surroundings;
         EXPECT_FALSE(contains(readText(directory / "trace"), "Waiting for bus")) << surroundings;
     }
-    // No thread for the bus, since its stack would be half of all addresses.
+    // The bus cannot start a thread, because its stack would need half of the address space.
     const Result refused = shell("ulimit -s " + std::to_string(SIZE_MAX / 2048) + listing);
     EXPECT_EQ(refused.exitStatus, 132);
     EXPECT_TRUE(contains(refused.error, "cannot start a thread")) << refused.error;
@@ -193,20 +193,20 @@ TEST_F(Program, RecorderLeavesTheCommandAsItIs) {
           ",\"device\":\"0a:00:", "\"call\":\"TalmApiClose\","}) {
         EXPECT_TRUE(contains(recording, part)) << part;
     }
-    // What another run is writing stays, and so does a recording when no call comes.
+    // A recording stays unchanged if another run is writing it, or if no call comes.
     const Result busy = shell("flock recording orvin-record recording " + listing +
                               "; orvin-record recording true");
     EXPECT_TRUE(contains(busy.error, "another run is being recorded")) << busy.error;
     EXPECT_EQ(readText(directory / "recording"), recording);
-    // The runs of one command take its place together. They start without orvin-record here, whose
-    // shell a sanitizer's library cannot be loaded into.
+    // All runs of one command replace it. They start without orvin-record here, because a
+    // sanitizer's library cannot be loaded into its shell.
     const std::string run =
         "LD_LIBRARY_PATH=" PREFIX
         "/lib/orvin-firmware-upgrade:$LD_LIBRARY_PATH"
         " LD_PRELOAD=liborvin-record.so ORVIN_RECORDING=recording ORVIN_RECORD_INVOCATION=one " +
         listing + " >x; ";
     EXPECT_EQ(shell(run + run + "grep -c '\"invocation\":\"one\"' recording").output, "2\n");
-    // Without a call of the bus there is nothing to be recorded.
+    // Without a call of the bus, there is no recording.
     EXPECT_EQ(shell("orvin-record y orvin-firmware-upgrade -v; ls y").output, kStart);
     const Result killed = shell("orvin-record x " + listing + " & kill -TERM $!; wait $!");
     EXPECT_EQ(killed.exitStatus, 128 + SIGTERM);
@@ -231,7 +231,7 @@ TEST_F(Program, RecordingShowsWhatWentWrongAndBringsItBack) {
         "orvin-recording plot recording -o recording.svg;"
         " python3 -c 'import xml.dom.minidom as xml; xml.parse(\"recording.svg\")'");
     EXPECT_EQ(picture.error, "");
-    // It may take a second more or less, and one look more for the device that restarts.
+    // It may take a second more or less, and ask the restarting device once more.
     EXPECT_EQ(shell("orvin-recording bus recording >again.json; " + upgrade + "again.json >now;" +
                     " sed -i '/took/d; s/\\.\\.\\.<*/.../' then now; diff then now")
                   .output,
@@ -289,7 +289,7 @@ TEST_F(Program, OrvinImageTellsWhyTheUpgradeToolWouldRefuseAFile) {
 }
 
 TEST_F(Program, OrvinImageRefusesWhatItCannotMakeAndLeavesNothingBehind) {
-    // A link may lead over another one to a file that is not there yet.
+    // A link may lead through another one to a file that does not exist yet.
     shell("rm bus.json; mkdir d; ln -s ../link d/link; ln -s image link; ln -s circle circle");
     shell("orvin-image create d/link --target arm --version 1 --size 64; rm -r d");
     shell("mkfifo fifo; truncate -s 6G long");

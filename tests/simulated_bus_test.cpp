@@ -1,4 +1,4 @@
-// The simulated devices and their bus file keep the other tests honest.
+// Tests of the simulated devices and their bus file, which the other tests rely on.
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ namespace {
 using orvin_image::Bytes;
 using sim::Json;
 
-// What comes of an upgrade with the content, of which these packets arrive.
+// The result of an upgrade with `content`, if only `packets` arrive.
 std::string upgradeWith(const Bytes& content, const std::vector<std::uint32_t>& packets) {
     const auto size = static_cast<std::uint32_t>(content.size());
     firmware::Checksum checksum;
@@ -46,7 +46,7 @@ TEST(SimulatedDevice, InstallsOnlyWholeFirmwareForItsOwnProcessor) {
     EXPECT_EQ(upgradeWith(good, {0, 1}), "fails its check");
     EXPECT_EQ(upgradeWith(good, {1, 2}), "fails its check");
     EXPECT_EQ(upgradeWith(orvin_image::generateContent(kDsp, 7, 64), {0}), "not taken");
-    // The sum starts at 0xffff: two bytes of 0xff in front make it 0, and zeros keep it there.
+    // The checksum starts at 0xffff: two leading bytes of 0xff make it 0, and zeros keep it at 0.
     Bytes zeros(137);
     zeros[0] = zeros[1] = 0xff;
     EXPECT_EQ(upgradeWith(zeros, {0, 1, 2}), "not taken");
@@ -98,8 +98,8 @@ TEST(BusFile, HasOneUserAndAnEnd) {
     EXPECT_THROW(sim::BusFile tooLong(directory / "long.json"), sim::BusFileError);
 }
 
-// A mebibyte has 16,384 packets. The devices answer in turn or all at once and in any order, on
-// several threads, and the lines are taken five times a second.
+// 1 MiB has 16,384 packets. The devices answer in turn, or all at once and in any order, on several
+// threads. The lines are taken five times a second.
 TEST(RecordingLines, OfAMebibyteTo63DevicesFitTenMegabytes) {
     constexpr std::uint32_t kDevices = 63;
     constexpr std::uint32_t kPackets = 256;
@@ -128,7 +128,7 @@ TEST(RecordingLines, OfAMebibyteTo63DevicesFitTenMegabytes) {
     }
 }
 
-// Each fault in the tables, and that there is an example for each fault.
+// The bus file reader accepts each example in the tables, and each fault has an example.
 TEST(BusFile, UnderstandsTheExamplesOfItsDocument) {
     std::set<std::string> faults;
     std::istringstream document(readText(DOCUMENT));

@@ -1,5 +1,5 @@
-// The simulated bus as it is shipped: callbacks on threads of its own, in real time at its smallest
-// delays. What these tests look for above all is what the thread sanitizer finds.
+// The simulated bus as shipped: callbacks on its own threads, in real time at its smallest delays.
+// These tests mainly serve the thread sanitizer.
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ namespace {
 constexpr int kDevices = 15;
 constexpr std::uint32_t kDsp = 0x201;
 
-// Of three devices one asks to go back, one reports a fault, and one acknowledges twice.
+// Three devices: one asks to go back, one reports a fault, one acknowledges twice.
 std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     using Kind = sim::PacketFault::Kind;
     constexpr Kind kinds[] = {Kind::GoBack, Kind::Result, Kind::Twice};
@@ -35,8 +35,8 @@ std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     return std::make_shared<sim::Bus>(bus);
 }
 
-// Clears no callback, and makes reports until the process ends: acknowledgements at first, and from
-// the end of the session on, faults, on which the tool would act.
+// Clears no callback, and makes callbacks until the process ends: first acknowledgements, and after
+// the end of the session faults, to which the tool would react.
 class Stubborn : public sim::Interceptor {
 public:
     explicit Stubborn(std::shared_ptr<sim::Bus> itsBus) : bus(std::move(itsBus)) {
@@ -83,7 +83,7 @@ TEST(Threads, UpgradeAllDevicesAndFindNoGroupOnceTheModeHasEnded) {
     writeText(image, {file.begin(), file.end()});
     const auto bus = makeBus(directory / "trace");
     sim::busOpener() = [&](const std::string&) { return std::shared_ptr<sim::Bus>(bus); };
-    auto& library = *new Stubborn(bus);  // as long as its threads
+    auto& library = *new Stubborn(bus);  // lives as long as its threads
     sim::interceptors().push_back(&library);
     RunConfig config;
     char all[] = "-B";
@@ -100,7 +100,7 @@ TEST(Threads, UpgradeAllDevicesAndFindNoGroupOnceTheModeHasEnded) {
     }
 }
 
-// An acknowledgement must not come earlier than the bus file says.
+// An acknowledgement must not come before its time in the bus file.
 TEST(RealTimeQueue, RunsNothingBeforeItsTime) {
     std::promise<sim::Microseconds> ran;
     const auto queue = sim::makeEventQueue();

@@ -1,5 +1,5 @@
-// What no run shows: what callback threads do meanwhile, records that a bus never gives, a library
-// of identifiers other than the stand-in, and parts with a promise of their own.
+// Tests that need no whole run: concurrent callbacks, records that a bus never produces, an
+// identifier library other than the simulated one, and units with their own contract.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ std::size_t firstByteThatCounts = 0;
 
 }  // namespace
 
-// Takes the place of vanid_equal for all that is linked into this program.
+// Replaces vanid_equal in this program.
 // NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" int __wrap_vanid_equal(const vanid_t* a, const vanid_t* b) {
     const std::size_t first = firstByteThatCounts;
@@ -34,7 +34,7 @@ extern "C" int __wrap_vanid_equal(const vanid_t* a, const vanid_t* b) {
 
 namespace {
 
-// On a bus with device 1, which keeps its old firmware.
+// A group on a bus with device 1, which keeps its old firmware.
 class Group : public testing::Test {
 protected:
     Group() {
@@ -78,7 +78,7 @@ protected:
 
     void goBack(int requests) {
         for (int request = 0; request < requests; ++request) {
-            static_cast<void>(group.takePacket(0));  // it may have been taken
+            static_cast<void>(group.takePacket(0));  // it may already be taken
             group.onTransferResult(17, orvinId(1), 0);
         }
     }
@@ -93,7 +93,7 @@ protected:
 
     MemorySystem& memory = MemorySystem::instance() = {};
     BusSession session;
-    OrvinGroup group{&session, false};  // whose device list has mutex 1
+    OrvinGroup group{&session, false};  // its device list has mutex 1
 };
 
 TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {
@@ -170,8 +170,8 @@ TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
     EXPECT_TRUE(group.allRejoined());
 }
 
-// A report of a fault may still be on its way when the callback was cleared. Here it comes when the
-// tool looks at the device list the nth time after an announcement.
+// A fault may still be reported after the callback was cleared. Here it comes when the tool locks
+// the device list the nth time after an announcement.
 TEST_F(Group, CanLoseItsLastDeviceToALateFaultAtAnyMoment) {
     add({1});
     const std::tuple<const char*, int, int, const char*> cases[] = {
@@ -208,7 +208,7 @@ TEST_F(Group, TakesTheLibrarysAnswerToARequestToAllForSuccess) {
     EXPECT_FALSE(startUpdate(session, orvinId(1), kArm));
 }
 
-// A length cut to 32 bits would fit the header.
+// Truncated to 32 bits, the length would fit the header.
 TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
     constexpr std::int64_t kLimit = (std::int64_t{1} << 31) - 36;
     ErrorInfo error;
@@ -247,7 +247,7 @@ TEST(FirmwareImage, HoldsNoFileAfterAFailure) {
 
 TEST(MessageWriter, ForWhichThereIsNoMemoryEndsTheRun) {
     ToolSetup setup = describedRun(R"({"run": "-l -m"})");
-    setup.arguments.emplace_back(12'345, 'x');  // a size that nothing else has
+    setup.arguments.emplace_back(12'345, 'x');  // a size that no other allocation has
     setup.onOpen = [](sim::Bus&) { MemorySystem::refusedAllocation = 12'345 + 1; };
     const ToolRun run = checkedRun(setup);
     MemorySystem::refusedAllocation = 0;
@@ -265,7 +265,7 @@ TEST(VanidText, IsReadFieldByField) {
                                       {"+7", 7},
                                       {"1g", 1},
                                       {"0x", 0}}) {
-        // What follows the field would change the number, were it read on.
+        // Reading beyond the field would change the number.
         ASSERT_TRUE(parseVanid(id, field + ("9" + orvinText(1).substr(3))));
         EXPECT_EQ(id.bytes[0], byte) << field;
         EXPECT_EQ(formatVanid(id).substr(2), orvinText(1).substr(2));

@@ -1,7 +1,7 @@
-// Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
-// what came of it: the exit status, the console, the status messages and every bus call with its
-// time. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the
-// difference before you commit it.
+// Whole runs, each in a file of runs/: the set-up, as in support/described_run.h, and the exact
+// result: the exit status, the console, the status messages and every bus call with its time. After
+// an intended change, ORVIN_UPDATE_EXPECTED=1 rewrites the results; read the difference before you
+// commit it.
 
 #include <gtest/gtest.h>
 

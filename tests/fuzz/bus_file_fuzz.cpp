@@ -1,4 +1,4 @@
-// Any text as a bus file: a description, or one line that says what is wrong.
+// Reads any text as a bus file: the result is a description, or one line with the error.
 
 #include <cstdlib>
 #include <string>

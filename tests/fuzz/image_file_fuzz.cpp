@@ -1,5 +1,5 @@
-// Any bytes as a firmware image file: accepted only with sizes that add up, and then read to its
-// end.
+// Reads any bytes as a firmware image file: the reader accepts it only if the sizes add up, and can
+// then read it to its end.
 
 #include <sys/mman.h>
 #include <unistd.h>

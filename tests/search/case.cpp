@@ -6,21 +6,21 @@
 
 namespace {
 
-// Longer than both attempts with three images for 63 devices take, and all the requests to go back
-// that faults that stay can make.
+// Longer than both attempts with three images for 63 devices, plus all requests to go back that
+// permanent faults can make.
 sim::Microseconds timeLimit(const Case& searched) {
     const auto staying = std::count_if(searched.faults.begin(), searched.faults.end(),
                                        [](const Fault& fault) { return fault.stays; });
     return (500'000 + 1'000'000 * staying) * kSecond;
 }
 
-// Lets the faults strike at their calls.
+// Injects the faults at their calls.
 class Injector : public sim::Interceptor {
 public:
     explicit Injector(const Case& searched) : faults(searched.faults) {}
 
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
-        constexpr std::size_t kMostCalls = 1'000'000;  // more than the longest wait makes
+        constexpr std::size_t kMostCalls = 1'000'000;  // more than in the longest wait
         const std::size_t index = calls++;
         if (index == kMostCalls) {
             throw sim::TimeLimitReached();
@@ -42,7 +42,7 @@ public:
     sim::Bus* bus = nullptr;
 
 private:
-    // A callback that comes at any moment needs a library that clears none.
+    // A late callback needs a library that clears no callbacks.
     bool failsToClear(const sim::Call& call) const {
         return call.text == talm::slotText(false) &&
                std::any_of(faults.begin(), faults.end(),

@@ -1,4 +1,4 @@
-// One run of the tool with faults, and the devices that these may harm.
+// One run of the tool with faults, and the devices that the faults may affect.
 #ifndef TESTS_SEARCH_CASE_H
 #define TESTS_SEARCH_CASE_H
 
@@ -10,16 +10,16 @@
 
 constexpr sim::Microseconds kSecond = 1'000'000;
 
-// An image file that the tool is given.
+// An image file for the tool.
 struct Image {
     std::string name;
     std::uint32_t target = 0;
     std::uint32_t version = 0;
-    std::string file;     // all its bytes; none: there is no such file
-    std::string content;  // what of them is sent; none: the file is broken
+    std::string file;     // all bytes; empty: the file does not exist
+    std::string content;  // the bytes that are sent; empty: the file is invalid
 };
 
-// What can no longer be expected because of a fault.
+// What a test can no longer expect because of a fault.
 enum class Harm {
     None,
     Device,      // that its device is upgraded, or not dropped
@@ -27,24 +27,24 @@ enum class Harm {
     AllDevices,  // anything of any device
 };
 
-// Where a fault strikes. Of two at one place only one is used.
+// Where a fault occurs. Of two faults at one place, only one is used.
 enum class Place { Result, Link, Power, Packet, Callback };
 
-// Something that goes wrong at one of the tool's calls.
+// A fault at one of the tool's calls.
 struct Fault {
     Place place = Place::Result;
     std::string device;  // empty: none
     Harm harm = Harm::None;
     std::string what;
-    std::int64_t value = 0;   // the result, for how long in microseconds, or the packet fault's
-    bool carriedOut = false;  // the call, though its result is lost
-    sim::Function function = sim::Function::Initialize;  // whose result it is, or the callback
+    std::int64_t value = 0;   // a result, a duration in microseconds, or the packet fault's value
+    bool carriedOut = false;  // the bus executes the call, but its result is lost
+    sim::Function function = sim::Function::Initialize;  // of the result, or the callback
     sim::PacketFault packet = {};
-    std::size_t call = 0;  // counted from 0, callbacks as well
-    bool stays = false;    // and strikes at all later calls as well
+    std::size_t call = 0;  // counted from 0, including callbacks
+    bool stays = false;    // also occurs at all later calls
 };
 
-// The nth system call of its kind for a status message fails; error 0: none does.
+// The nth system call of its kind for a status message fails; error 0: no failure.
 struct StatusFault {
     SystemCall call = SystemCall::Rename;
     int error = 0;
@@ -58,7 +58,7 @@ struct Case {
     std::vector<Fault> faults;
     StatusFault statusFault;
     std::set<std::string> spoiled;  // devices that may be dropped, or left without the upgrade
-    Harm harm = Harm::None;         // the worst to all devices
+    Harm harm = Harm::None;         // the worst harm to all devices
 
     bool has(const std::string& argument) const;
     void addImage(const Image& image);
@@ -70,7 +70,7 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
 
 ToolRun runCase(const Case& searched);
 
-// Whether the tool makes the call without the lock for which a callback would wait.
+// Whether the tool makes the call without the lock that callbacks take.
 bool letsCallbacksIn(sim::Function function);
 
 // The identifier of the device that a call goes to; empty for none.

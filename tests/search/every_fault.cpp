@@ -1,4 +1,4 @@
-// The base cases, and every fault that can strike in them.
+// The base cases, and every fault that can occur in them.
 
 #include "search/every_fault.h"
 
@@ -56,7 +56,7 @@ std::vector<Case> baseCases() {
 
 using Results = std::vector<sim::InjectedResult>;
 
-// What a call can end with instead of its own result.
+// The results that can be injected into a call.
 Results failuresOf(Function function) {
     const Results refusals = {{-1}, {-2}, {5}, {-1, true}};
     const std::map<Function, Results> failures = {{Function::Open, {{-1}, {1}}},
@@ -81,7 +81,7 @@ Harm harmOf(const sim::Call& call, int result) {
     return goesUnnoticed ? Harm::AllDevices : Harm::Upgrade;
 }
 
-// All that can happen to the packet of that number.
+// All faults of the packet with this number.
 std::vector<PacketFault> packetFaults(std::int64_t packet) {
     using Kind = PacketFault::Kind;
     std::vector<PacketFault> faults = {PacketFault::next(Kind::Lost, 0, 2)};
@@ -100,15 +100,15 @@ std::vector<PacketFault> packetFaults(std::int64_t packet) {
     return faults;
 }
 
-// Whether the device answers before the tool's next poll. Only then is the tool sure to make good a
-// request to go back: a later one may come when the last packet is over, or at a repetition that
+// Whether the device answers before the tool's next poll. Only then does the tool always serve a
+// request to go back. A later request may come after the last packet, or during a repetition that
 // the late answer of another device ends.
 bool answersAtOnce(const sim::MemberDescription& device) {
     constexpr Microseconds kPoll = 1'000;
     return device.timing.acknowledge < kPoll && device.timing.acknowledgeJitter == 0;
 }
 
-// Callbacks that come though they were cleared.
+// Adds callbacks that come although they were cleared.
 void addLateCallbacks(std::vector<Fault>& faults, const std::string& device) {
     for (const auto& [result, harm] : {std::pair{9, Harm::Device}, {17, Harm::None}}) {
         faults.push_back({Place::Callback, device, harm, "reports late:", result, false,
@@ -188,7 +188,7 @@ void forEachPair(const Visit& visit) {
         forEachFault(base, 0, [&](const Fault& first) {
             const Case one = base.with(first);
             forEachFault(one, first.call, [&](const Fault& second) {
-                // Two faults at the same call are visited in one order only.
+                // Visits two faults at the same call in only one order.
                 if (first.call < second.call ||
                     std::tie(first.place, first.device) < std::tie(second.place, second.device)) {
                     visit([&] { return one.with(second); });

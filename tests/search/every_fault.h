@@ -6,12 +6,12 @@
 
 #include "search/case.h"
 
-// Every fault that can strike at the call, which is the one at that index in a run of the case;
-// none if it is a callback.
+// Every fault that can occur at `call`, which has this index in a run of the case; empty for a
+// callback.
 std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);
 
 // Each base case, alone and with every fault at every call.
-// Cases are made only when they are run.
+// A case is made only when it is run.
 using Visit = std::function<void(const std::function<Case()>& make)>;
 void forEachSingle(const Visit& visit);
 

@@ -3,9 +3,9 @@
 //
 //     fault-search [repeat] single|pairs|random [PART PARTS]
 //
-// runs every case, or of that many parts the one of that number, from 0. A single case runs
-// again by its number, as a part of 99999999. With `repeat` it reports instead the runs that go
-// another way on the bus that `orvin-recording bus` makes of them.
+// runs all cases, or only part PART (from 0) of PARTS. To run a single case, give its number as
+// PART of 99999999. With `repeat`, it instead reports the runs that differ on the bus file that
+// `orvin-recording bus` makes of them.
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -21,14 +21,14 @@
 
 namespace {
 
-std::string current;  // the case under way, for a program that dies or hangs
+std::string current;  // the running case, printed if the program crashes or hangs
 
-// The program's own write goes to the files in memory.
+// Bypasses write, because this program's own goes to the files in memory.
 void nameCurrent(int /*signal*/) {
     _exit(syscall(SYS_write, STDERR_FILENO, current.data(), current.size()) < 0 ? 1 : 2);
 }
 
-// The part of all cases that is run, and what comes of it.
+// The part of the cases to run, and its results.
 struct Search {
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
@@ -39,7 +39,7 @@ struct Search {
     std::vector<std::string> (*findWrong)(const Case&, const ToolRun&) = brokenPromises;
 
     void visit(const std::function<Case()>& make) {
-        constexpr unsigned kSecondsPerCase = 60;  // of real time; a case takes far less than one
+        constexpr unsigned kSecondsPerCase = 60;  // in real time; a case needs far less than one
         const std::string number = std::to_string(next);
         if (next++ % parts == part) {
             ++ran;

@@ -1,5 +1,5 @@
-// What docs/reliability.md promises, one function for each promise and in its order. They judge a
-// run by the bus calls, the files and the output alone.
+// The promises of docs/reliability.md, one function each, in the same order. They check only the
+// bus calls, the files and the output of a run.
 
 #include "search/promises.h"
 
@@ -47,21 +47,21 @@ bool accepted(const Calls& calls) {
 // One transfer of one image, from its first write request until the tool names another.
 struct Attempt {
     const Image* image = nullptr;
-    int number = 0;        // of those with the image
-    std::size_t end = 0;   // in the console
-    std::string transfer;  // what the console holds of it, up to the transfer's end
-    std::string rest;      // and from there on
-    Texts updated;         // devices that the console names so
+    int number = 0;        // 1 or 2: first or second attempt with the image
+    std::size_t end = 0;   // its end in the console
+    std::string transfer;  // its console output up to the end of the transfer
+    std::string rest;      // the rest of its console output
+    Texts updated;         // devices that the console names as updated
     std::map<std::string, std::map<Function, Calls>> devices;  // the calls by device
-    std::set<std::int64_t> packets;                            // that were sent
-    bool repeatsPackets = false;  // to a device that asked or stayed silent, and so to all
+    std::set<std::int64_t> packets;                            // numbers of the sent packets
+    bool repeatsPackets = false;  // for a device that asked or was silent
 
     bool answersOtherwise(const std::string& device) {
         const Calls& answers = devices[device][Function::OrvinInfo];
         return accepted(answers) &&
                answers.back()->answer[image->target - kArm + 1] != image->version;
     }
-    // Because it does not answer, or a faulty result was still on its way.
+    // Because the device does not answer, or because of a late fault.
     bool isDroppedLate(const std::string& device) const {
         return contains(rest, "Removing Orvin " + device);
     }
@@ -114,7 +114,7 @@ private:
                         "not asked for its version again", device);
             }
             for (const std::string& device : attempt.updated) {
-                // A simulated device that starts has passed its check.
+                // A simulated device accepts a start only after a passed check.
                 auto& calls = attempt.devices[device];
                 for (const auto step :
                      {Function::WriteRequest, Function::CheckImage, Function::StartUpdate}) {
@@ -228,8 +228,9 @@ private:
                contains(console, "Removing orvin '" + device);
     }
 
-    // The console names the device as updated, or as dropped with the reason. When the transfer
-    // failed, one line stands for all. A device with another version is tried again or named.
+    // The console names the device as updated, or as dropped with the reason. If the transfer
+    // failed, one line stands for all devices. A device with another version gets another attempt
+    // or is named.
     void checkNamed(std::size_t number, const std::string& device) {
         Attempt& attempt = attempts[number];
         require(isDropped(attempt.transfer, device) || attempt.updated.count(device) != 0 ||
@@ -242,8 +243,8 @@ private:
                 "runs another version, and the tool does not say so", device);
     }
 
-    // Whether the device may fail the attempt for another one's fault: it is busy when the packet
-    // after a repeated one comes, or it is silent when the tool goes back for the other one.
+    // Whether the device may fail the attempt because of another one's fault: it is busy when the
+    // packet after a repeated one comes, or does not acknowledge repeated packets.
     static bool mayFallBehind(const sim::MemberDescription& member, const Attempt& attempt) {
         return (member.timing.busy > 0 && attempt.repeatsPackets) ||
                (member.faults.ignoresRepeats && contains(attempt.transfer, "Go back in fw"));
@@ -261,7 +262,7 @@ private:
     }
 
     // Whether a healthy device may miss an image: it fell behind in both attempts, or in the first
-    // one with an image whose version it had already, for which there is no second one.
+    // attempt with an image whose version it already had, which has no second attempt.
     bool isLeftBehind(const sim::MemberDescription& member) const {
         const auto fallsBehindAgain = [&](const Attempt& before, const Attempt& attempt) {
             return attempt.number == 2 && mayFallBehind(member, before) &&
@@ -291,7 +292,7 @@ private:
                        (searched.has("-f") ||
                         versionIn(member.versions, image.target) != image.version);
             });
-        const bool endedEarly = !notUpgraded.empty();  // other devices ended it before all images
+        const bool endedEarly = !notUpgraded.empty();  // because of other devices
         require(endedEarly || (updated.count(device) != 0) == (chosen && needed),
                 "passed over, or updated without need", device);
     }

@@ -6,7 +6,7 @@
 
 #include "search/case.h"
 
-// The promises of docs/reliability.md that a run of the case breaks, one line each.
+// The promises of docs/reliability.md that the run breaks, one line each.
 std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run);
 
 #endif

@@ -10,7 +10,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// A source of choices.
+// Makes random choices.
 struct Dice {
     std::mt19937 random;
 
@@ -30,7 +30,7 @@ void addMember(Dice& dice, Case& random, int number) {
     device.versions.arm = dice.oneIn(6) ? kNewVersion : kOldVersion;
     device.timing.acknowledge = dice.anyOf<sim::Microseconds>({0, 300, 999, 2'500});
     device.timing.acknowledgeJitter = dice.oneIn(3) ? 3'000 : 0;
-    // It has dealt with a packet when it acknowledges it.
+    // The device is busy until it acknowledges the packet.
     device.timing.busy = dice.oneIn(3) ? device.timing.acknowledge : 0;
     device.faults.ignoresRepeats = dice.oneIn(6);
     device.timing.install = dice.below(8) * kSecond;
@@ -73,7 +73,7 @@ Texts anyArguments(Dice& dice) {
     return arguments;
 }
 
-// What can strike some call of the run without it.
+// Adds faults for random calls of the run without faults.
 void addFaults(Dice& dice, Case& random) {
     const ToolRun run = runCase(random);
     for (std::uint32_t count = dice.below(6); count > 0; --count) {

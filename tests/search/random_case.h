@@ -5,7 +5,7 @@
 
 #include "search/case.h"
 
-// Any command line, images and bus, with any mixture of faults; the same seed gives the same.
+// A random command line, images and bus, with random faults; the same seed gives the same case.
 Case randomCase(std::uint32_t seed);
 
 #endif

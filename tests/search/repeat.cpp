@@ -8,7 +8,7 @@
 
 namespace {
 
-// The bus on which the run is repeated.
+// The bus that repeats the run.
 sim::BusDescription busOf(const ToolRun& run) {
     static const TemporaryDirectory directory;
     const std::string recording = directory / "recording";
@@ -36,7 +36,7 @@ std::vector<std::string> differencesWhenRepeated(const Case& searched, const Too
     Case repeated = searched;
     repeated.setup.bus = busOf(run);
     for (Fault& fault : repeated.faults) {
-        fault.call = std::numeric_limits<std::size_t>::max();  // strikes no more
+        fault.call = std::numeric_limits<std::size_t>::max();  // never occurs
     }
     const ToolRun second = runCase(repeated);
     std::vector<std::string> differences;

@@ -11,9 +11,8 @@ struct CannotBeRepeated : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What is different, one line each, when the tool runs once more on the bus that
-// `orvin-recording bus` makes of a recording of the run. Throws CannotBeRepeated when it makes
-// none.
+// Runs the tool again on the bus that `orvin-recording bus` makes of a recording of the run.
+// Returns the differences, one line each. Throws CannotBeRepeated if orvin-recording refuses.
 std::vector<std::string> differencesWhenRepeated(const Case& searched, const ToolRun& run);
 
 #endif

@@ -12,7 +12,7 @@ namespace {
 
 using sim::Json;
 
-// Divided at blanks that stand in no quotes.
+// Splits the command line at blanks outside quotes.
 std::vector<std::string> wordsOf(const std::string& commandLine) {
     std::vector<std::string> words;
     std::istringstream text(commandLine);
@@ -74,7 +74,7 @@ std::map<std::string, std::string> standardImages() {
         {"mem:short", arm.substr(0, 35)},
         {"mem:longer", arm + "x"},
         {"mem:shorter", arm.substr(0, arm.size() - 1)},
-        {"mem:overflow", patched(arm.substr(0, 149), 4, largestSize)},  // the sizes' sum in 32 bits
+        {"mem:overflow", patched(arm.substr(0, 149), 4, largestSize)},  // of the sum of the sizes
     };
 }
 

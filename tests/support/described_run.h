@@ -1,19 +1,19 @@
-// Runs that a few lines of JSON describe.
+// Runs described in JSON.
 #ifndef TESTS_SUPPORT_DESCRIBED_RUN_H
 #define TESTS_SUPPORT_DESCRIBED_RUN_H
 
 #include "support/tool_run.h"
 
-// The fields: "run", the command line; "errors", as in ToolSetup; those of a bus
-// file, where a member's "id" may be a number (see orvinText) and what is left out makes it an
-// Orvin with old firmware. All of the images of standardImages can be used.
+// The fields: "run", the command line; "errors", as in ToolSetup; and those of a bus file. A
+// member's "id" may be a number (see orvinText); by default a member is an Orvin with old firmware.
+// The files have all standardImages.
 ToolSetup describedRun(const std::string& json);
 
-// Image files, good ones and broken ones, by name.
+// Valid and invalid image files by name.
 std::map<std::string, std::string> standardImages();
 
-// Runs the tool and expects what holds for each of its runs: it leaves no file open, and it prints
-// everything before the wait that follows.
+// Runs the tool and checks what every run must do: close all files, and flush all output before a
+// wait.
 ToolRun checkedRun(const ToolSetup& setup,
                    const std::function<int(SystemCall, const std::string&)>& system = {});
 

@@ -1,4 +1,4 @@
-// Files that programs of their own can see.
+// Real files, for tests that start programs.
 #ifndef TESTS_SUPPORT_FILES_H
 #define TESTS_SUPPORT_FILES_H
 
@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-// A directory of the test's own, removed with all that is in it.
+// A temporary directory, removed with its content.
 class TemporaryDirectory {
 public:
     TemporaryDirectory() : path(mkdtemp(std::string("/tmp/orvin-test-XXXXXX").data())) {}
@@ -22,7 +22,7 @@ private:
     const std::string path;
 };
 
-// Empty for a file that is not there.
+// Empty for a missing file.
 inline std::string readText(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

@@ -22,19 +22,19 @@ bool fails(SystemCall call, const std::string& what) {
     return errno != 0;
 }
 
-// The program has other mutexes, which never fail.
+// Other mutexes of the program never fail.
 bool fails(SystemCall call, const pthread_mutex_t* mutex) {
     const auto found = memory().mutexes.find(mutex);
     return found != memory().mutexes.end() && fails(call, found->second);
 }
 
 int openNew(const std::string& name) {
-    static int last = 1 << 20;  // beyond all of the system's own
+    static int last = 1 << 20;  // above all numbers of the system
     memory().openFiles[++last].name = name;
     return last;
 }
 
-// How many of the bytes are read or written; -1 with errno set.
+// How many of the bytes to read or write; -1 with errno set.
 ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
     const auto all = static_cast<ssize_t>(bytes);
     if (!fails(call, name)) {
@@ -68,7 +68,8 @@ std::string captureOutput(const std::function<void()>& action) {
     return memory().console.substr(before);
 }
 
-// In place of the C++ library's. Where they are put inline, g++ warns of pairs that do not match.
+// Replaces the operator of the C++ library. Not inlined, because g++ then warns of mismatched
+// pairs.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = size == MemorySystem::refusedAllocation ? nullptr : std::malloc(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
@@ -82,8 +83,8 @@ std::string captureOutput(const std::function<void()>& action) {
     std::free(memory);
 }
 
-// The linker has the program call these in place of the functions after "__wrap_", which are called
-// "__real_" then. The names with 64 are what the system's headers make of a name without.
+// The linker redirects calls of a function f to __wrap_f; __real_f is the original. The system's
+// headers map names to those with 64.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
@@ -166,7 +167,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     return fails(SystemCall::LockMutex, mutex) ? errno : __real_pthread_mutex_lock(mutex);
 }
 
-// Fails only in what it answers, so that the next one to lock the mutex does not wait for ever.
+// Unlocks even if it returns an error, so that the next lock does not wait forever.
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const int result = __real_pthread_mutex_unlock(mutex);
     return fails(SystemCall::UnlockMutex, mutex) ? errno : result;

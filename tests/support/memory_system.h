@@ -1,5 +1,5 @@
-// The system calls of the tool, answered in memory: a program that links this has no other files
-// than these, but for those that the C and C++ libraries open themselves.
+// The tool's system calls, answered in memory. A program that links this file sees no other files,
+// except those that the C and C++ libraries open themselves.
 #ifndef TESTS_SUPPORT_MEMORY_SYSTEM_H
 #define TESTS_SUPPORT_MEMORY_SYSTEM_H
 
@@ -24,11 +24,11 @@ enum class SystemCall {
 
 struct MemorySystem {
     static constexpr char kStatusFile[] = "mem:status";
-    static constexpr int kHalfOfIt = -1;  // a read or a write that takes half of the bytes
+    static constexpr int kHalfOfIt = -1;  // a read or a write of half of the bytes
 
     static MemorySystem& instance();
 
-    static inline std::size_t refusedAllocation = 0;  // new fails for so many bytes; 0: never
+    static inline std::size_t refusedAllocation = 0;  // new fails for this size; 0: never
 
     struct OpenFile {
         std::string name;
@@ -36,18 +36,18 @@ struct MemorySystem {
     };
 
     std::map<std::string, std::string> files;  // content by name
-    std::int64_t missing = 0;                  // bytes that each file claims beyond its content
-    std::vector<std::string> messages;         // all that the status file held, in order
-    std::string console;                       // what captureOutput has seen
+    std::int64_t missing = 0;                  // bytes by which each file is shorter than it claims
+    std::vector<std::string> messages;         // all status messages, in order
+    std::string console;                       // output that captureOutput has captured
     std::map<int, OpenFile> openFiles;
-    std::map<const void*, std::string> mutexes;  // their numbers, as they were initialised: "1"...
+    std::map<const void*, std::string> mutexes;  // numbered in the order of initialisation: "1"...
 
-    // Called at each system call with the name of its file, the text that is printed, or the number
-    // of the mutex. The error number that it returns is what the call fails with; 0: it goes on.
+    // Called at each system call with the name of its file, the printed text, or the number of the
+    // mutex. Returns the error number of the call; 0: the call succeeds.
     std::function<int(SystemCall call, const std::string& what)> before;
 };
 
-// Standard output of what `action` does.
+// The standard output of `action`.
 std::string captureOutput(const std::function<void()>& action);
 
 #endif

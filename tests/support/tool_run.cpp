@@ -14,8 +14,8 @@
 
 namespace {
 
-// The link wait's failure, or an aborted run, leaves the writer to the end of the process, which is
-// not here. False when there is none.
+// After a failed wait for the link or an aborted run, the writer lives until the process ends.
+// Tests continue, so they drop it here. False if there is none.
 bool dropMessageWriter() {
     try {
         delete MessageWriter::instance();
@@ -25,7 +25,7 @@ bool dropMessageWriter() {
     }
 }
 
-// Notes every call and every callback.
+// Records every call and every callback.
 class Recorder : public sim::Interceptor {
 public:
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
@@ -47,8 +47,8 @@ private:
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
-// What a sleep would leave in the console's buffer. A packet is sent again without a flush, between
-// two of its polls.
+// The console output that is still buffered when a sleep begins. The tool may resend a packet
+// between two polls without a flush.
 std::string lateOutput(sim::Microseconds sleep) {
     constexpr sim::Microseconds kPoll = 1'000;
     const std::string& console = MemorySystem::instance().console;
@@ -58,7 +58,7 @@ std::string lateOutput(sim::Microseconds sleep) {
     return late == "#" && sleep == kPoll ? "" : late;
 }
 
-// Whether a system call fails, by the errors of the setup.
+// Makes system calls fail as the errors of the setup say.
 std::function<int(SystemCall, const std::string&)> errorsOf(const ToolSetup& setup) {
     return [&setup, counts = std::map<std::string, int>()](SystemCall call,
                                                            const std::string& mutex) mutable {

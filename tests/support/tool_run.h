@@ -1,5 +1,4 @@
-// Runs of the tool on a simulated bus, in this process, in virtual time and with its files in
-// memory: the one way in which tests run it.
+// Runs the tool in this process, on a simulated bus, in virtual time and with its files in memory.
 #ifndef TESTS_SUPPORT_TOOL_RUN_H
 #define TESTS_SUPPORT_TOOL_RUN_H
 
@@ -16,16 +15,16 @@
 constexpr std::uint32_t kArm = codeOf(FirmwareTarget::Arm);
 constexpr std::uint32_t kDsp = codeOf(FirmwareTarget::Dsp);
 constexpr std::uint32_t kBooster = codeOf(FirmwareTarget::BoosterArm);
-constexpr std::uint32_t kOldVersion = 0x00010000;  // what every device runs at first
+constexpr std::uint32_t kOldVersion = 0x00010000;  // the initial version of every device
 constexpr std::uint32_t kNewVersion = 0x00010001;
 
-// What the tool is started with, and on what bus.
+// The arguments, files and bus of a run.
 struct ToolSetup {
-    std::vector<std::string> arguments;        // the connection to the bus is added in front
+    std::vector<std::string> arguments;        // runTool adds the connection in front
     std::map<std::string, std::string> files;  // content by name, "mem:..."
     sim::BusDescription bus;
     std::map<std::string, int> errors;      // of system calls: "read #5", "lock 1 #2" (mutex 1)
-    std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
+    std::function<void(sim::Bus&)> onOpen;  // called with the bus that the tool opens
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
 };
 
@@ -33,37 +32,37 @@ struct ToolSetup {
 struct Record {
     sim::Microseconds time = 0;
     sim::Microseconds took = 0;
-    std::size_t consoleLength = 0;  // what the console held before
+    std::size_t consoleLength = 0;  // length of the console output before it
     sim::Call call;
 };
 
-// What can be seen of a run from outside.
+// The visible result of a run.
 struct ToolRun {
     bool ended = false;  // within the time limit
-    int exitStatus = 0;  // as the system gives it to the caller
+    int exitStatus = 0;  // as the caller sees it
     std::string console;
-    std::string late;  // of the console, what was only printed when a sleep had begun
-    std::vector<std::string> messages;            // all that the status file held, in order
+    std::string late;                   // console output that was still buffered when a sleep began
+    std::vector<std::string> messages;  // all status messages, in order
     std::map<std::string, std::string> filesNow;  // all files after the run
-    std::size_t filesOpen = 0;                    // that the tool has not closed
-    bool writerLeft = false;                      // the tool's message writer was still there
+    std::size_t filesOpen = 0;                    // files that the tool has not closed
+    bool writerLeft = false;                      // the tool's message writer still existed
     std::vector<Record> records;
-    std::vector<std::string> contents;  // what each member of the bus received last
+    std::vector<std::string> contents;  // the last content that each member received
 
     bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
     int calls(sim::Function function) const;
-    std::string trace() const;  // the records as a recording has them
+    std::string trace() const;  // the records as lines of a recording
 };
 
-// The same setup gives the same run. `interceptors` see each call, `system`,
-// which takes the place of `errors`, at each system call. Neither outlives the run.
+// Runs are deterministic. `interceptors` see each call; `system` replaces `errors` and runs at each
+// system call. Both are used only during the run.
 ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
                 const std::function<int(SystemCall, const std::string&)>& system = {});
 
-// ---- what buses are made of ----
+// ---- parts of buses ----
 
 vanid_t orvinId(int number);
-std::string orvinText(int number);         // of that identifier
+std::string orvinText(int number);         // the identifier as text
 sim::MemberDescription orvin(int number);  // with old firmware
 
 // An image file with generated content.

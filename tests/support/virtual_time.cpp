@@ -62,7 +62,7 @@ void VirtualTime::advance(Microseconds duration) {
         events.erase(first);
         event();
     }
-    time = std::max(time, end);  // an event may have slept itself
+    time = std::max(time, end);  // an event may itself have slept
 }
 
 void VirtualTime::reset() {
@@ -77,7 +77,7 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 
 }  // namespace sim
 
-// In place of the system's functions.
+// Replace the functions of the system.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
     sim::VirtualTime::instance().advance(duration);

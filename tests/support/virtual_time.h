@@ -9,13 +9,12 @@
 
 namespace sim {
 
-// A sleep would end after the time limit.
+// Thrown if a sleep would end after the time limit.
 struct TimeLimitReached {};
 
-// A clock that stands still until the program sleeps. It takes the place of usleep and time in the
-// program that links it: a sleep runs every event that falls due meanwhile, on the sleeper's own
-// thread, so that a run takes no real time and is the same every time. For programs with a single
-// thread.
+// A clock that advances only when the program sleeps. It replaces usleep and time in the program
+// that links it. A sleep runs every event that becomes due, on the same thread, so that a run takes
+// no real time and is deterministic. Only for single-threaded programs.
 class VirtualTime {
 public:
     static constexpr Microseconds kNoLimit = std::numeric_limits<Microseconds>::max();
@@ -25,16 +24,16 @@ public:
     // Microseconds since the last reset.
     Microseconds now() const { return time; }
 
-    // Throws TimeLimitReached when that would go beyond the limit.
+    // Throws TimeLimitReached if the time would exceed the limit.
     void advance(Microseconds duration);
 
-    // Runs before each sleep of the program; none if empty. A reset leaves it.
+    // Runs before each sleep of the program, if set. A reset keeps it.
     std::function<void(Microseconds duration)> beforeSleep;
 
-    // The clock goes no further. A reset sets it to kNoLimit.
+    // The latest time of the clock. A reset sets it to kNoLimit.
     Microseconds limit = kNoLimit;
 
-    // Back to the start. Drops what is still to happen.
+    // Sets the clock to its start and drops all pending events.
     void reset();
 
 private:
