@@ -2,23 +2,12 @@
 
 _orvin_recording() {
     local current=${COMP_WORDS[COMP_CWORD]} words=''
-    COMPREPLY=()
-    if [[ $COMP_CWORD -eq 1 ]]; then
-        compopt +o default 2>/dev/null
-        words='summary plot bus -h --help --version'
-    elif [[ $current == -* ]]; then
-        case ${COMP_WORDS[1]} in
-        summary)
-            words='-h --help --json'
-            ;;
-        plot)
-            words='-h --help -o --output'
-            ;;
-        bus)
-            words='-h --help'
-            ;;
-        esac
-    fi
+    case $COMP_CWORD,${COMP_WORDS[1]},$current in
+    1,*) words='summary plot bus -h --help --version' ;;
+    *,summary,-*) words='-h --help --json' ;;
+    *,plot,-*) words='-h --help -o --output' ;;
+    *,bus,-*) words='-h --help' ;;
+    esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }
 

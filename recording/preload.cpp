@@ -87,7 +87,7 @@ Signature* find(const char* name) {
 
 // Executes the call and records it; `fillIn` adds its arguments and outputs.
 template <typename CarryOut, typename FillIn>
-int pass(const std::optional<vanid_t>& device, Function function, CarryOut carryOut,
+int pass(Function function, const std::optional<vanid_t>& device, CarryOut carryOut,
          FillIn fillIn) {
     std::call_once(started, start);
     const Microseconds at = now();
@@ -100,6 +100,12 @@ int pass(const std::optional<vanid_t>& device, Function function, CarryOut carry
         recording.append({at, took, recording::threadNumber()}, call);
     });
     return result;
+}
+
+// A call that has nothing to add.
+template <typename CarryOut>
+int pass(Function function, const std::optional<vanid_t>& device, CarryOut carryOut) {
+    return pass(function, device, carryOut, [](Call&) {});
 }
 
 // ---- callbacks ----
@@ -167,16 +173,14 @@ __attribute__((destructor)) void finish() {
 TalmApiHandle TalmApiInitialize() {
     NEXT(TalmApiInitialize);
     TalmApiHandle handle = nullptr;
-    pass(
-        {}, Function::Initialize, [&] { return (handle = next()) == nullptr ? -1 : 0; },
-        [](Call&) {});
+    pass(Function::Initialize, {}, [&] { return (handle = next()) == nullptr ? -1 : 0; });
     return handle;
 }
 
 int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
     NEXT(TalmApiOpen);
     return pass(
-        {}, Function::Open, [&] { return next(handle, connection, reserved); },
+        Function::Open, {}, [&] { return next(handle, connection, reserved); },
         [&](Call& call) {
             call.given = {reserved};
             call.text = connection == nullptr ? "" : connection;
@@ -186,7 +190,7 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
 int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
     NEXT(TalmApiGetLinkState);
     return pass(
-        {}, Function::GetLinkState, [&] { return next(handle, active); },
+        Function::GetLinkState, {}, [&] { return next(handle, active); },
         [&](Call& call) {
             if (*active) {
                 call.answer = {1};
@@ -196,14 +200,12 @@ int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
 
 int TalmApiCleanup(TalmApiHandle handle) {
     NEXT(TalmApiCleanup);
-    return pass(
-        {}, Function::Cleanup, [&] { return next(handle); }, [](Call&) {});
+    return pass(Function::Cleanup, {}, [&] { return next(handle); });
 }
 
 int TalmApiClose(TalmApiHandle handle) {
     NEXT(TalmApiClose);
-    return pass(
-        {}, Function::Close, [&] { return next(handle); }, [](Call&) {});
+    return pass(Function::Close, {}, [&] { return next(handle); });
 }
 
 // ---- bus members ----
@@ -211,7 +213,7 @@ int TalmApiClose(TalmApiHandle handle) {
 int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
     NEXT(TalmApiGetBusMembers);
     return pass(
-        {}, Function::GetBusMembers, [&] { return next(handle, members, capacity); },
+        Function::GetBusMembers, {}, [&] { return next(handle, members, capacity); },
         [&](Call& call) {
             call.given = {capacity};
             const int count = std::clamp(call.result, 0, capacity);
@@ -222,7 +224,7 @@ int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
 int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
     NEXT(BusMember_get_type);
     return pass(
-        member, Function::GetType, [&] { return next(handle, member, type); },
+        Function::GetType, member, [&] { return next(handle, member, type); },
         [&](Call& call) {
             if (call.result == 0) {
                 call.answer = {*type};
@@ -232,15 +234,14 @@ int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
 
 int TalmApiIsTalm(vanid_t member) {
     NEXT(TalmApiIsTalm);
-    return pass(
-        member, Function::IsTalm, [&] { return next(member); }, [](Call&) {});
+    return pass(Function::IsTalm, member, [&] { return next(member); });
 }
 
 int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm, uint32_t* dsp,
               uint32_t* boosterArm, uint16_t* api, void* reserved, char* name) {
     NEXT(OrvinInfo);
     return pass(
-        device, Function::OrvinInfo,
+        Function::OrvinInfo, device,
         [&] { return next(handle, device, hw, arm, dsp, boosterArm, api, reserved, name); },
         [&](Call& call) {
             if (call.result == 0) {
@@ -257,7 +258,7 @@ int ImageTransfer_write_request(TalmApiHandle handle, vanid_t device, uint32_t m
                                 uint16_t contentChecksum) {
     NEXT(ImageTransfer_write_request);
     return pass(
-        device, Function::WriteRequest,
+        Function::WriteRequest, device,
         [&] {
             return next(handle, device, manufacturer, target, contentType, contentSize,
                         contentChecksum);
@@ -271,7 +272,7 @@ int ImageTransfer_data(TalmApiHandle handle, vanid_t device, uint32_t packetNumb
                        const uint8_t* data, uint32_t* firstOutput, uint32_t* secondOutput) {
     NEXT(ImageTransfer_data);
     return pass(
-        device, Function::Data,
+        Function::Data, device,
         [&] { return next(handle, device, packetNumber, data, firstOutput, secondOutput); },
         [&](Call& call) {
             call.given = {packetNumber};
@@ -283,7 +284,7 @@ int OrvinImageMaintenance_check_image(TalmApiHandle handle, vanid_t device, uint
                                       uint16_t* firstOutput, uint16_t* secondOutput) {
     NEXT(OrvinImageMaintenance_check_image);
     return pass(
-        device, Function::CheckImage,
+        Function::CheckImage, device,
         [&] { return next(handle, device, target, firstOutput, secondOutput); },
         [&](Call& call) {
             call.given = {target};
@@ -296,7 +297,7 @@ int OrvinImageMaintenance_check_image(TalmApiHandle handle, vanid_t device, uint
 int OrvinImageMaintenance_start_update(TalmApiHandle handle, vanid_t device, uint32_t target) {
     NEXT(OrvinImageMaintenance_start_update);
     return pass(
-        device, Function::StartUpdate, [&] { return next(handle, device, target); },
+        Function::StartUpdate, device, [&] { return next(handle, device, target); },
         [&](Call& call) { call.given = {target}; });
 }
 
@@ -307,7 +308,7 @@ int TalmApiSetCallback(TalmApiHandle handle, int first, int second, int third,
     NEXT(TalmApiSetCallback);
     const CallbackSlot ours = recordingSlot(reinterpret_cast<void (*)()>(onTransfer), *slot);
     return pass(
-        {}, Function::SetTransferCallback,
+        Function::SetTransferCallback, {},
         [&] { return next(handle, first, second, third, &ours, last); },
         [&](Call& call) {
             fillInSlot(call, *slot, {first, second, third, last});
@@ -318,6 +319,6 @@ int TalmApiSetBusChangeCallback(TalmApiHandle handle, const CallbackSlot* slot, 
     NEXT(TalmApiSetBusChangeCallback);
     const CallbackSlot ours = recordingSlot(reinterpret_cast<void (*)()>(onBusChange), *slot);
     return pass(
-        {}, Function::SetBusChangeCallback, [&] { return next(handle, &ours, last); },
+        Function::SetBusChangeCallback, {}, [&] { return next(handle, &ours, last); },
         [&](Call& call) { fillInSlot(call, *slot, {last}); });
 }

@@ -22,8 +22,6 @@ offers() { # FUNCTION WORD...: what bash offers for the last word
 compare_all() { # TOOL SOURCE-LIST BASH-LIST: subcommands and long options
     compare "man/$1.1" "$2" "$(sed -n 's/^\.It Fl \(. , \)\?\(-\S*\).*/-\2/p; s/^\.Cm \(\S*\)$/\1/p' "man/$1.1")"
     compare "$1.bash" "$2" "$(grep -vx -e '-.' <<<"$3")"
-    compare "_$1" "$2" "$(grep -oP -- '--[a-z-]+(?==?[\[}])|[a-z]+(?=\\:)' "completions/_$1")"
-    compare "$1.fish" "$2" "$(sed -n 's/^complete .* -l \(\S*\) .*/--\1/p; s/.* -a \([a-z]*\) .*/\1/p' "completions/$1.fish")"
 }
 own_options() { sed -n 's/^\(-[a-z |-]*\)).*/\1/p' "$1" | grep -o -e '--[a-z]*'; } # of a script
 # shellcheck source=/dev/null
@@ -63,7 +61,5 @@ compare_all $tool "$options" "$(offers _orvin_image $tool ''; offers _orvin_imag
     offers _orvin_image $tool show --)"
 compare "$page, target" "$targets" "$(sed -n 's/^\.Cm \(\S*\) ,$/\1/p' $page)"
 compare "$tool.bash, target" "$targets" "$(offers _orvin_image $tool create --target '')"
-compare "_$tool, target" "$targets" "$(grep -oP ':target:\(\K[^)]+' completions/_$tool | tr ' ' '\n')"
-compare "$tool.fish, target" "$targets" "$(grep -oP "l target .* -a '\K[^']+" completions/$tool.fish | tr ' ' '\n')"
 
 exit $failed

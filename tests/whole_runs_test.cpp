@@ -1,12 +1,13 @@
 // Whole runs, each in a file of runs/: the set-up, as in support/described_run.h, and the exact
-// result: the exit status, the console, the status messages and every bus call with its time. After
-// an intended change, ORVIN_UPDATE_EXPECTED=1 rewrites the results; read the difference before you
-// commit it.
+// result: the exit status, the console, with VERSION for the tool's version, the status messages
+// and every bus call with its time. After an intended change, ORVIN_UPDATE_EXPECTED=1 rewrites the
+// results; read the difference before you commit it.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 
 #include "support/described_run.h"
 #include "support/files.h"
@@ -16,7 +17,9 @@ namespace {
 std::string describe(const ToolRun& run) {
     std::string text = "exit status " + std::to_string(run.exitStatus) +
                        (run.writerLeft ? ", message writer left" : "");
-    text += "\n\n-- console\n" + run.console + "\n-- status messages\n";
+    const std::string console =
+        std::regex_replace(run.console, std::regex(" v[0-9.]+\n"), " vVERSION\n");
+    text += "\n\n-- console\n" + console + "\n-- status messages\n";
     for (const std::string& message : run.messages) {
         text += message + "\n";
     }

@@ -74,14 +74,27 @@ Result guarded(Function function, Result failed, Body body) {
     }
 }
 
-// Passes the call through the interceptors to the handle's bus. Afterwards `call` has the outputs.
+// Passes the call through the interceptors to the bus, if there is one. Afterwards `call` has the
+// outputs.
 template <typename CarryOut>
-int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
-    const std::shared_ptr<Bus> bus = connections().find(handle);
+int passToBus(const std::shared_ptr<Bus>& bus, Call& call, CarryOut carryOut) {
     return guarded(call.function, int{result::kNoSession}, [&] {
         const std::vector<Interceptor*> own =
             bus ? bus->ownInterceptors() : std::vector<Interceptor*>();
         return sim::pass(call, own, [&] { return bus ? carryOut(*bus) : result::kNoSession; });
+    });
+}
+
+template <typename CarryOut>
+int passToBus(TalmApiHandle handle, Call& call, CarryOut carryOut) {
+    return passToBus(connections().find(handle), call, carryOut);
+}
+
+int stopBus(TalmApiHandle handle, Function function) {
+    Call call(function);
+    return passToBus(handle, call, [](Bus& bus) {
+        bus.stop();
+        return 0;
     });
 }
 
@@ -130,12 +143,8 @@ int TalmApiOpen(TalmApiHandle handle, const char* connection, int reserved) {
         return result::kNoSession;
     }
     const std::shared_ptr<Bus> bus = openBus(connection);
-    const int answer = guarded(Function::Open, int{result::kNoSession}, [&] {
-        Call call(Function::Open, std::nullopt, {reserved}, connection);
-        const std::vector<Interceptor*> own =
-            bus ? bus->ownInterceptors() : std::vector<Interceptor*>();
-        return sim::pass(call, own, [&] { return bus ? 0 : result::kNoSession; });
-    });
+    Call call(Function::Open, std::nullopt, {reserved}, connection);
+    const int answer = passToBus(bus, call, [](Bus&) { return 0; });
     Connections& all = connections();
     const std::lock_guard<std::mutex> lock(all.mutex);
     const auto found = all.byHandle.find(handle);
@@ -164,19 +173,11 @@ int TalmApiGetLinkState(TalmApiHandle handle, bool* active) {
 }
 
 int TalmApiCleanup(TalmApiHandle handle) {
-    Call call(Function::Cleanup);
-    return passToBus(handle, call, [](Bus& bus) {
-        bus.stop();
-        return 0;
-    });
+    return stopBus(handle, Function::Cleanup);
 }
 
 int TalmApiClose(TalmApiHandle handle) {
-    Call call(Function::Close);
-    const int answer = passToBus(handle, call, [](Bus& bus) {
-        bus.stop();
-        return 0;
-    });
+    const int answer = stopBus(handle, Function::Close);
     std::unique_ptr<TalmApi> closed;  // outlives the lock
     Connections& all = connections();
     const std::lock_guard<std::mutex> lock(all.mutex);

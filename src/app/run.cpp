@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr char kVersion[] = "0.20.5";
+constexpr char kVersion[] = ORVIN_VERSION;
 const std::string defaultConnection = "tcp://localhost:8442";
 
 constexpr int kLinkPolls = 20;

@@ -1,7 +1,6 @@
 """orvin-recording: shows what happened on a bus."""
 
 import argparse
-import errno
 import gc
 import io
 import json
@@ -9,11 +8,9 @@ import os
 import sys
 
 from . import bus, plot, reader, summary
-from .analysis import Analysis
-from .device import printable
+from .analysis import Analysis, printable
 
-DAMAGED = 1
-FAILED = 2
+DAMAGED, FAILED = 1, 2
 
 
 def _parse(version: str) -> argparse.Namespace:
@@ -34,18 +31,6 @@ def _parse(version: str) -> argparse.Namespace:
     return parser.parse_args()
 
 
-def _show(recording: reader.Recording, arguments: argparse.Namespace) -> None:
-    if arguments.subcommand == "bus":
-        bus.write(recording, sys.stdout)
-    elif arguments.subcommand == "plot":
-        plot.write(Analysis(recording), arguments.output)
-    elif arguments.json:
-        print(json.dumps(summary.as_object(Analysis(recording)), indent=2))
-    else:
-        print(summary.as_text(Analysis(recording)))
-    sys.stdout.flush()
-
-
 def _complain(file: str, what: object) -> None:
     print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
 
@@ -58,9 +43,17 @@ def _run(arguments: argparse.Namespace) -> int:
             _complain(file, recording.problem)
         file = getattr(arguments, "output", "standard output")
         if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
-            raise OSError(errno.EBADF, os.strerror(errno.EBADF))
+            raise OSError("closed")
         sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
-        _show(recording, arguments)
+        if arguments.subcommand == "bus":
+            bus.write(recording, sys.stdout)
+        elif arguments.subcommand == "plot":
+            plot.write(Analysis(recording), arguments.output)
+        elif arguments.json:
+            print(json.dumps(summary.as_object(Analysis(recording)), indent=2))
+        else:
+            print(summary.as_text(Analysis(recording)))
+        sys.stdout.flush()
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
         return FAILED
@@ -68,7 +61,7 @@ def _run(arguments: argparse.Namespace) -> int:
         _complain(file, getattr(error, "strerror", None) or error)
         return FAILED
     except bus.CannotBeRepeated as error:
-        _complain(arguments.recording, error)
+        _complain(arguments.recording, "line {}: cannot be repeated: {}".format(*error.args))
         return DAMAGED
     return DAMAGED if recording.problem else 0
 

@@ -1,220 +1,256 @@
-"""What a run spent its time on, and which devices it waited for. Times are microseconds."""
+"""Shares out the time of a run to the devices that the tool waits for, and the tool itself. Times are microseconds."""
 
-from dataclasses import dataclass
-from operator import attrgetter
+from array import array
+from collections import Counter, defaultdict
+from collections.abc import Collection
+from dataclasses import dataclass, field
 
-from .attempt import Attempt
-from .device import Device
-from .reader import Event, Recording
+from .reader import VERSIONS, Event, Recording
 
-VERSIONS = "hw", "arm", "dsp", "booster_arm", "api"
-CONTENT = "target", "content_size", "content_checksum"
 TARGETS = {0x200: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
-LINK, RETURN = "waiting for the link", "waiting for the return"
-PHASE_OF_CALL = {
-    "TalmApiGetBusMembers": "looking for devices",
-    "OrvinInfo": "asking versions",
-    "ImageTransfer_write_request": "announcing",
-    "ImageTransfer_data": "transferring",
-    "OrvinImageMaintenance_check_image": "checking",
-    "TalmApiSetBusChangeCallback": RETURN,
-    "TalmApiCleanup": "closing",
-    "TalmApiClose": "closing",
-}
+SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the packet
+GO_BACK = 17
+ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device
+LINK, TRANSFER, RETURN = "waiting for the link", "transferring", "waiting for the return"
+PHASE_OF_CALL = {"TalmApiGetBusMembers": "looking for devices", "OrvinInfo": "asking versions"}
+PHASE_OF_CALL |= {"ImageTransfer_write_request": "announcing", "ImageTransfer_data": TRANSFER}
+PHASE_OF_CALL |= {"TalmApiSetCallback": "pausing", "OrvinImageMaintenance_check_image": "checking"}
+PHASE_OF_CALL |= dict.fromkeys(("OrvinImageMaintenance_start_update", "TalmApiGetLinkState"), RETURN)
+PHASE_OF_CALL |= dict.fromkeys(("TalmApiCleanup", "TalmApiClose"), "closing")
+REFUSABLE = {"ImageTransfer_write_request": "announcement", "OrvinImageMaintenance_check_image": "check"}
+REFUSABLE |= {"OrvinImageMaintenance_start_update": "start"}
+PART_OF_PHASE = (LINK, "TalmApiGetLinkState"), (RETURN, "TalmApiGetBusMembers"), (RETURN, "OrvinInfo")
+
+
+def printable(text: str) -> str:
+    return "".join(character if character.isprintable() else "?" for character in text)
+
+
+@dataclass(slots=True)
+class Mark:
+    begin: int
+    end: int
+    text: str
+
+
+@dataclass(eq=False)
+class Device:
+    id: str
+    label: str  # the identifier, shortened
+    name: str = ""
+    before: dict[str, int] = field(default_factory=dict)  # versions, by the names that OrvinInfo has for them
+    after: dict[str, int] = field(default_factory=dict)
+    acknowledged: "array[int]" = field(default_factory=lambda: array("q"))  # when
+    needed: "array[int]" = field(default_factory=lambda: array("q"))  # for that, from the sending of the packet
+    # What else happened, by kind: resend, go_back, fault, removed, check, install, away, joined.
+    marks: defaultdict[str, list[Mark]] = field(default_factory=lambda: defaultdict(list))
+    cost: defaultdict[str, float] = field(default_factory=lambda: defaultdict(float))  # time of the run, by column
+    failed_calls: int = 0
+    told_versions: bool = True  # when it was last asked
+    state: Mark | None = None  # while it installs or is away
+
+    @property
+    def title(self) -> str:
+        return printable(f"{self.label} {self.name}".rstrip())
+
+    @property
+    def total(self) -> float:
+        return sum(self.cost.values())
+
+    def mark(self, kind: str, begin: int, end: int, text: str) -> Mark:
+        self.marks[kind].append(Mark(begin, end, text))
+        return self.marks[kind][-1]
+
+    def turn(self, at: int, kind: str = "", text: str = "") -> None:
+        """From now on the device installs or is away; without a kind it is there."""
+        if self.state:
+            self.state.end = at
+        self.state = self.mark(kind, at, at, text) if kind else None
 
 
 @dataclass
 class Phase:
-    """A step of the tool."""
-
-    name: str
+    name: str  # of the tool's step
+    title: str  # with the image and the attempt
     begin: int
-    attempt: Attempt
     end: int = 0
-    lost: float = 0  # time in it that devices are charged with
-
-    @property
-    def packets(self) -> int:
-        return self.attempt.packets if self.name == "transferring" else 0
-
-    @property
-    def title(self) -> str:
-        if not self.attempt.image:
-            return self.name
-        target = self.attempt.content[0]
-        of = f"image {self.attempt.image} ({TARGETS.get(target, target)}), attempt {self.attempt.number}"
-        return f"{of}: {self.name}"
+    packets: int = 0  # different ones
+    is_refused: bool = False  # the library refused a packet, which ends the transfer
 
 
 class Analysis:
-    """Follows the tool through a recording. `phases`, `devices` (by identifier) and `end` are what it finds."""
+    """Follows the tool through a recording. `phases`, `devices` (by identifier), `tool` and `end` are what it finds."""
 
     def __init__(self, recording: Recording) -> None:
         self.recording = recording
-        self.devices: dict[str, Device] = {}
+        self.devices = _upgraded(recording)
+        self.tool = Device("", "the tool")  # its cost is by step; takes the place of all devices, and of none
         self.end = max(event.at + event.took for event in recording.events)
-        self._attempt = Attempt()
-        self.phases = [Phase(LINK, 0, self._attempt)]
-        self._not_back: set[Device] = set()  # those that install, until they are on the bus again or answer
-        self._answers: dict[Device, bool] = {}  # whether the last question for the versions was answered
-        self._held_up: list[Device] = []  # the devices that the wait for the return belongs to
-        self._held_since = 0
-        for event in sorted(recording.events, key=attrgetter("at")):
-            self._follow(event)
-        self._end_phase(self.end, is_certain=False)
-        self._finish()
+        self.phases = [Phase(LINK, LINK, 0)]
+        self._clock = 0  # what is before is shared out
+        self._waited: set[Device] = set()  # those that the tool waits for
+        self._receivers: set[Device] = set()  # those of the attempt that are not dropped
+        self._started: set[Device] = set()  # those that have not been reported back
+        self._attempts: Counter[tuple[int, ...]] = Counter()  # at each image
+        self._attempt = 0  # the present one; 0: none yet
+        self._packet, self._next, self._highest = -1, 0, -1  # the one in flight, the one after it, the highest one
+        self._sent, self._is_resent = 0, False  # when the packet in flight was first sent
+        self._back: tuple[int, Device] | None = None  # the lowest packet that a device asked for, until it is made up
+        self._requests: Counter[Device] = Counter()  # to go back, without progress
+        for event in recording.events:
+            self._follow(event, self.devices.get(event.device or "", self.tool))
+        self._spend(self.end, self._waited)
+        self.phases[-1].end = self.end
+        for device in self.devices.values():
+            device.turn(self.end)
 
-    def _follow(self, event: Event) -> None:
+    def _follow(self, event: Event, device: Device) -> None:
         if event.name == "TransferCallback":
-            self._attempt.answer(event, self._device(event))
+            self._answer(event, device)
             return
-        name = self._phase_of(event)
-        if name != self.phases[-1].name:
-            self._end_phase(event.at, is_certain=not self.recording.damaged)
-            if name == "announcing":
-                self._begin_attempt(event)
-            self.phases.append(Phase(name, event.at, Attempt() if name == "closing" else self._attempt))
+        self._spend(event.at, self._waited)
+        self._enter_phase(event)
         handler = getattr(self, f"_on_{event.name}", None)
         if handler:
-            handler(event)
+            handler(event, device)
+        if event.result != 0 and event.name in REFUSABLE:
+            self._drop(device, event.at + event.took, f"{REFUSABLE[event.name]} refused, {event.result}")
+        device.failed_calls += event.result != 0 and event.name != "TalmApiIsTalm"
+        self._spend(event.at + event.took, [device], "calls")
 
-    def _phase_of(self, event: Event) -> str:
-        now = self.phases[-1].name
-        if event.name == "TalmApiSetCallback" and event.fields.get("callback") == "cleared":
-            return "pausing"
-        if event.name == "TalmApiGetLinkState" and now != LINK:
-            return RETURN
-        if event.name in ("TalmApiGetBusMembers", "OrvinInfo") and now == RETURN:
-            return now
-        return PHASE_OF_CALL.get(event.name, now)
+    def _spend(self, until: int, owners: Collection[Device], column: str = "") -> None:
+        """The time that is not shared out yet is the owners', the same for each. Without owners it is the tool's."""
+        step = self.phases[-1].name
+        owners = [self._back[1]] if self._back else owners or [self.tool]
+        column = "go_back" if self._back else column or ("transfer" if step == TRANSFER else "return")
+        time = max(0, until - self._clock)
+        self._clock += time
+        for owner in owners:
+            owner.cost[step if owner is self.tool else column] += time / len(owners)
 
-    def _begin_attempt(self, call: Event) -> None:
-        last = self._attempt
-        content = tuple(call.fields.get(key, 0) for key in CONTENT)
-        if content == last.content and last.number == 1:
-            self._attempt = Attempt(last.image, 2, content, is_owned=last.is_checked or not last.receivers)
-        else:
-            self._attempt = Attempt(last.image + 1, 1, content)
-        self._not_back.clear()
-        self._answers.clear()
-
-    def _end_phase(self, at: int, is_certain: bool) -> None:
-        """When it is certain, what is not recorded did not happen."""
+    def _enter_phase(self, event: Event) -> None:
         phase = self.phases[-1]
-        phase.end = at
-        phase.attempt.end_packet(at, is_certain)
-        self._hold_up(at, [])
-        if phase.name == RETURN and is_certain:
-            self._drop_missing(at)
-        phase.lost = self._lost() - sum(before.lost for before in self.phases[:-1])
-        if phase.attempt.is_owned:
-            self._share(phase)
+        name = PHASE_OF_CALL.get(event.name, phase.name)
+        is_part = (phase.name, event.name) in PART_OF_PHASE or event.fields.get("callback") == "set"
+        if is_part or name == phase.name:
+            return
+        phase.end = event.at
+        self._end_packet(event.at)
+        self._back = None
+        if phase.name == RETURN and not self.recording.damaged:  # else it may only lack the answer
+            for device in [device for device in self._receivers if not device.told_versions]:
+                self._drop(device, event.at, "not back")
+        attempt = "" if name == "closing" else phase.title[: -len(phase.name)]
+        if name == "announcing":
+            attempt = self._begin_attempt(event)
+        self.phases.append(Phase(name, attempt + name, event.at))
 
-    def _drop_missing(self, at: int) -> None:
-        for device in self._attempt.devices:
-            if not self._answers.get(device):
-                self._attempt.drop(device, at, "not back" if device in self._answers else "not asked again")
+    def _begin_attempt(self, call: Event) -> str:
+        content = tuple(call.fields.get(key, 0) for key in ("target", "content_size", "content_checksum"))
+        self._attempts[content] += 1
+        self._attempt = self._attempts[content]
+        self._receivers, self._packet, self._highest = set(), -1, -1
+        return f"image {len(self._attempts)} ({TARGETS.get(content[0], content[0])}), attempt {self._attempt}: "
 
-    def _share(self, phase: Phase) -> None:
-        """What none of its devices lost alone, those that need the attempt share."""
-        rest = phase.end - phase.begin - phase.lost
-        phase.lost += rest
-        for device in phase.attempt.devices:
-            device.lost["second_attempt"] += rest / len(phase.attempt.devices)
+    def _drop(self, device: Device, at: int, reason: str) -> None:
+        if device in self._receivers:
+            device.mark("removed", at, at, f"{reason} (attempt {self._attempt})" if self._attempt > 1 else reason)
+        for devices in (self._receivers, self._started, self._waited):
+            devices.discard(device)
 
-    def _lost(self) -> float:
-        return sum(device.cost for device in self.devices.values())
-
-    def _hold_up(self, at: int, devices: list[Device]) -> None:
-        """The tool waits for the devices from now on. That is not their fault until half of all are back."""
-        for device in self._held_up:
-            device.lost["return"] += (at - self._held_since) / len(self._held_up)
-        is_theirs = len(self._not_back) <= max(1, len(self._attempt.devices) // 2)
-        self._held_up, self._held_since = devices if is_theirs else [], at
-
-    def _device(self, event: Event) -> Device:
-        assert event.device is not None, "only events about the bus have none"
-        return self.devices.setdefault(event.device, Device(event.device))
-
-    def _note_call(self, call: Event) -> Device:
-        """The device that the call is about. Meanwhile the tool waits for it alone."""
-        device = self._device(call)
-        device.lost["calls"] += call.took
-        device.failed_calls += call.result != 0
-        return device
-
-    def _on_OrvinInfo(self, call: Event) -> None:
-        device = self._note_call(call)
-        self._answers[device] = call.result == 0
-        if call.result == 0:
-            self._note_versions(device, call)
-        if self.phases[-1].name == RETURN:
-            is_back = call.result == 0 and device not in self._not_back
-            self._hold_up(call.at + call.took, [] if is_back else [device])
-
-    def _note_versions(self, device: Device, call: Event) -> None:
+    def _on_OrvinInfo(self, call: Event, device: Device) -> None:
+        device.told_versions = call.result == 0
         device.name = call.fields.get("name") or device.name
         versions = {key: call.fields[key] for key in VERSIONS if key in call.fields}
-        if self._attempt.image:
-            device.after = versions
+        (device.after if self._attempt else device.before).update(versions)
+        is_up = call.result == 0 and versions.get("dsp") != 0
+        if call.result == 0:
+            device.turn(call.at, "" if is_up else "away", "DSP down")
+        self._waited = set() if is_up else {device}
+
+    def _on_ImageTransfer_write_request(self, _: Event, device: Device) -> None:
+        self._receivers.add(device)
+
+    def _on_ImageTransfer_data(self, call: Event, _: Device) -> None:
+        if call.number == self._packet and self._waited and not self._is_resent:
+            self._is_resent = True
+            for device in self._waited:
+                device.mark("resend", call.at, call.at, f"packet {call.number} sent again")
         else:
-            device.before = versions
-        if versions.get("dsp") == 0:
-            device.turn(call.at, "away", "DSP down")
-            self._not_back.add(device)
+            self._end_packet(call.at)
+            self._packet, self._next, self._sent = call.number, call.number + 1, call.at
+            self._waited = self._receivers.copy()
+        if call.number > self._highest:
+            self._highest, self._back = call.number, None
+            self.phases[-1].packets += 1
+            self._requests.clear()
+        if call.result != SENT_TO_ALL:
+            self.phases[-1].is_refused, self._waited = True, set()
+
+    def _end_packet(self, at: int) -> None:
+        """The tool goes on, without those that have not answered a packet that was sent again."""
+        for device in [*self._waited] if self._is_resent and not self.recording.damaged else []:
+            self._drop(device, at, f"silent, packet {self._packet}")
+        self._waited, self._is_resent = set(), False
+
+    def _answer(self, event: Event, device: Device) -> None:
+        """It counts for the packet in flight, as it does for the tool, whose own is the time before the last answer."""
+        in_flight = self.phases[-1].name == TRANSFER and device in self._receivers
+        if in_flight and device in self._waited:
+            self._waited.discard(device)
+            self._spend(event.at, [] if self._waited else [device])
+            if event.result == 0 and event.number == self._packet:
+                device.needed.append(event.at - self._sent)
+        if event.result == 0:
+            device.acknowledged.append(event.at)
+        elif event.result == GO_BACK:
+            device.mark("go_back", event.at, event.at, f"asks for packet {event.number}")
+            if in_flight and event.number < self._next:
+                self._go_back(event, device)
         else:
-            device.turn(call.at, None)
-            self._not_back.discard(device)
+            device.mark("fault", event.at, event.at, f"result {event.result}, packet {event.number}")
+            self._drop(device, event.at, f"fault {event.result}")
 
-    def _on_ImageTransfer_write_request(self, call: Event) -> None:
-        device = self._note_call(call)
-        self._attempt.announce(device)
-        if call.result != 0:
-            self._attempt.drop(device, call.at, f"announcement refused, {call.result}")
+    def _go_back(self, event: Event, device: Device) -> None:
+        self._next = event.number
+        if not self._back or event.number < self._back[0]:
+            self._back = event.number, device
+        self._requests[device] += 1
+        if self._requests[device] == ENDLESS:
+            self._drop(device, event.at, "endless go back")
 
-    def _on_ImageTransfer_data(self, call: Event) -> None:
-        self._attempt.send(call)
+    def _on_OrvinImageMaintenance_check_image(self, call: Event, device: Device) -> None:
+        device.mark("check", call.at, call.at + call.took, f"{call.took / 1e6:.3f} s")
+        first, second = call.fields.get("first_output", 0), call.fields.get("second_output", 1)
+        if call.result == 0 and first != second:
+            self._drop(device, call.at + call.took, f"sums differ, {first} and {second}")
 
-    def _on_OrvinImageMaintenance_check_image(self, call: Event) -> None:
-        device = self._note_call(call)
-        end = call.at + call.took
-        self._attempt.is_checked = True
-        device.mark("check", call.at, end, f"{call.took / 1e6:.3f} s")
-        first, second = call.fields.get("first_output"), call.fields.get("second_output")
-        if call.result != 0:
-            self._attempt.drop(device, end, f"check refused, {call.result}")
-        elif first is None or second is None:
-            self._attempt.drop(device, end, "no sums")
-        elif first != second:
-            self._attempt.drop(device, end, f"sums differ, {first} and {second}")
+    def _on_OrvinImageMaintenance_start_update(self, call: Event, device: Device) -> None:
+        device.turn(call.at, "install" if call.result == 0 else "", "installs")
+        self._started.add(device)
 
-    def _on_OrvinImageMaintenance_start_update(self, call: Event) -> None:
-        device = self._note_call(call)
-        if call.result != 0:
-            self._attempt.drop(device, call.at, f"start refused, {call.result}")
-            return
-        device.turn(call.at, "install", "installs")
-        self._not_back.add(device)
+    def _on_BusChangeCallback(self, event: Event, device: Device) -> None:
+        is_back = event.number == 0
+        device.turn(event.at, "" if is_back else "away", "off the bus")
+        if is_back:
+            device.mark("joined", event.at, event.at, "back on the bus")
+            self._started.discard(device)
 
-    def _on_BusChangeCallback(self, event: Event) -> None:
-        if event.device not in self.devices:
-            return
-        device = self._device(event)
-        if event.fields.get("event") != 0:
-            device.turn(event.at, "away", "off the bus")
-            return
-        device.turn(event.at, None)
-        device.mark("joined", event.at, event.at, "back on the bus")
-        self._not_back.discard(device)
-        self._hold_up(event.at, [*self._not_back])
+    def _on_TalmApiGetLinkState(self, call: Event, _: Device) -> None:
+        self._waited = self._started if call.fields.get("active") else set()
 
-    def _on_TalmApiGetLinkState(self, call: Event) -> None:
-        self._hold_up(call.at, [])  # while the link is down, the tool waits for no device
+    def _on_TalmApiSetBusChangeCallback(self, *_: object) -> None:
+        self._started, self._waited = set(), set()
 
-    def _finish(self) -> None:
-        """Ends what goes on, and shortens the identifiers as far as they stay different."""
-        lengths = (n for n in range(2, 51, 3) if len({name[-n:] for name in self.devices}) == len(self.devices))
-        length = next(lengths, 51)
-        for device in self.devices.values():
-            device.turn(self.end, None)
-            device.label = f"{device.id[:2]}:..:{device.id[-length:]}" if length < 45 else device.id
+    def _on_TalmApiGetBusMembers(self, call: Event, _: Device) -> None:
+        listed = self.devices if call.result < 0 else {*call.fields.get("members", [])}
+        self._waited = {device for name, device in self.devices.items() if name not in listed}
+
+
+def _upgraded(recording: Recording) -> dict[str, Device]:
+    """The devices that the tool asks for versions or sends an image, with identifiers that are short but different."""
+    calls = [event for event in recording.events if event.name in ("OrvinInfo", "ImageTransfer_write_request")]
+    names = dict.fromkeys(call.device for call in calls if call.device and call.device != "all")
+    different = (n for n in range(2, 45, 3) if len({name[-n:] for name in names}) == len(names))
+    length = next(different, 0)
+    return {name: Device(name, f"{name[:2]}:..:{name[-length:]}" if length else name) for name in names}

@@ -1,17 +1,20 @@
 """Draws a run: a lane for each device, time to the right. Times are microseconds, lengths pixels."""
 
 import os
+import tempfile
 import textwrap
 from collections import Counter
+from collections.abc import Iterator
+from itertools import groupby
 from math import log1p
 from xml.sax.saxutils import escape
 
-from .analysis import Analysis, Phase
-from .device import Device, Mark, printable
+from .analysis import Analysis, Device, Phase, printable
 from .summary import about, answer
 
 LEFT, PLOT, RIGHT, TOP = 210, 1160, 30, 60
-MERGED = 7  # marks of a kind that are nearer than this share one
+WIDTH = LEFT + PLOT + RIGHT
+MERGED = 7  # marks of a kind in a stretch of this length share one
 TEXT = 6.2  # width of a character
 BAR = 0.7  # height, as a part of the lane
 # Of marks, in the order of drawing: title, colour, height as a part of the lane or the path of a symbol.
@@ -20,7 +23,6 @@ KINDS: dict[str, tuple[str, str, float | str]] = {
     "away": ("away, or DSP down", "#8c8c8c", 0.3),
     "acknowledged": ("acknowledgements", "#56b4e9", BAR),
     "check": ("check", "#009e73", BAR),
-    "late": ("late acknowledgement, or none", "#e69f00", 0.45),
     "resend": ("sent again", "#0072b2", "m0-9 5 10h-10z"),
     "go_back": ("asks to go back", "#cc79a7", "m-6 5 10-5v10z"),
     "fault": ("fault", "#d55e00", "m-5-3 2-2 3 3 3-3 2 2-3 3 3 3-2 2-3-3-3 3-2-2 3-3z"),
@@ -29,145 +31,107 @@ KINDS: dict[str, tuple[str, str, float | str]] = {
 }
 
 
-class _Picture:
-    """The parts of an SVG file."""
-
-    def __init__(self, duration: int) -> None:
-        self.parts: list[str] = []
-        self.duration = max(1, duration)
-
-    def x(self, at: float) -> float:
-        return LEFT + PLOT * at / self.duration
-
-    def text(self, x: float, y: float, words: str, style: str = "") -> None:
-        self.parts.append(f'<text x="{x:.0f}" y="{y:.0f}" {style}>{escape(words)}</text>')
-
-    def path(self, d: str, colour: str, tooltip: str = "", style: str = "") -> None:
-        self.parts.append(f'<path d="{d}" fill="{colour}" {style}><title>{escape(tooltip)}</title></path>')
-
-    def box(self, x: float, y: float, width: float, height: float, colour: str, tooltip: str = "") -> None:
-        self.path(f"M{x:.1f} {y:.1f}h{max(1.5, width):.1f}v{height:.1f}h-{max(1.5, width):.1f}z", colour, tooltip)
-
-    def mark(self, kind: str, x: float, y: float, width: float, lane: int, tooltip: str = "") -> None:
-        """`y` is the middle of the lane."""
-        _, colour, shape = KINDS[kind]
-        if isinstance(shape, str):
-            self.path(f"M{x:.1f} {y:.1f}{shape}", colour, tooltip, 'stroke="#ffffff" stroke-width=".7"')
-        else:
-            self.box(x, y - lane * shape / 2, width, lane * shape, colour, tooltip)
-
-    def whole(self, height: int) -> str:
-        width = LEFT + PLOT + RIGHT
-        return (
-            f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}"'
-            f' height="{height}" font-family="sans-serif" font-size="11">\n'
-            '<rect width="100%" height="100%" fill="#ffffff"/>\n' + "\n".join(self.parts) + "\n</svg>\n"
-        )
+def _text(x: float, y: float, words: str, style: str = "") -> str:
+    return f'<text x="{x:.0f}" y="{y:.0f}" {style}>{escape(words)}</text>'
 
 
-def _draw(analysis: Analysis) -> str:
-    picture = _Picture(analysis.end)
+def _path(d: str, colour: str, tooltip: str = "", style: str = "") -> str:
+    return f'<path d="{d}" fill="{colour}" {style}><title>{escape(tooltip)}</title></path>'
+
+
+def _box(x: float, y: float, width: float, height: float, colour: str, tooltip: str = "") -> str:
+    return _path(f"M{x:.1f} {y:.1f}h{max(1.5, width):.1f}v{height:.1f}h-{max(1.5, width):.1f}z", colour, tooltip)
+
+
+def _mark(kind: str, x: float, middle: float, width: float, lane: int, tooltip: str = "") -> str:
+    _, colour, shape = KINDS[kind]
+    if isinstance(shape, str):
+        return _path(f"M{x:.1f} {middle:.1f}{shape}", colour, tooltip, 'stroke="#ffffff" stroke-width=".7"')
+    return _box(x, middle - lane * shape / 2, width, lane * shape, colour, tooltip)
+
+
+def _draw(analysis: Analysis) -> Iterator[str]:
+    scale = PLOT / max(1, analysis.end)
     words = textwrap.wrap(answer(analysis), 150)
-    for number, line in enumerate(words, start=1):
-        picture.text(10, 4 + 18 * number, line, 'font-size="14" font-weight="bold"')
     top = TOP + 18 * len(words)
-    picture.text(10, top - 36, f"{about(analysis)}  {analysis.recording.problem}")
     lane = min(48, max(18, 640 // max(1, len(analysis.devices))))
     bottom = top + lane * len(analysis.devices)
+    size = f'viewBox="0 0 {WIDTH} {bottom + 70}" width="{WIDTH}" height="{bottom + 70}"'
+    yield f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="sans-serif" font-size="11">'
+    yield '<rect width="100%" height="100%" fill="#ffffff"/>'
+    for number, line in enumerate(words, start=1):
+        yield _text(10, 4 + 18 * number, line, 'font-size="14" font-weight="bold"')
+    yield _text(10, top - 36, f"{about(analysis)}  {analysis.recording.problem}")
     for number, phase in enumerate(analysis.phases):
-        _draw_phase(picture, phase, top - 22, bottom, "#eeeeee" if number % 2 else "#ffffff")
-    _draw_axis(picture, top, bottom)
+        yield from _phase(phase, scale, top - 22, bottom, "#eeeeee" if number % 2 else "#ffffff")
+    yield from _axis(analysis.end / 1e6, top, bottom)
     for number, device in enumerate(analysis.devices.values()):
-        _draw_lane(picture, device, top + lane * (number + 0.5), lane)
-    _draw_legend(picture, bottom + 46)
-    return picture.whole(bottom + 110)
+        yield from _lane(device, scale, top + lane * (number + 0.5), lane)
+    yield from _legend(bottom + 46)
+    yield "</svg>\n"
 
 
-def _draw_phase(picture: _Picture, phase: Phase, top: int, bottom: int, colour: str) -> None:
-    begin, end = picture.x(phase.begin), picture.x(phase.end)
+def _phase(phase: Phase, scale: float, top: int, bottom: int, colour: str) -> Iterator[str]:
+    x, width = LEFT + scale * phase.begin, scale * (phase.end - phase.begin)
     took = f"{phase.title}, {phase.begin / 1e6:.3f} to {phase.end / 1e6:.3f} s"
-    picture.box(begin, top, end - begin, bottom - top, colour, took)
-    fitting = [name for name in (phase.title, phase.name) if len(name) * TEXT < end - begin]
-    if fitting:
-        picture.text((begin + end) / 2, top + 14, fitting[0], 'text-anchor="middle"')
+    yield _box(x, top, width, bottom - top, colour, took)
+    fitting = [name for name in (phase.title, phase.name) if len(name) * TEXT < width]
+    yield from [_text(x + width / 2, top + 14, name, 'text-anchor="middle"') for name in fitting[:1]]
 
 
-def _draw_axis(picture: _Picture, top: int, bottom: int) -> None:
-    seconds = picture.duration / 1e6
+def _axis(seconds: float, top: int, bottom: int) -> Iterator[str]:
     steps = (digit * 10.0**power for power in range(-6, 12) for digit in (1, 2, 5))
     step = next(step for step in steps if seconds / step <= 14)
     for count in range(int(seconds / step) + 1):
-        x = picture.x(count * step * 1e6)
-        picture.box(x, top, 0, bottom - top + 5, "#c8c8c8")
-        picture.text(x, bottom + 18, f"{count * step:g} s", 'text-anchor="middle"')
+        x = LEFT + PLOT * count * step / max(1e-6, seconds)
+        yield _box(x, top, 0, bottom - top + 5, "#c8c8c8")
+        yield _text(x, bottom + 18, f"{count * step:g} s", 'text-anchor="middle"')
 
 
-def _draw_lane(picture: _Picture, device: Device, y: float, lane: int) -> None:
-    picture.text(10, y + 4, device.title)
-    picture.box(LEFT, y + lane / 2, PLOT, 0.5, "#c8c8c8", printable(device.id))
+def _lane(device: Device, scale: float, y: float, lane: int) -> Iterator[str]:
+    yield _text(10, y + 4, device.title)
+    yield _box(LEFT, y + lane / 2, PLOT, 0.5, "#c8c8c8", printable(device.id))
     for kind in KINDS:
         if kind == "acknowledged":
-            _draw_acknowledgements(picture, device, y, lane)
-        for marks in _merged(picture, device.marked(kind)):
-            x, end = picture.x(marks[0].begin), picture.x(marks[-1].end)
-            picture.mark(kind, x, y, end - x, lane, _tooltip(device, kind, marks))
+            yield _acknowledgements(device, scale, y + lane / 2, lane)
+        near = groupby(device.marks[kind], lambda mark: scale * mark.begin // MERGED)
+        for marks in ([*group] for _, group in near):
+            begin, end, count = marks[0].begin, marks[-1].end, f"{len(marks)} times, first: " if marks[1:] else ""
+            x, when = LEFT + scale * begin, f"{begin / 1e6:.3f} to {end / 1e6:.3f} s"
+            tooltip = f"{device.title}: {KINDS[kind][0]}, {when}; {count}{marks[0].text}"
+            yield _mark(kind, x, y, scale * (end - begin), lane, tooltip)
             if kind == "removed":
-                is_right = x > LEFT + PLOT / 2
-                anchor = "end" if is_right else "start"
+                where, anchor = (x, "end") if x > LEFT + PLOT / 2 else (x + 16, "start")
                 halo = f'paint-order="stroke" stroke="#ffffff" stroke-width="3" text-anchor="{anchor}"'
-                picture.text(x if is_right else x + 16, y + 4, marks[0].text, halo)
+                yield _text(where, y + 4, marks[0].text, halo)
 
 
-def _merged(picture: _Picture, marks: list[Mark]) -> list[list[Mark]]:
-    """Lists of marks that are too near each other."""
-    merged: list[list[Mark]] = []
-    for mark in sorted(marks, key=lambda mark: mark.begin):
-        if merged and picture.x(mark.begin) - picture.x(merged[-1][0].end) < MERGED:
-            merged[-1].append(mark)
-        else:
-            merged.append([mark])
-    return merged
-
-
-def _tooltip(device: Device, kind: str, marks: list[Mark]) -> str:
-    count = f"{len(marks)} times, first: " if len(marks) > 1 else ""
-    begin, end = marks[0].begin / 1e6, marks[-1].end / 1e6
-    return f"{device.title}: {KINDS[kind][0]}, {begin:.3f} to {end:.3f} s; {count}{marks[0].text}"
-
-
-def _draw_acknowledgements(picture: _Picture, device: Device, y: float, lane: int) -> None:
+def _acknowledgements(device: Device, scale: float, bottom: float, lane: int) -> str:
     """A column for each pixel. It is the higher, the more there are."""
-    columns = Counter(int(picture.x(at)) for at in device.acknowledged)
-    most = log1p(max(columns.values(), default=0))
-    heights = {x: round(4 * log1p(count) / most) / 4 * lane * BAR for x, count in columns.items()}
-    d = "".join(f"M{x} {y + lane / 2:.0f}h1v-{height:.0f}h-1z" for x, height in sorted(heights.items()))
-    picture.path(d, KINDS["acknowledged"][1])
+    columns = Counter(int(LEFT + scale * at) for at in device.acknowledged)
+    unit = lane * BAR / log1p(max(columns.values(), default=1))
+    d = "".join(f"M{x} {bottom:.0f}h1v-{unit * log1p(n):.0f}h-1z" for x, n in sorted(columns.items()))
+    return _path(d, KINDS["acknowledged"][1])
 
 
-def _draw_legend(picture: _Picture, y: int) -> None:
-    x: float = LEFT
+def _legend(y: int) -> Iterator[str]:
+    x: float = 10
     for kind, (words, *_) in KINDS.items():
-        if kind == "resend":
-            x, y = LEFT, y + 30
-        picture.mark(kind, x, y, 16, 20)
-        picture.text(x + 22, y + 4, words)
+        yield _mark(kind, x, y, 16, 20)
+        yield _text(x + 22, y + 4, words)
         x += 46 + len(words) * TEXT
 
 
 def write(analysis: Analysis, path: str) -> None:
     """Writes the picture whole, or leaves what is there. Raises OSError."""
-    picture = _draw(analysis)
+    picture = "\n".join(_draw(analysis))
     if os.path.exists(path) and not os.path.isfile(path):  # such as /dev/stdout
         with open(path, "w", encoding="utf-8") as file:
             file.write(picture)
         return
     path = os.path.realpath(path)
-    temporary = f"{path}.{os.getpid()}"
-    with open(temporary, "x", encoding="utf-8") as file:
-        try:
+    with tempfile.TemporaryDirectory(dir=os.path.dirname(path)) as directory:
+        temporary = os.path.join(directory, "picture")
+        with open(temporary, "w", encoding="utf-8") as file:
             file.write(picture)
-            file.flush()
-            os.replace(temporary, path)
-        except BaseException:
-            os.unlink(temporary)
-            raise
+        os.replace(temporary, path)

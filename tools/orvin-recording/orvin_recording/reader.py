@@ -2,18 +2,20 @@
 
 import json
 from dataclasses import dataclass, field
+from itertools import accumulate
 from typing import Any, BinaryIO
 
 VERSION = 1
+VERSIONS = "hw", "arm", "dsp", "booster_arm", "api"
 LONGEST = 1e15  # microseconds
-TYPES: dict[str, type | tuple[type, ...]] = {  # of the values on a line; all others are integers
-    **dict.fromkeys(("call", "callback", "device", "name", "connection", "crc32", "threads"), str),
-    **dict.fromkeys(("members", "by", "after"), list),
-    **dict.fromkeys(("t", "took"), (int, float)),
-}
-DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
+MOST_DEVICES = 250  # a bus has 63 at most
 Fields = dict[str, Any]  # what stands on a line
 NO_FIELDS: Fields = {}
+LISTS = "members", "by", "after"
+TEXTS = "call", "callback", "device", "members", "name", "connection", "crc32", "threads"
+TYPES = dict.fromkeys(TEXTS, str) | dict.fromkeys(("t", "took"), int | float)  # all others are integers
+NUMBER = {"ImageTransfer_data": "packet", "TransferCallback": "packet", "BusChangeCallback": "event"}
+DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
 
 
 class Unreadable(Exception):
@@ -26,17 +28,17 @@ class Event:
 
     line: int
     at: int
+    took: int
     name: str  # of the call, or "TransferCallback", "BusChangeCallback"
-    device: str | None = None  # "all": every one
-    result: int = 0
-    packet: int = 0  # of ImageTransfer_data and TransferCallback
-    took: int = 0
-    fields: Fields = field(default_factory=dict)  # all that stands on the line; none for acknowledgements
+    device: str | None  # "all": every one
+    result: int
+    number: int  # of the packet, or what a bus change was
+    fields: Fields  # all that stands on the line; none for acknowledgements
 
 
 @dataclass
 class Recording:
-    """One run. The events stand in the order in which they were noted."""
+    """One run. The events stand in the order in which they began."""
 
     started: str
     command: list[str]
@@ -50,14 +52,15 @@ def read(path: str) -> Recording:
     with open(path, "rb") as file:
         recording = _header(file.readline())
         _read_lines(recording, file)
-    damaged = recording.damaged
     if not recording.events:
         raise Unreadable("line 2: no call or callback follows")
-    if damaged:
-        more = f" and {len(damaged) - 1} more" if len(damaged) > 1 else ""
-        recording.problem = f"line {damaged[0]}{more}: damaged, and left out"
+    if recording.damaged:
+        first, *others = recording.damaged
+        more = f" and {len(others)} more" if others else ""
+        recording.problem = f"line {first}{more}: damaged, and left out"
     elif not recording.problem and not any(event.name == "TalmApiClose" for event in recording.events):
         recording.problem = f"line {recording.events[-1].line}: cut off, the session does not end"
+    recording.events.sort(key=lambda event: event.at)  # those of the same moment stay in order
     return recording
 
 
@@ -74,49 +77,51 @@ def _header(text: bytes) -> Recording:
 
 
 def _read_lines(recording: Recording, file: BinaryIO) -> None:
-    devices: dict[int, str] = {}  # by the number that stands for them
+    numbers: dict[int, str] = {}  # that stand for devices
     by: list[int] = []  # the numbers of the last acknowledgements
+    known: set[str] = set()  # devices
     for line, text in enumerate(file, start=2):
         try:
             entry = json.loads(text)
             if "orvin-recording" in entry:
                 recording.problem = f"line {line}: another run begins, which is left out"
                 return
-            recording.events += _events(line, entry, devices, by)
+            _check(entry, known)
+            recording.events += _events(line, entry, numbers, by)
         except DAMAGE:
             by.clear()  # others may have stood there
             if text.endswith(b"\n"):  # else the recording was cut off here
                 recording.damaged.append(line)
 
 
-def _events(line: int, entry: Fields, devices: dict[int, str], by: list[int]) -> list[Event]:
-    if not all(isinstance(value, TYPES.get(key, int)) for key, value in entry.items()):
-        raise TypeError
+def _check(entry: Fields, known: set[str]) -> None:
+    for key, value in entry.items():
+        values = value if key in LISTS else [value]
+        if not isinstance(values, list) or not all(isinstance(each, TYPES.get(key, int)) for each in values):
+            raise TypeError
+    known |= {entry.get("device", "all"), *entry.get("members", [])}
+    if len(known) > MOST_DEVICES:
+        raise ValueError
+
+
+def _events(line: int, entry: Fields, numbers: dict[int, str], by: list[int]) -> list[Event]:
     if "number" in entry:
-        devices[entry["number"]] = entry["device"]
+        numbers[entry["number"]] = entry["device"]
         return []
-    at, took = _checked(round(entry["t"] * 1e6)), _checked(round(entry.get("took", 0) * 1e6))
+    at, took = _microseconds(entry["t"] * 1e6), _microseconds(entry.get("took", 0) * 1e6)
     if "acknowledged" in entry:
-        return _acknowledgements(line, at, entry, devices, by)
+        by[:] = entry.get("by") or by
+        times = [_microseconds(time) for time in accumulate(entry["after"], initial=at)][1:]
+        packet, answers = entry["acknowledged"], zip([numbers[number] for number in by], times, strict=True)
+        return [Event(line, t, 0, "TransferCallback", device, 0, packet, NO_FIELDS) for device, t in answers]
     name = entry.get("call") or entry["callback"]
     is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
     device = entry.get("device") if is_about_bus else entry["device"]
-    packet = entry["packet"] if name in ("ImageTransfer_data", "TransferCallback") else 0
-    return [Event(line, at, name, device, entry.get("result", 0), packet, took, entry)]
+    number = entry[NUMBER[name]] if name in NUMBER else 0
+    return [Event(line, at, took, name, device, entry.get("result", 0), number, entry)]
 
 
-def _acknowledgements(line: int, at: int, entry: Fields, devices: dict[int, str], by: list[int]) -> list[Event]:
-    events = []
-    by[:] = entry.get("by") or by
-    if not by:
+def _microseconds(time: float) -> int:
+    if not 0 <= time <= LONGEST:  # nor if it is no number
         raise ValueError
-    for number, after in zip(by, entry["after"], strict=True):
-        at = _checked(at + after)
-        events.append(Event(line, at, "TransferCallback", devices[number], 0, entry["acknowledged"], 0, NO_FIELDS))
-    return events
-
-
-def _checked(microseconds: object) -> int:
-    if not isinstance(microseconds, int) or not 0 <= microseconds <= LONGEST:
-        raise ValueError
-    return microseconds
+    return round(time)
