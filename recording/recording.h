@@ -27,7 +27,8 @@ public:
     // Throws std::bad_alloc.
     void append(const Moment& moment, const Call& call);
 
-    // Appends a transfer callback with result 0. Makes no system call. Throws std::bad_alloc.
+    // Appends a transfer callback with result 0. Makes no system call, unless another thread
+    // appends at the same moment. Throws std::bad_alloc.
     void appendAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet);
 
     // Stops recording. The first call prints the reason on standard error.

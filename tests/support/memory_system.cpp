@@ -187,6 +187,7 @@ int __wrap_rename(const char* from, const char* to) {
 
 int __wrap_unlink(const char* name) {
     const OutsideTheTool outside;
+    errno = 0;  // a call that succeeds may change it
     return memory().files.erase(name) == 0 ? -1 : 0;
 }
 

@@ -12,13 +12,23 @@ SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the pa
 GO_BACK = 17
 ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device
 LINK, TRANSFER, RETURN = "waiting for the link", "transferring", "waiting for the return"
-PHASE_OF_CALL = {"TalmApiGetBusMembers": "looking for devices", "OrvinInfo": "asking versions"}
-PHASE_OF_CALL |= {"ImageTransfer_write_request": "announcing", "ImageTransfer_data": TRANSFER}
-PHASE_OF_CALL |= {"TalmApiSetCallback": "pausing", "OrvinImageMaintenance_check_image": "checking"}
-PHASE_OF_CALL |= dict.fromkeys(("OrvinImageMaintenance_start_update", "TalmApiGetLinkState"), RETURN)
-PHASE_OF_CALL |= dict.fromkeys(("TalmApiCleanup", "TalmApiClose"), "closing")
-REFUSABLE = {"ImageTransfer_write_request": "announcement", "OrvinImageMaintenance_check_image": "check"}
-REFUSABLE |= {"OrvinImageMaintenance_start_update": "start"}
+PHASE_OF_CALL = {
+    "TalmApiGetBusMembers": "looking for devices",
+    "OrvinInfo": "asking versions",
+    "ImageTransfer_write_request": "announcing",
+    "ImageTransfer_data": TRANSFER,
+    "TalmApiSetCallback": "pausing",
+    "OrvinImageMaintenance_check_image": "checking",
+    "OrvinImageMaintenance_start_update": RETURN,
+    "TalmApiGetLinkState": RETURN,
+    "TalmApiCleanup": "closing",
+    "TalmApiClose": "closing",
+}
+REFUSABLE = {
+    "ImageTransfer_write_request": "announcement",
+    "OrvinImageMaintenance_check_image": "check",
+    "OrvinImageMaintenance_start_update": "start",
+}
 PART_OF_PHASE = (LINK, "TalmApiGetLinkState"), (RETURN, "TalmApiGetBusMembers"), (RETURN, "OrvinInfo")
 
 

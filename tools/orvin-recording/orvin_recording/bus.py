@@ -14,12 +14,24 @@ LONG = 1000  # microseconds; a call that is shorter takes no time
 JOINED, LEFT = 0, 1  # events of a bus change
 
 # What the calls are called in a bus file.
-BUS_CALLS = {"TalmApiOpen": "open", "TalmApiGetLinkState": "link_state", "TalmApiGetBusMembers": "get_members"}
-BUS_CALLS |= {"ImageTransfer_data": "data", "TalmApiSetBusChangeCallback": "set_bus_change_callback"}
-BUS_CALLS |= {"TalmApiSetCallback": "set_transfer_callback", "TalmApiCleanup": "cleanup", "TalmApiClose": "close"}
-DEVICE_CALLS = {"BusMember_get_type": "type_query", "TalmApiIsTalm": "is_talm", "OrvinInfo": "version_query"}
-DEVICE_CALLS |= {"ImageTransfer_write_request": "write_request", "OrvinImageMaintenance_check_image": "check"}
-DEVICE_CALLS |= {"OrvinImageMaintenance_start_update": "start"}
+BUS_CALLS = {
+    "TalmApiOpen": "open",
+    "TalmApiGetLinkState": "link_state",
+    "TalmApiGetBusMembers": "get_members",
+    "ImageTransfer_data": "data",
+    "TalmApiSetCallback": "set_transfer_callback",
+    "TalmApiSetBusChangeCallback": "set_bus_change_callback",
+    "TalmApiCleanup": "cleanup",
+    "TalmApiClose": "close",
+}
+DEVICE_CALLS = {
+    "BusMember_get_type": "type_query",
+    "TalmApiIsTalm": "is_talm",
+    "OrvinInfo": "version_query",
+    "ImageTransfer_write_request": "write_request",
+    "OrvinImageMaintenance_check_image": "check",
+    "OrvinImageMaintenance_start_update": "start",
+}
 NEVER_FAIL = {"open", "set_transfer_callback", "set_bus_change_callback", "cleanup", "close"}  # on a simulated bus
 ONLY_ASK = {"open", "link_state", "get_members", "type_query", "is_talm", "version_query"}
 SUCCESS = {"result": 0, "carried_out": True}
