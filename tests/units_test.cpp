@@ -11,7 +11,6 @@
 #include "core/bus_session.h"
 #include "core/error_info.h"
 #include "core/run_config.h"
-#include "core/transfer_result.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "sim/library/bus_opener.h"
@@ -200,28 +199,6 @@ TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
         MemorySystem::instance().missing = content;
         EXPECT_EQ(image.open("mem:image"), content < kLimit) << content;
     }
-}
-
-TEST(FirmwareImage, HoldsNoFileAfterAFailure) {
-    MemorySystem& system = MemorySystem::instance() = {};
-    system.files = standardImages();
-    ErrorInfo error;
-    FirmwareImage image(&error);
-    char byte = 0;
-    ASSERT_TRUE(image.open("mem:arm"));
-    system.before = [](SystemCall call, const std::string&) {
-        return call == SystemCall::Read ? EIO : 0;
-    };
-    EXPECT_EQ(image.read(&byte, 1), -1);
-    EXPECT_EQ(error.code, transfer_result::kImageReadFailed);
-    EXPECT_FALSE(image.open("mem:arm"));
-    system.before = nullptr;
-    EXPECT_EQ(image.read(&byte, 1), -1);
-    EXPECT_TRUE(system.openFiles.empty());
-    ASSERT_TRUE(image.open("mem:arm"));
-    image.close();
-    EXPECT_EQ(image.read(&byte, 1), -1);
-    EXPECT_EQ(error.message, "File not open");
 }
 
 std::string thrownBy(const std::function<void()>& action) {

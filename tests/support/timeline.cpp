@@ -55,23 +55,14 @@ std::string outcomeOf(const sim::Call& call) {
     return text + (call.name.empty() ? "" : " '" + call.name + '\'');
 }
 
-// Of a message about progress, with the blank in front; empty for other events.
-std::string percentIn(const std::string& event) {
-    const std::size_t end = event.find('%');
-    const std::size_t begin = event.rfind(' ', end);
-    return end == std::string::npos ? "" : event.substr(begin, end + 1 - begin);
-}
-
-bool isSameButForPercent(const std::string& a, const std::string& b) {
-    const std::size_t at = a.find(percentIn(a));
-    return std::string(a).erase(at, percentIn(a).size()) ==
-           std::string(b).erase(b.find(percentIn(b)), percentIn(b).size());
-}
-
 std::string crcOf(const std::string& content) {
     boost::crc_32_type crc;
     crc.process_bytes(content.data(), content.size());
     return content.empty() ? "" : ", crc " + hexadecimal(crc.checksum());
+}
+
+bool isClosedAtOnce(const std::string& before, const std::string& event) {
+    return event.rfind("close ", 0) == 0 && before == "open " + event.substr(6);
 }
 
 }  // namespace
@@ -91,14 +82,13 @@ Timeline::~Timeline() {
 void Timeline::add(Entry entry) {
     entry.time = sim::VirtualTime::instance().now();
     entry.held = MemorySystem::instance().held;
-    const bool goesOn = entry.event[0] == '|' && !all.empty() && all.back().event[0] == '|' &&
-                        all.back().time == entry.time && all.back().held == entry.held;
-    if (goesOn) {
+    const auto isText = [&entry](const Entry& other) {
+        return other.event[0] == '|' && other.time == entry.time && other.held == entry.held;
+    };
+    if (!all.empty() && isText(entry) && isText(all.back())) {
         all.back().event += entry.event.substr(1);
-    } else if (!all.empty() &&
-               all.back().event ==
-                   "open" + entry.event.substr(std::min<std::size_t>(5, entry.event.size()))) {
-        all.back().event.insert(4, " and close");
+    } else if (!all.empty() && isClosedAtOnce(all.back().event, entry.event)) {
+        all.back().event = "open and " + entry.event;
     } else {
         all.push_back(std::move(entry));
     }
@@ -165,7 +155,7 @@ std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std
     const std::int64_t step =
         sent != second && hasPacket(sent[length]) ? *sent[length].packet - *sent->packet : 0;
     const auto isRepeated = [&](const Entry& now, const Entry& again) {
-        return isSameButForPercent(now.event, again.event) && now.details == again.details &&
+        return now.event == again.event && now.details == again.details &&
                (isForOneDevice ? hasDevice(now) == hasDevice(again) : now.device == again.device) &&
                now.held == again.held && hasPacket(now) == hasPacket(again) &&
                again.packet.value_or(step) - now.packet.value_or(0) == step &&
@@ -195,39 +185,46 @@ std::string Timeline::linesOf(const Entry& entry, bool withTime) {
     return text;
 }
 
+Timeline::Repetition Timeline::repetitionAt(const Entries& entries, std::size_t begin) {
+    constexpr std::size_t kLongest = 8;  // entries that repeat themselves
+    constexpr std::size_t kLeast = 3;    // entries that a line about repetitions replaces
+    for (std::size_t length = 1; length <= kLongest; ++length) {
+        const std::size_t times = repetitions(entries, begin, length);
+        if (times * length >= kLeast) {
+            return {length, times};
+        }
+    }
+    return {1, 0};
+}
+
+std::string Timeline::lineOf(const Repetition& repetition, const Entry* first) {
+    const Entry* const end = first + repetition.times * repetition.length;
+    std::string devices;
+    std::string content;
+    for (const Entry* entry = first; entry != end; ++entry) {
+        devices += entry->device == (entry - repetition.length)->device ? "" : entry->device;
+        content += entry->content;
+    }
+    return std::string(kTimeWidth, ' ') + "... " + std::to_string(repetition.times) +
+           " times more" + (devices.empty() ? "" : " for" + devices) + ", until " +
+           seconds(end[-1].time) + crcOf(content) + '\n';
+}
+
 std::string Timeline::text() const {
-    constexpr std::size_t kLongest = 12;  // entries that repeat themselves
-    constexpr std::size_t kLeast = 3;     // entries that a line about repetitions replaces
     const Entries entries = joined(all);
     std::string text;
     sim::Microseconds last = -1;
     for (std::size_t at = 0; at < entries.size();) {
-        std::size_t length = 1;
-        while (length < kLongest && repetitions(entries, at, length) * length < kLeast) {
-            ++length;
-        }
-        const std::size_t times = repetitions(entries, at, length);
-        const bool repeats = times * length >= kLeast;
-        const std::size_t end = at + (repeats ? length : 1);
-        for (; at < end; ++at) {
+        const Repetition repetition = repetitionAt(entries, at);
+        for (const std::size_t end = at + repetition.length; at < end; ++at) {
             text += linesOf(entries[at], entries[at].time != last);
             last = entries[at].time;
         }
-        if (!repeats) {
-            continue;
+        if (repetition.times > 0) {
+            text += lineOf(repetition, &entries[at]);
+            at += repetition.times * repetition.length;
+            last = entries[at - 1].time;
         }
-        std::string others;
-        std::string content;
-        for (const std::size_t begin = at; at < begin + times * length; ++at) {
-            const Entry& before = entries[at - length];
-            others += entries[at].device == before.device ? "" : entries[at].device;
-            others += entries[at].event == before.event ? "" : percentIn(entries[at].event);
-            content += entries[at].content;
-        }
-        last = entries[at - 1].time;
-        text += std::string(kTimeWidth, ' ') + "... " + std::to_string(times) + " times more" +
-                (others.empty() ? "" : " for" + others) + ", until " + seconds(last) +
-                crcOf(content) + '\n';
     }
     return text;
 }

@@ -47,9 +47,17 @@ private:
     };
     using Entries = std::vector<Entry>;
 
+    // Entries of that length that come again behind themselves, so many times.
+    struct Repetition {
+        std::size_t length = 1;
+        std::size_t times = 0;
+    };
+
     void add(Entry entry);
     static Entries joined(const Entries& entries);
     static std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t length);
+    static Repetition repetitionAt(const Entries& entries, std::size_t begin);
+    static std::string lineOf(const Repetition& repetition, const Entry* first);
     static std::string linesOf(const Entry& entry, bool withTime);
 
     Entries all;
