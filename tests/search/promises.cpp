@@ -56,11 +56,6 @@ struct Attempt {
     std::set<std::int64_t> packets;                            // numbers of the sent packets
     bool repeatsPackets = false;  // for a device that asked or was silent
 
-    bool answersOtherwise(const std::string& device) {
-        const Calls& answers = devices[device][Function::OrvinInfo];
-        return accepted(answers) &&
-               answers.back()->answer[image->target - kArm + 1] != image->version;
-    }
     // Because the device does not answer, or because of a late fault.
     bool isDroppedLate(const std::string& device) const {
         return contains(rest, "Removing Orvin " + device);
@@ -130,8 +125,8 @@ private:
             }
         }
         for (const std::string& device : notUpgraded) {
-            require(!attempts.empty() && attempts.back().answersOtherwise(device),
-                    "named as not upgraded, but did not answer so", device);
+            require(lastAnswerDiffers(device), "named as not upgraded, but did not answer so",
+                    device);
         }
     }
 
@@ -232,6 +227,23 @@ private:
         }
         const bool failed = run.printed("Error while reading") || run.printed("Error: invalid");
         return failed ? 255 : static_cast<int>(updated.size());
+    }
+
+    // Whether the device answered with another version than that of the image that was named last.
+    bool lastAnswerDiffers(const std::string& device) const {
+        const std::size_t line = run.console.rfind(kNextImage);
+        const auto isNamed = [&](const Image& image) {
+            return run.console.find(kNextImage + image.name, line) == line;
+        };
+        const auto image = std::find_if(searched.images.begin(), searched.images.end(), isNamed);
+        const auto answer =
+            std::find_if(run.records.rbegin(), run.records.rend(), [&](const Record& record) {
+                return record.call.function == Function::OrvinInfo &&
+                       deviceOf(record.call) == device;
+            });
+        return image != searched.images.end() && answer != run.records.rend() &&
+               answer->call.result == 0 &&
+               answer->call.answer[image->target - kArm + 1] != image->version;
     }
 
     static bool isDropped(const std::string& console, const std::string& device) {
