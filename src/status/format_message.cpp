@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 std::string formatMessage(const char* format, ...) {
     char* buffer = nullptr;
@@ -16,7 +17,6 @@ std::string formatMessage(const char* format, ...) {
         // TRANSLATORS: stands in place of a message that could not be put together.
         return gettext("autosprintf/vasprintf error");
     }
-    std::string message(buffer);
-    std::free(buffer);
-    return message;
+    const std::unique_ptr<char, decltype(&std::free)> owner(buffer, std::free);
+    return owner.get();
 }
