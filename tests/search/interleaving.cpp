@@ -78,7 +78,7 @@ void forEachInterleaving(const Visit& visit) {
         visit([&] { return base; });
         forEachCallback(base, 0, [&](const Fault& first) {
             const Case one = base.with(first);
-            visit([&] { return one; });
+            visit([&] { return base.with(first); });
             forEachCallback(one, first.call,
                             [&](const Fault& second) { visit([&] { return one.with(second); }); });
         });
