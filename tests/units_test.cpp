@@ -87,13 +87,13 @@ protected:
     void checkVersions(const char* imageFile) {
         ErrorInfo error;
         FirmwareImage image(&error);
-        std::list<std::string> upToDate;
         ASSERT_TRUE(image.open(imageFile));
         group.checkVersions(image, upToDate, OrvinGroup::kRemoveUnreachable, OrvinGroup::kVerbose);
     }
 
     MemorySystem& memory = MemorySystem::instance() = {};
     BusSession session;
+    std::list<std::string> upToDate;
     OrvinGroup group{&session, false};  // its device list has mutex 1
 };
 
@@ -148,6 +148,7 @@ TEST_F(Group, DoesNotWaitForADeviceThatItRemoved) {
         group.restoreFromFullList();
         EXPECT_TRUE(group.allRejoined()) << line;
     }
+    EXPECT_EQ(upToDate, std::list<std::string>{orvinText(1)}) << "only with the same version";
 }
 
 TEST_F(Group, ForgivesRequestsToGoBackWithEachPacketOfEachTransfer) {
