@@ -202,6 +202,17 @@ TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
     }
 }
 
+TEST(FirmwareImage, StandsAtItsFirstContentByte) {
+    MemorySystem& system = MemorySystem::instance() = {};
+    system.files = standardImages();
+    ErrorInfo error;
+    FirmwareImage image(&error);
+    char byte = 0;
+    ASSERT_TRUE(image.open("mem:small-header"));
+    EXPECT_EQ(image.read(&byte, 1), 1);
+    EXPECT_EQ(byte, system.files["mem:small-header"][image.getHeader().headerSize]);
+}
+
 std::string thrownBy(const std::function<void()>& action) {
     try {
         action();
