@@ -217,8 +217,10 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const OutsideTheTool outside;
     const int result = __real_pthread_mutex_unlock(mutex);
     const auto found = memory().mutexes.find(mutex);
-    if (found != memory().mutexes.end() && !memory().held.empty()) {
-        memory().held.erase(memory().held.find_last_of(found->second));
+    const std::string number = found == memory().mutexes.end() ? "none" : found->second;
+    const std::size_t at = memory().held.rfind(number);
+    if (at != std::string::npos) {  // it is not there when locking it has failed
+        memory().held.erase(at, number.size());
     }
     return fails(SystemCall::UnlockMutex, mutex) ? errno : result;
 }
