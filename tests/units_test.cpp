@@ -52,7 +52,6 @@ protected:
     ~Group() override {
         TalmApiClose(session.handle);
         delete MessageWriter::instance();
-        memory.before = nullptr;
         firstByteThatCounts = 0;
     }
 
@@ -94,7 +93,7 @@ protected:
     MemorySystem& memory = MemorySystem::instance() = {};
     BusSession session;
     std::list<std::string> upToDate;
-    OrvinGroup group{&session, false};  // its device list has mutex 1
+    OrvinGroup group{&session, false};
 };
 
 TEST_F(Group, CountsAnAcknowledgementForEveryRecordOfItsDeviceAndNoOther) {

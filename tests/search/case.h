@@ -28,7 +28,7 @@ enum class Harm {
     AllDevices,  // anything of any device
 };
 
-// Where a fault strikes. Of two at one place only one is used.
+// Where a fault strikes. Of two results of one call only one is used.
 enum class Place { Result, Link, Power, Packet, Lock };
 
 // A fault at one of the tool's calls.

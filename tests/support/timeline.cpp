@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/crc.hpp>
-#include <cstdio>
 #include <sstream>
 
 #include "common/vanid_text.h"
@@ -61,10 +60,6 @@ std::string crcOf(const std::string& content) {
     return content.empty() ? "" : ", crc " + hexadecimal(crc.checksum());
 }
 
-bool isClosedAtOnce(const std::string& before, const std::string& event) {
-    return event.rfind("close ", 0) == 0 && before == "open " + event.substr(6);
-}
-
 }  // namespace
 
 Timeline::Timeline() {
@@ -82,12 +77,13 @@ Timeline::~Timeline() {
 void Timeline::add(Entry entry) {
     entry.time = sim::VirtualTime::instance().now();
     entry.held = MemorySystem::instance().held;
-    const auto isText = [&entry](const Entry& other) {
-        return other.event[0] == '|' && other.time == entry.time && other.held == entry.held;
-    };
-    if (!all.empty() && isText(entry) && isText(all.back())) {
+    const Entry none;
+    const Entry& last = all.empty() ? none : all.back();
+    const bool isSameMoment = last.time == entry.time && last.held == entry.held;
+    if (isSameMoment && last.event[0] == '|' && entry.event[0] == '|') {
         all.back().event += entry.event.substr(1);
-    } else if (!all.empty() && isClosedAtOnce(all.back().event, entry.event)) {
+    } else if (isSameMoment && entry.event.rfind("close ", 0) == 0 &&
+               last.event == "open " + entry.event.substr(6)) {
         all.back().event = "open and " + entry.event;
     } else {
         all.push_back(std::move(entry));
@@ -129,7 +125,7 @@ Timeline::Entries Timeline::joined(const Entries& entries) {
         const auto isLike = [&entry](const Entry& other) {
             return other.time == entry.time && other.held == entry.held &&
                    other.event == entry.event && other.details == entry.details &&
-                   other.packet == entry.packet;
+                   other.packet == entry.packet && other.content == entry.content;
         };
         if (!entry.device.empty() && !result.empty() && isLike(result.back())) {
             result.back().device += entry.device;
@@ -141,9 +137,9 @@ Timeline::Entries Timeline::joined(const Entries& entries) {
 }
 
 // How often the entries of that length come again behind these: each time as much later, and
-// perhaps with the next packet, another per cent, or another device where they have one.
+// perhaps with another packet, or another device where they have one.
 std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
-    if (begin + length >= entries.size()) {
+    if (begin + 2 * length > entries.size()) {
         return 0;
     }
     const auto hasDevice = [](const Entry& entry) { return !entry.device.empty(); };
@@ -199,15 +195,21 @@ Timeline::Repetition Timeline::repetitionAt(const Entries& entries, std::size_t 
 
 std::string Timeline::lineOf(const Repetition& repetition, const Entry* first) {
     const Entry* const end = first + repetition.times * repetition.length;
+    bool areSame = true;
     std::string devices;
+    std::string packet;
     std::string content;
     for (const Entry* entry = first; entry != end; ++entry) {
-        devices += entry->device == (entry - repetition.length)->device ? "" : entry->device;
+        areSame = areSame && entry->device == (entry - repetition.length)->device;
+        devices += entry->device;
+        packet = entry->packet ? ", packet " + std::to_string(*entry->packet) : packet;
         content += entry->content;
     }
-    return std::string(kTimeWidth, ' ') + "... " + std::to_string(repetition.times) +
-           " times more" + (devices.empty() ? "" : " for" + devices) + ", until " +
-           seconds(end[-1].time) + crcOf(content) + '\n';
+    const std::string times =
+        repetition.times == 1 ? "once" : std::to_string(repetition.times) + " times";
+    return std::string(kTimeWidth, ' ') + "... " + times + " more" +
+           (areSame ? "" : " for" + devices) + ", until " + seconds(end[-1].time) + packet +
+           crcOf(content) + '\n';
 }
 
 std::string Timeline::text() const {

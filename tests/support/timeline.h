@@ -29,7 +29,7 @@ public:
     //     = message     in the status file
     //     < result      of a transfer, or another callback, with its devices
     //     a bus call    with its devices and arguments, its result and what it wrote
-    //     open, close, sleep; polls of the packet loop are left out
+    //     open, close, sleep; polls of the packet loop are left out, as all sleeps of 1 ms
     //
     // ..: stands for what the identifiers have in common. Lines that differ only in their device
     // are one. What repeats itself, packet by packet or poll by poll, is told and counted.

@@ -1,7 +1,6 @@
 #include "support/tool_run.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <new>
 #include <stdexcept>
 #include <utility>

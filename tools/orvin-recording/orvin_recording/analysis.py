@@ -72,7 +72,7 @@ class Device:
         return self.marks[kind][-1]
 
     def turn(self, at: int, kind: str = "", text: str = "") -> None:
-        """From now on the device installs or is away; without a kind it is there."""
+        """Begins an installation or an absence of the device, or ends it, if the kind is empty."""
         if self.state:
             self.state.end = at
         self.state = self.mark(kind, at, at, text) if kind else None
@@ -94,7 +94,7 @@ class Analysis:
     def __init__(self, recording: Recording) -> None:
         self.recording = recording
         self.devices = _upgraded(recording)
-        self.tool = Device("", "the tool")  # its cost is by step; takes the place of all devices, and of none
+        self.tool = Device("", "the tool")  # its cost is by step; stands for calls to all devices or to none
         self.end = max(event.at + event.took for event in recording.events)
         self.phases = [Phase(LINK, LINK, 0)]
         self._clock = 0  # what is before is shared out
@@ -204,7 +204,7 @@ class Analysis:
         self._waited, self._is_resent = set(), False
 
     def _answer(self, event: Event, device: Device) -> None:
-        """It counts for the packet in flight, as it does for the tool, whose own is the time before the last answer."""
+        """It counts for the packet in flight, whatever its number. Until the last but one, the time is the tool's."""
         in_flight = self.phases[-1].name == TRANSFER and device in self._receivers
         if in_flight and device in self._waited:
             self._waited.discard(device)
@@ -222,6 +222,7 @@ class Analysis:
             self._drop(device, event.at, f"fault {event.result}")
 
     def _go_back(self, event: Event, device: Device) -> None:
+        self._spend(event.at, self._waited)
         self._next = event.number
         if not self._back or event.number < self._back[0]:
             self._back = event.number, device

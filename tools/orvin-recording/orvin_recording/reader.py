@@ -1,4 +1,4 @@
-"""Reads a recording: what is damaged is left out and told."""
+"""Reads a recording. Leaves out damaged lines and reports them."""
 
 import json
 from dataclasses import dataclass, field
