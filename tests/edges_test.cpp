@@ -92,6 +92,27 @@ TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     }
 }
 
+// A request may come after the loop has checked for one and before it takes the next number: while
+// it writes its progress, which it does for each packet here, or while it reads the packet.
+TEST(Edges, ADeviceGoesBackAtAnyMoment) {
+    constexpr int kPackets = 20;
+    constexpr int kBeforeTheFirst = 31;  // reads of headers, writes of messages
+    for (int moment = 0; moment < 2 * kPackets; ++moment) {
+        ToolSetup described = upgrade(std::size_t{64} * kPackets);
+        sim::Bus* bus = nullptr;
+        described.onOpen = [&](sim::Bus& opened) { bus = &opened; };
+        int count = 0;
+        const ToolRun run = checkedRun(described, {}, [&](SystemCall call, const std::string&) {
+            const bool counts = call == SystemCall::Read || call == SystemCall::Rename;
+            if (counts && count++ == kBeforeTheFirst + moment) {
+                bus->requestGoBack(orvinId(1), 1);
+            }
+            return 0;
+        });
+        EXPECT_EQ(run.calls(Function::Data), kPackets + std::max(moment / 2 - 1, 0)) << moment;
+    }
+}
+
 TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
     const int before = prctl(PR_GET_TIMERSLACK);
     int during = 0;

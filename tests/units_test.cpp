@@ -11,6 +11,7 @@
 #include "core/bus_session.h"
 #include "core/error_info.h"
 #include "core/run_config.h"
+#include "core/transfer_result.h"
 #include "group/orvin_group.h"
 #include "image/firmware_image.h"
 #include "sim/library/bus_opener.h"
@@ -201,7 +202,7 @@ TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
     }
 }
 
-TEST(FirmwareImage, StandsAtItsFirstContentByte) {
+TEST(FirmwareImage, StandsAtItsFirstContentByteAndTellsWhyItCannotRead) {
     MemorySystem& system = MemorySystem::instance() = {};
     system.files = standardImages();
     ErrorInfo error;
@@ -210,6 +211,11 @@ TEST(FirmwareImage, StandsAtItsFirstContentByte) {
     ASSERT_TRUE(image.open("mem:small-header"));
     EXPECT_EQ(image.read(&byte, 1), 1);
     EXPECT_EQ(byte, system.files["mem:small-header"][image.getHeader().headerSize]);
+    system.before = [](SystemCall, const std::string&) { return EIO; };
+    EXPECT_EQ(image.read(&byte, 1), -1);
+    EXPECT_EQ(error.code, transfer_result::kImageReadFailed);
+    image.close();
+    EXPECT_EQ(error.message, "File not open");
 }
 
 std::string thrownBy(const std::function<void()>& action) {
