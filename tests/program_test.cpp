@@ -158,7 +158,7 @@ TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
     EXPECT_EQ(shell(follow + upgrade + count).output, "0 1\nNo device was updated.\n");
 }
 
-TEST_F(Program, LivesWithItsSurroundings) {
+TEST_F(Program, SurvivesItsEnvironment) {
     const std::string listing =
         "; env --default-signal orvin-firmware-upgrade -l -m status -c sim:bus.json";
     for (const auto& [surroundings, status] :

@@ -23,10 +23,10 @@ int setTransferCallback(const BusSession& session, const CallbackSlot& slot) {
     return TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
 }
 
-// Where a clearing call fails, callbacks go on until the process ends. So they ask here for their
-// group, in what is never destroyed. All of it is constant-initialised and lock-free.
+// If clearing fails, callbacks come until the process ends. So each looks up its group here, in
+// variables that are never destroyed, constant-initialised and lock-free.
 std::atomic<OrvinGroup*> receiver{nullptr};  // null: no group is there for callbacks
-std::atomic<int> callbacksInside{0};         // in the receiver; kept from ending while not 0
+std::atomic<int> callbacksInside{0};         // in the receiver, which ends only when they have left
 
 // Keeps a callback's group from ending, for a scope.
 class CallbackGuard {

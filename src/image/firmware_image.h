@@ -38,7 +38,7 @@ public:
     // The header fields of the file that was opened last.
     const FirmwareImageHeader& getHeader() const { return header; }
 
-    // "Pellix ARM" and the like; empty for a code that is no FirmwareTarget.
+    // "Pellix ARM", for example; empty for an unknown code.
     static std::string getTargetName(std::uint32_t device);
 
 private:

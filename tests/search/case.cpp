@@ -17,7 +17,8 @@ sim::Microseconds timeLimit(const Case& searched) {
 // Injects the faults at their calls.
 class Injector : public sim::Interceptor {
 public:
-    explicit Injector(const Case& searched) : faults(searched.faults) {}
+    explicit Injector(const Case& searchedCase)
+        : searched(searchedCase), faults(searchedCase.faults) {}
 
     void atAcquisition() {
         if (callbacks > 0) {
@@ -27,7 +28,7 @@ public:
         acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, isRegistered});
         for (const Fault& fault : faults) {
             if (fault.place == Place::Lock && fault.call == index) {
-                strikeAtLock(fault);
+                applyAtLock(fault);
             }
         }
     }
@@ -40,14 +41,14 @@ public:
             throw sim::TimeLimitReached();
         }
         std::optional<sim::InjectedResult> result;
-        if (failsToClear(call)) {
+        if (searched.failsToClear && call.text == talm::slotText(false)) {
             result = sim::InjectedResult{-1};
         }
         for (const Fault& fault : faults) {
-            const bool strikes = fault.place != Place::Lock && fault.call <= index &&
+            const bool applies = fault.place != Place::Lock && fault.call <= index &&
                                  index <= std::max(fault.call, fault.last);
-            if (strikes && !sim::isCallback(call.function)) {
-                const auto own = strike(fault, call);
+            if (applies && !sim::isCallback(call.function)) {
+                const auto own = apply(fault, call);
                 result = own ? own : result;
             }
         }
@@ -72,7 +73,7 @@ private:
         isRegistered |= call.text == talm::slotText(true);
     }
 
-    void strikeAtLock(const Fault& fault) {
+    void applyAtLock(const Fault& fault) {
         ++callbacks;
         if (fault.device.empty()) {
             sim::VirtualTime::instance().runEarly(static_cast<std::size_t>(fault.value));
@@ -85,13 +86,6 @@ private:
         --callbacks;
     }
 
-    // A callback that comes at any moment needs a library that clears none.
-    bool failsToClear(const sim::Call& call) const {
-        return call.text == talm::slotText(false) &&
-               std::any_of(faults.begin(), faults.end(),
-                           [](const Fault& fault) { return fault.place == Place::Lock; });
-    }
-
     void callBack(const Fault& fault) const {
         const vanid_t device = *parseStrictVanid(fault.device);
         if (fault.function == sim::Function::BusChangeCallback) {
@@ -101,7 +95,7 @@ private:
         }
     }
 
-    std::optional<sim::InjectedResult> strike(const Fault& fault, const sim::Call& call) {
+    std::optional<sim::InjectedResult> apply(const Fault& fault, const sim::Call& call) {
         if (fault.place == Place::Result) {
             const bool itsCall = call.function == fault.function && deviceOf(call) == fault.device;
             const sim::InjectedResult own{static_cast<int>(fault.value), fault.carriedOut};
@@ -117,6 +111,7 @@ private:
         return std::nullopt;
     }
 
+    const Case& searched;
     const std::vector<Fault>& faults;
     std::size_t calls = 0;
     int callbacks = 0;                   // under way

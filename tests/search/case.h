@@ -58,6 +58,7 @@ struct Case {
     std::vector<Image> images;
     std::vector<Fault> faults;
     StatusFault statusFault;
+    bool failsToClear = false;      // the library clears no callback
     std::set<std::string> spoiled;  // devices that may be dropped, or left without the upgrade
     Harm harm = Harm::None;         // the worst harm to all devices
 

@@ -83,11 +83,11 @@ public:
     std::vector<std::string> check() {
         itEnds();
         itTellsTheTruth();
-        itLosesNoDeviceWithoutAWord();
+        itReportsEachDeviceThatItDrops();
         itSendsWhatIsInTheFile();
-        theStatusFileIsWhole();
-        itLeavesTheBusAsItShould();
-        itSurvivesItsSurroundings();
+        theStatusFileIsComplete();
+        itCleansUpTheBus();
+        itSurvivesItsEnvironment();
         return broken;
     }
 
@@ -130,7 +130,7 @@ private:
         }
     }
 
-    void itLosesNoDeviceWithoutAWord() {
+    void itReportsEachDeviceThatItDrops() {
         for (std::size_t i = 0; i < attempts.size(); ++i) {
             for (auto& [device, calls] : attempts[i].devices) {
                 if (!calls[Function::WriteRequest].empty()) {
@@ -171,7 +171,7 @@ private:
         }
     }
 
-    void theStatusFileIsWhole() {
+    void theStatusFileIsComplete() {
         for (const std::string& message : run.messages) {
             const std::string end = message.substr(message.find_last_not_of(".!") + 1);
             require(end == "..." || end == "!" || contains(message, " completed"),
@@ -187,7 +187,7 @@ private:
                 "temporary files left");
     }
 
-    void itLeavesTheBusAsItShould() {
+    void itCleansUpTheBus() {
         const bool readsOnly = searched.has("-p") || searched.has("-l") || searched.has("-V");
         std::map<Function, bool> isSet;
         for (const Record& record : run.records) {
@@ -208,7 +208,7 @@ private:
                 "a call after the session's end");
     }
 
-    void itSurvivesItsSurroundings() { require(run.filesOpen == 0, "a file left open"); }
+    void itSurvivesItsEnvironment() { require(run.filesOpen == 0, "a file left open"); }
 
     // ---- parts of the promises ----
 

@@ -25,10 +25,16 @@ bool fails(SystemCall call, const std::string& what) {
     return errno != 0;
 }
 
-// Other mutexes of the program never fail.
-bool fails(SystemCall call, const pthread_mutex_t* mutex) {
+// Empty for the program's other mutexes.
+std::string numberOf(const pthread_mutex_t* mutex) {
     const auto found = memory().mutexes.find(mutex);
-    return found != memory().mutexes.end() && fails(call, found->second);
+    return found == memory().mutexes.end() ? "" : found->second;
+}
+
+// Other mutexes never fail.
+bool fails(SystemCall call, const pthread_mutex_t* mutex) {
+    const std::string number = numberOf(mutex);
+    return !number.empty() && fails(call, number);
 }
 
 void tell(const std::string& event) {
@@ -103,12 +109,12 @@ extern "C" {
 
 int __wrap_open64(const char* name, int flags, ...) {
     const OutsideTheTool outside;
-    if (fails(SystemCall::Open, name)) {
-        return -1;
-    }
-    tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing"));
-    errno = ENOENT;
-    return memory().files.count(name) == 0 ? -1 : openNew(name);
+    const int missing = memory().files.count(name) == 0 ? ENOENT : 0;
+    const int error = fails(SystemCall::Open, name) ? errno : missing;
+    tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing") +
+         (error == 0 ? "" : ", which fails"));
+    errno = error;
+    return error == 0 ? openNew(name) : -1;
 }
 
 int __wrap_mkstemp64(char* name) {
@@ -207,8 +213,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (fails(SystemCall::LockMutex, mutex)) {
         return errno;
     }
-    const auto found = memory().mutexes.find(mutex);
-    memory().held += found == memory().mutexes.end() ? "" : found->second;
+    memory().held += numberOf(mutex);
     return __real_pthread_mutex_lock(mutex);
 }
 
@@ -216,9 +221,8 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const OutsideTheTool outside;
     const int result = __real_pthread_mutex_unlock(mutex);
-    const auto found = memory().mutexes.find(mutex);
-    const std::string number = found == memory().mutexes.end() ? "none" : found->second;
-    const std::size_t at = memory().held.rfind(number);
+    const std::string number = numberOf(mutex);
+    const std::size_t at = number.empty() ? std::string::npos : memory().held.rfind(number);
     if (at != std::string::npos) {  // it is not there when locking it has failed
         memory().held.erase(at, number.size());
     }
