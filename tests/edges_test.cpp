@@ -36,23 +36,6 @@ TEST(Edges, TheCommandLineHasToDescribeAMode) {
     }
 }
 
-// Makes TalmApiInitialize fail.
-class NoHandle : public sim::Interceptor {
-    std::optional<sim::InjectedResult> before(const sim::Call& call) override {
-        const bool steps = call.function == Function::Initialize;
-        return steps ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
-    }
-};
-
-TEST(Edges, WithoutAHandleNothingElseIsAsked) {
-    NoHandle interceptor;
-    const ToolRun run = runTool(describedRun(R"({"run": "-l -m mem:status"})"), {&interceptor});
-    EXPECT_EQ(run.exitStatus, 132);
-    EXPECT_TRUE(run.printed("Error: Couldn't init talmapi connection\n"));
-    EXPECT_EQ(run.records.size(), 1U);
-    EXPECT_TRUE(run.messages.empty());
-}
-
 TEST(Edges, TheBudgetOfAGroupGrowsMoreSteeplyFrom41DevicesOn) {
     ToolSetup run = describedRun(R"({"run": "-B -p mem:arm"})");
     for (int number = 1; number <= 40; ++number) {

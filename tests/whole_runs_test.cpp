@@ -16,10 +16,9 @@
 namespace {
 
 std::string storyOf(const ToolSetup& setup) {
-    Timeline timeline;
-    const ToolRun run = checkedRun(setup, {&timeline});
+    const ToolRun run = checkedRun(setup);
     std::string text =
-        std::regex_replace(timeline.text(), std::regex(" v[0-9.]+\n"), " vVERSION\n") +
+        std::regex_replace(timelineOf(run), std::regex(" v[0-9.]+\n"), " vVERSION\n") +
         "exit status " + std::to_string(run.exitStatus) +
         (run.writerLeft ? ", message writer left" : "") + '\n';
     for (const auto& file : run.filesNow) {

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <boost/crc.hpp>
+#include <optional>
 #include <sstream>
+#include <vector>
 
 #include "common/vanid_text.h"
-#include "support/memory_system.h"
 
 namespace {
 
@@ -60,66 +61,73 @@ std::string crcOf(const std::string& content) {
     return content.empty() ? "" : ", crc " + hexadecimal(crc.checksum());
 }
 
-}  // namespace
+struct Entry {
+    sim::Microseconds time = 0;
+    std::string held;
+    std::string event;
+    std::string device;                  // of a call or a callback
+    std::string details;                 // what stands behind the device
+    std::optional<std::int64_t> packet;  // that it is about
+    std::string content;                 // of the packet
+};
+using Entries = std::vector<Entry>;
 
-Timeline::Timeline() {
-    MemorySystem::listener = [this](const std::string& event) {
-        Entry entry;
-        entry.event = event;
-        add(std::move(entry));
-    };
-}
+// Entries of that length that come again behind themselves, so many times.
+struct Repetition {
+    std::size_t length = 1;
+    std::size_t times = 0;
+};
 
-Timeline::~Timeline() {
-    MemorySystem::listener = nullptr;
-}
-
-void Timeline::add(Entry entry) {
-    entry.time = sim::VirtualTime::instance().now();
-    entry.held = MemorySystem::instance().held;
-    const Entry none;
-    const Entry& last = all.empty() ? none : all.back();
-    const bool isSameMoment = last.time == entry.time && last.held == entry.held;
-    if (isSameMoment && last.event[0] == '|' && entry.event[0] == '|') {
-        all.back().event += entry.event.substr(1);
-    } else if (isSameMoment && entry.event.rfind("close ", 0) == 0 &&
-               last.event == "open " + entry.event.substr(6)) {
-        all.back().event = "open and " + entry.event;
-    } else {
-        all.push_back(std::move(entry));
-    }
-}
-
-std::optional<sim::InjectedResult> Timeline::before(const sim::Call& call) {
-    Entry entry;
+void describe(Entry& entry, const sim::Call& call) {
     entry.event = sim::nameOf(call.function);
     entry.device = call.device ? idOf(*call.device) : "";
-    if (call.function == sim::Function::Data) {
-        entry.packet = call.given[0];
-        entry.content = call.content;
-    } else if (call.function == sim::Function::TransferCallback) {
+    if (call.function == sim::Function::TransferCallback) {
         entry.event = '<';
         entry.details = ' ' + std::to_string(call.given[0]);
         entry.packet = call.given[1];
+    } else if (sim::isCallback(call.function)) {
+        entry.event.insert(0, "< ");
+        entry.details = numbers(call.given);
+    } else if (call.function == sim::Function::Data) {
+        entry.packet = call.given[0];
+        entry.content = call.content;
+        entry.details = outcomeOf(call);
     } else {
-        entry.event.insert(0, sim::isCallback(call.function) ? "< " : "");
-        entry.details = (call.text.empty() ? "" : ' ' + call.text) + numbers(call.given);
-    }
-    if (!sim::isCallback(call.function)) {
-        underWay.push_back(all.size());
-    }
-    add(std::move(entry));
-    return std::nullopt;
-}
-
-void Timeline::after(const sim::Call& call) {
-    if (!sim::isCallback(call.function)) {
-        all[underWay.back()].details += outcomeOf(call);
-        underWay.pop_back();
+        entry.details =
+            (call.text.empty() ? "" : ' ' + call.text) + numbers(call.given) + outcomeOf(call);
     }
 }
 
-Timeline::Entries Timeline::joined(const Entries& entries) {
+// Whether the text could be added to the last entry, of the same moment.
+bool join(std::string& last, const std::string& text) {
+    if (last[0] == '|' && text[0] == '|') {
+        last += text.substr(1);
+        return true;
+    }
+    if (text.rfind("close ", 0) == 0 && last == "open " + text.substr(6)) {
+        last = "open and " + text;
+        return true;
+    }
+    return false;
+}
+
+Entries entriesOf(const ToolRun& run) {
+    Entries all;
+    auto record = run.records.begin();
+    for (const Event& event : run.events) {
+        const bool isSameMoment =
+            !all.empty() && all.back().time == event.time && all.back().held == event.held;
+        if (event.text.empty()) {
+            all.push_back({event.time, event.held, "", "", "", {}, ""});
+            describe(all.back(), (record++)->call);
+        } else if (!isSameMoment || !join(all.back().event, event.text)) {
+            all.push_back({event.time, event.held, event.text, "", "", {}, ""});
+        }
+    }
+    return all;
+}
+
+Entries joined(const Entries& entries) {
     Entries result;
     for (const Entry& entry : entries) {
         const auto isLike = [&entry](const Entry& other) {
@@ -138,7 +146,7 @@ Timeline::Entries Timeline::joined(const Entries& entries) {
 
 // How often the entries of that length come again behind these: each time as much later, and
 // perhaps with another packet, or another device where they have one.
-std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
+std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
     if (begin + 2 * length > entries.size()) {
         return 0;
     }
@@ -165,7 +173,7 @@ std::size_t Timeline::repetitions(const Entries& entries, std::size_t begin, std
     return same / length;
 }
 
-std::string Timeline::linesOf(const Entry& entry, bool withTime) {
+std::string linesOf(const Entry& entry, bool withTime) {
     const bool isPrinted = entry.event[0] == '|';
     std::istringstream lines(isPrinted ? shortened(entry.event.substr(1))
                                        : entry.event + entry.device + entry.details);
@@ -181,7 +189,7 @@ std::string Timeline::linesOf(const Entry& entry, bool withTime) {
     return text;
 }
 
-Timeline::Repetition Timeline::repetitionAt(const Entries& entries, std::size_t begin) {
+Repetition repetitionAt(const Entries& entries, std::size_t begin) {
     constexpr std::size_t kLongest = 8;  // entries that repeat themselves
     constexpr std::size_t kLeast = 3;    // entries that a line about repetitions replaces
     for (std::size_t length = 1; length <= kLongest; ++length) {
@@ -193,7 +201,7 @@ Timeline::Repetition Timeline::repetitionAt(const Entries& entries, std::size_t 
     return {1, 0};
 }
 
-std::string Timeline::lineOf(const Repetition& repetition, const Entry* first) {
+std::string lineOf(const Repetition& repetition, const Entry* first) {
     const Entry* const end = first + repetition.times * repetition.length;
     bool areSame = true;
     std::string devices;
@@ -212,8 +220,10 @@ std::string Timeline::lineOf(const Repetition& repetition, const Entry* first) {
            crcOf(content) + '\n';
 }
 
-std::string Timeline::text() const {
-    const Entries entries = joined(all);
+}  // namespace
+
+std::string timelineOf(const ToolRun& run) {
+    const Entries entries = joined(entriesOf(run));
     std::string text;
     sim::Microseconds last = -1;
     for (std::size_t at = 0; at < entries.size();) {

@@ -26,16 +26,33 @@ bool dropMessageWriter() {
     }
 }
 
-// Records every call and every callback. Asked first, so that no interceptor's memory is the
-// tool's.
+// Records what happens. Asked first of the interceptors, so that no memory of theirs is the tool's.
 class Recorder : public sim::Interceptor {
 public:
+    explicit Recorder(bool isWithoutHandle) : withoutHandle(isWithoutHandle) {
+        MemorySystem::listener = [this](const std::string& text) { add(text); };
+        sim::VirtualTime::instance().beforeSleep = [this](sim::Microseconds duration) {
+            constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
+            if (duration != kPoll) {
+                add("sleep " + std::to_string(duration / 1'000) + " ms");
+            }
+        };
+    }
+    ~Recorder() override {
+        MemorySystem::listener = nullptr;
+        sim::VirtualTime::instance().beforeSleep = nullptr;
+    }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         ++MemorySystem::outside;
+        add("");
         underWay.push_back(records.size());
         records.push_back(
             {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
-        return std::nullopt;
+        const bool fails = withoutHandle && call.function == sim::Function::Initialize;
+        return fails ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
     }
     void after(const sim::Call& call) override {
         Record& record = records[underWay.back()];
@@ -46,8 +63,14 @@ public:
     }
 
     std::vector<Record> records;
+    std::vector<Event> events;
 
 private:
+    void add(const std::string& text) {
+        events.push_back({sim::VirtualTime::instance().now(), MemorySystem::instance().held, text});
+    }
+
+    const bool withoutHandle;           // TalmApiInitialize fails, for which there is no bus yet
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
@@ -113,13 +136,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
     sim::VirtualTime& time = sim::VirtualTime::instance();
     time.reset();
     time.limit = setup.timeLimit;
-    time.beforeSleep = [](sim::Microseconds duration) {
-        constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
-        if (duration != kPoll && MemorySystem::listener) {
-            MemorySystem::listener("sleep " + std::to_string(duration / 1'000) + " ms");
-        }
-    };
-    Recorder recorder;
+    Recorder recorder(setup.errors.count("initialize") != 0);
     sim::interceptors() = {&recorder};
     sim::interceptors().insert(sim::interceptors().end(), interceptors.begin(), interceptors.end());
     auto bus = std::make_shared<sim::Bus>(setup.bus);
@@ -132,7 +149,6 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
 
     run.console = captureOutput([&] { runMain(setup, run); });
     memory.before = nullptr;
-    time.beforeSleep = nullptr;
     sim::busOpener() = nullptr;
     sim::interceptors().clear();
     run.messages = memory.messages;
@@ -142,6 +158,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
         run.versions.push_back(bus->findDevice(member.id)->installedVersions());
     }
     run.records = std::move(recorder.records);
+    run.events = std::move(recorder.events);
     return run;
 }
 

@@ -23,7 +23,8 @@ struct ToolSetup {
     std::vector<std::string> arguments;        // runTool adds the connection in front
     std::map<std::string, std::string> files;  // content by name, "mem:..."
     sim::BusDescription bus;
-    std::map<std::string, int> errors;      // of system calls: "read #5", "lock 1 #2" (mutex 1)
+    // Of system calls: "read #5", "lock 1 #2" (mutex 1); "initialize": TalmApiInitialize fails.
+    std::map<std::string, int> errors;
     std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
     int failingAllocation = 0;              // of the tool, counted from 1; 0: none
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
@@ -35,6 +36,13 @@ struct Record {
     sim::Microseconds took = 0;
     std::size_t consoleLength = 0;  // length of the console output before it
     sim::Call call;
+};
+
+// What else happened in a run, as MemorySystem's listener hears it, or a sleep.
+struct Event {
+    sim::Microseconds time = 0;
+    std::string held;  // the numbers of the mutexes that were locked
+    std::string text;  // empty: the next of the records
 };
 
 // The visible result of a run.
@@ -49,6 +57,7 @@ struct ToolRun {
     std::size_t filesOpen = 0;                    // files that the tool has not closed
     bool writerLeft = false;                      // the tool's message writer still existed
     std::vector<Record> records;
+    std::vector<Event> events;            // the records among them
     std::vector<sim::Versions> versions;  // that the members of the bus run at the end
 
     bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
