@@ -26,11 +26,13 @@ public:
         }
         const std::size_t index = acquisitions.size();
         acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, isRegistered});
+        ++callbacks;
         for (const Fault& fault : faults) {
             if (fault.place == Place::Lock && fault.call == index) {
-                applyAtLock(fault);
+                fault.apply(bus, sim::Call(sim::Function::TransferCallback));
             }
         }
+        --callbacks;
     }
 
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
@@ -48,8 +50,8 @@ public:
             const bool applies = fault.place != Place::Lock && fault.call <= index &&
                                  index <= std::max(fault.call, fault.last);
             if (applies && !sim::isCallback(call.function)) {
-                const auto own = apply(fault, call);
-                result = own ? own : result;
+                const auto injected = fault.apply(bus, call);
+                result = injected ? injected : result;
             }
         }
         return result;
@@ -73,44 +75,6 @@ private:
         isRegistered |= call.text == talm::slotText(true);
     }
 
-    void applyAtLock(const Fault& fault) {
-        ++callbacks;
-        if (fault.device.empty()) {
-            sim::VirtualTime::instance().runEarly(static_cast<std::size_t>(fault.value));
-        } else if (fault.packet.kind == sim::PacketFault::Kind::GoBack) {
-            bus->requestGoBack(*parseStrictVanid(fault.device),
-                               static_cast<std::uint32_t>(fault.value));
-        } else {
-            callBack(fault);
-        }
-        --callbacks;
-    }
-
-    void callBack(const Fault& fault) const {
-        const vanid_t device = *parseStrictVanid(fault.device);
-        if (fault.function == sim::Function::BusChangeCallback) {
-            bus->reportBusChange(device, static_cast<std::uint32_t>(fault.value));
-        } else {
-            bus->reportTransferResult(device, {0, static_cast<std::int32_t>(fault.value), 0});
-        }
-    }
-
-    std::optional<sim::InjectedResult> apply(const Fault& fault, const sim::Call& call) {
-        if (fault.place == Place::Result) {
-            const bool itsCall = call.function == fault.function && deviceOf(call) == fault.device;
-            const sim::InjectedResult own{static_cast<int>(fault.value), fault.carriedOut};
-            return itsCall ? std::optional(own) : std::nullopt;
-        }
-        if (fault.place == Place::Link) {
-            bus->dropLink(fault.value);
-        } else if (fault.place == Place::Power) {
-            bus->interrupt(*parseStrictVanid(fault.device), fault.value);
-        } else {
-            bus->addFault(*parseStrictVanid(fault.device), fault.packet);
-        }
-        return std::nullopt;
-    }
-
     const Case& searched;
     const std::vector<Fault>& faults;
     std::size_t calls = 0;
@@ -120,6 +84,14 @@ private:
 };
 
 }  // namespace
+
+Fault busFault(Place place, const std::string& device, Harm harm, const std::string& what,
+               const std::function<void(sim::Bus&)>& action) {
+    return {place, device, harm, what, [action](sim::Bus* bus, const sim::Call& /*call*/) {
+                action(*bus);
+                return std::nullopt;
+            }};
+}
 
 bool Case::has(const std::string& argument) const {
     const auto& all = setup.arguments;
@@ -138,7 +110,7 @@ Case Case::with(const Fault& fault) const {
     Case more = *this;
     more.name += "; call " + std::to_string(fault.call) +
                  (fault.last > fault.call ? " to " + std::to_string(fault.last) : "") + ", " +
-                 fault.device + ' ' + fault.what + ' ' + std::to_string(fault.value);
+                 fault.device + ' ' + fault.what;
     more.faults.push_back(fault);
     if (fault.harm == Harm::Device) {
         more.spoiled.insert(fault.device);

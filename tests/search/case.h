@@ -2,6 +2,7 @@
 #ifndef TESTS_SEARCH_CASE_H
 #define TESTS_SEARCH_CASE_H
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -28,7 +29,8 @@ enum class Harm {
     AllDevices,  // anything of any device
 };
 
-// Where a fault strikes. Of two results of one call only one is used.
+// What a fault affects; of two at one call and place, only one counts. Lock: a callback when the
+// tool takes the lock of the device list, with no fault of the bus.
 enum class Place { Result, Link, Power, Packet, Lock };
 
 // A fault at one of the tool's calls.
@@ -37,13 +39,16 @@ struct Fault {
     std::string device;  // empty: none
     Harm harm = Harm::None;
     std::string what;
-    std::int64_t value = 0;   // a result, a duration in microseconds, or the packet fault's value
-    bool carriedOut = false;  // the bus executes the call, but its result is lost
-    sim::Function function = sim::Function::Initialize;  // of the result, or the callback
-    sim::PacketFault packet = {};
+    // Runs at each of its calls. Gives the result of the call, if the fault has one. There is no
+    // bus before the connection is open.
+    std::function<std::optional<sim::InjectedResult>(sim::Bus* bus, const sim::Call& call)> apply;
     std::size_t call = 0;  // counted from 0, callbacks as well; at a lock, the acquisition
     std::size_t last = 0;  // the call until which it stays; before its own: it does not
 };
+
+// A fault that only does something to the bus.
+Fault busFault(Place place, const std::string& device, Harm harm, const std::string& what,
+               const std::function<void(sim::Bus&)>& action);
 
 // The nth system call of its kind for a status message fails; error 0: no failure.
 struct StatusFault {

@@ -67,6 +67,17 @@ Harm harmOf(const sim::Call& call, int result) {
     return goesUnnoticed ? Harm::AllDevices : Harm::Upgrade;
 }
 
+// The result, for this call and each later one of the function to the device.
+Fault resultFault(const sim::Call& call, const sim::InjectedResult& failure) {
+    const std::string device = deviceOf(call);
+    return {Place::Result, device, harmOf(call, failure.result),
+            sim::nameOf(call.function) + (" gives " + std::to_string(failure.result)),
+            [=, function = call.function](sim::Bus* /*bus*/, const sim::Call& failing) {
+                const bool fails = failing.function == function && deviceOf(failing) == device;
+                return fails ? std::optional(failure) : std::nullopt;
+            }};
+}
+
 // All faults of the packet with this number.
 std::vector<PacketFault> packetFaults(std::int64_t packet) {
     using Kind = PacketFault::Kind;
@@ -96,8 +107,11 @@ bool answersAtOnce(const sim::MemberDescription& device) {
 
 void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std::string& device,
                      const sim::Call& call) {
+    const vanid_t id = *parseStrictVanid(device);
     for (const Microseconds duration : {4 * kSecond, kForEver}) {
-        faults.push_back({Place::Power, device, Harm::Device, "away for us:", duration});
+        faults.push_back(busFault(Place::Power, device, Harm::Device,
+                                  "away for us: " + std::to_string(duration),
+                                  [=](sim::Bus& bus) { bus.interrupt(id, duration); }));
     }
     if (call.function != Function::Data) {
         return;
@@ -107,9 +121,10 @@ void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std
     for (const PacketFault& packet : packetFaults(call.given[0])) {
         const bool madeGood = atOnce && (packet.kind == PacketFault::Kind::Twice ||
                                          packet.kind == PacketFault::Kind::GoBack);
-        const std::string what = "packet fault " + std::to_string(static_cast<int>(packet.kind));
-        faults.push_back({Place::Packet, device, madeGood ? Harm::None : Harm::Device, what,
-                          packet.value, false, Function::Data, packet});
+        const std::string what = "packet fault " + std::to_string(static_cast<int>(packet.kind)) +
+                                 ' ' + std::to_string(packet.value);
+        faults.push_back(busFault(Place::Packet, device, madeGood ? Harm::None : Harm::Device, what,
+                                  [=](sim::Bus& bus) { bus.addFault(id, packet); }));
     }
 }
 
@@ -145,15 +160,15 @@ std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::
         return faults;
     }
     for (const sim::InjectedResult& failure : failuresOf(call.function)) {
-        const std::string what = std::string(sim::nameOf(call.function)) + " gives";
-        faults.push_back({Place::Result, deviceOf(call), harmOf(call, failure.result), what,
-                          failure.result, failure.carriedOut, call.function});
+        faults.push_back(resultFault(call, failure));
     }
     if (call.function == Function::Initialize) {  // call 0, there is no bus yet
         return faults;
     }
     for (const Microseconds duration : {8 * kSecond, kForEver}) {
-        faults.push_back({Place::Link, "", Harm::AllDevices, "link down for us:", duration});
+        faults.push_back(busFault(Place::Link, "", Harm::AllDevices,
+                                  "link down for us: " + std::to_string(duration),
+                                  [=](sim::Bus& bus) { bus.dropLink(duration); }));
     }
     for (const sim::MemberDescription& member : searched.setup.bus.members) {
         addDeviceFaults(faults, searched, formatVanid(member.id), call);

@@ -7,7 +7,6 @@
 
 namespace {
 
-using sim::Function;
 using sim::PacketFault;
 
 std::vector<Case> baseCases() {
@@ -36,27 +35,33 @@ std::vector<Case> baseCases() {
 std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
                                const Acquisition& acquisition) {
     std::vector<Fault> all;
+    const auto add = [&all](const std::string& device, Harm harm, const std::string& what,
+                            const std::function<void(sim::Bus&)>& action) {
+        all.push_back(busFault(Place::Lock, device, harm, what, action));
+    };
     for (std::size_t event = 0; event < acquisition.pending; ++event) {
-        all.push_back({Place::Lock, "", Harm::None, "brings forward event",
-                       static_cast<std::int64_t>(event)});
+        add("", Harm::None, "brings forward event " + std::to_string(event),
+            [=](sim::Bus& /*bus*/) { sim::VirtualTime::instance().runEarly(event); });
     }
     for (const sim::MemberDescription& member : base.setup.bus.members) {
-        const std::string device = formatVanid(member.id);
+        const vanid_t id = member.id;
+        const std::string device = formatVanid(id);
         for (std::int64_t to = 0; to <= acquisition.packet.value_or(-1); ++to) {
-            all.push_back({Place::Lock, device, Harm::None, "goes back to packet", to, false,
-                           Function::TransferCallback,
-                           PacketFault::next(PacketFault::Kind::GoBack)});
+            add(device, Harm::None, "goes back to packet " + std::to_string(to),
+                [=](sim::Bus& bus) { bus.requestGoBack(id, static_cast<std::uint32_t>(to)); });
         }
         if (!acquisition.isRegistered) {
             continue;
         }
-        all.push_back(
-            {Place::Lock, device, Harm::Device, "reports", 9, false, Function::TransferCallback});
-        all.push_back({Place::Lock, device, Harm::Device, "is reported, event", 0, false,
-                       Function::BusChangeCallback});
+        add(device, Harm::Device, "reports a fault", [=](sim::Bus& bus) {
+            bus.reportTransferResult(id, {0, 9, 0});
+        });
+        add(device, Harm::Device, "is reported",
+            [=](sim::Bus& bus) { bus.reportBusChange(id, 0); });
         if (!acquisition.packet) {
-            all.push_back({Place::Lock, device, Harm::None, "reports late:", 17, false,
-                           Function::TransferCallback});
+            add(device, Harm::None, "goes back late", [=](sim::Bus& bus) {
+                bus.reportTransferResult(id, {0, sim::kGoBackResult, 0});
+            });
         }
     }
     for (Fault& fault : all) {

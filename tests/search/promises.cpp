@@ -13,15 +13,7 @@ namespace {
 
 using sim::Call;
 using sim::Function;
-using Texts = std::set<std::string>;
-
-constexpr char kNextImage[] = "Downloading image ";
-constexpr char kUpdated[] = "Successfully updated ";
-constexpr char kTransferFailed[] = "Failed to transfer data to the Orvins";
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using Texts = std::multiset<std::string>;
 
 // The devices listed under every line that contains `title`.
 Texts listedUnder(const std::string& title, const std::string& console) {
@@ -32,55 +24,38 @@ Texts listedUnder(const std::string& title, const std::string& console) {
         if (inList && line.compare(0, 2, "  ") == 0) {
             listed.insert(line.substr(2));
         } else {
-            inList = contains(line, title);
+            inList = line.find(title) != std::string::npos;
         }
     }
     return listed;
-}
-
-using Calls = std::vector<const Call*>;
-
-bool accepted(const Calls& calls) {
-    return !calls.empty() && calls.back()->result == 0;
-}
-
-// One transfer of one image, from its first write request until the tool names another.
-struct Attempt {
-    const Image* image = nullptr;
-    int number = 0;        // 1 or 2: first or second attempt with the image
-    std::size_t end = 0;   // its end in the console
-    std::string transfer;  // its console output up to the end of the transfer
-    std::string rest;      // the rest of its console output
-    Texts updated;         // devices that the console names as updated
-    std::map<std::string, std::map<Function, Calls>> devices;  // the calls by device
-    std::set<std::int64_t> packets;                            // numbers of the sent packets
-    bool repeatsPackets = false;  // for a device that asked or was silent
-
-    // Because the device does not answer, or because of a late fault.
-    bool isDroppedLate(const std::string& device) const {
-        return contains(rest, "Removing Orvin " + device);
-    }
-};
-
-bool carriesItsContent(const Call& data, const Image& image) {
-    const std::size_t start = static_cast<std::size_t>(data.given[0]) * sim::kPacketBytes;
-    return isBroadcastVanid(*data.device) && start < image.content.size() &&
-           image.content.compare(start, sim::kPacketBytes, data.content, 0,
-                                 image.content.size() - start) == 0;
 }
 
 std::uint32_t versionIn(const sim::Versions& versions, std::uint32_t target) {
     return target == kArm ? versions.arm : target == kDsp ? versions.dsp : versions.boosterArm;
 }
 
+// What came of the image that was last announced to a device.
+struct Upgrade {
+    const Image* image = nullptr;
+    std::map<const Image*, int> attempts;
+    std::map<std::uint32_t, const Image*> announced;  // the last one for each target
+    bool isAnnounced = false;                         // as the device accepted it
+    bool isChecked = false;
+    bool isAsked = false;              // for its version, since then
+    std::size_t acknowledged = 0;      // bytes
+    std::size_t completions = 0;       // attempts in which it accepted each step
+    std::vector<std::int64_t> answer;  // the last one about its versions; empty: it did not answer
+};
+
 class Checker {
 public:
     Checker(const Case& searchedCase, const ToolRun& checked)
-        : searched(searchedCase), run(checked) {
-        findAttempts();
-    }
+        : searched(searchedCase), run(checked) {}
 
     std::vector<std::string> check() {
+        for (const Record& record : run.records) {
+            follow(record.call);
+        }
         itEnds();
         itTellsTheTruth();
         itReportsEachDeviceThatItDrops();
@@ -93,15 +68,10 @@ public:
 
 private:
     void itEnds() {
-        for (const Attempt& attempt : attempts) {
-            require(attempt.number <= 2, "more than two attempts");
-        }
-        for (std::size_t at = 0; (at = run.console.find("\nUpgrading ", at)) != std::string::npos;
-             ++at) {
-            const std::string rest = run.console.substr(at, run.console.find(kNextImage, at) - at);
-            require(contains(rest, "Update took") || contains(rest, "Failed to transfer data") ||
-                        contains(rest, "Removing image files"),
-                    "announces an upgrade that does not come");
+        for (const auto& [device, upgrade] : upgrades) {
+            for (const auto& [image, attempts] : upgrade.attempts) {
+                require(attempts <= 2, "more than two attempts", device);
+            }
         }
         require(notUpgraded.empty() || run.printed("Retrying upgrade on following "),
                 "not tried again");
@@ -109,72 +79,51 @@ private:
 
     void itTellsTheTruth() {
         require(run.exitStatus == expectedStatus(), "wrong exit status");
-        for (Attempt& attempt : attempts) {
-            for (auto& [device, calls] : attempt.devices) {
-                require(calls[Function::WriteRequest].empty() ||
-                            !calls[Function::OrvinInfo].empty() || attempt.isDroppedLate(device),
-                        "not asked for its version again", device);
-            }
-            for (const std::string& device : attempt.updated) {
-                // A simulated device accepts a start only after a passed check.
-                auto& calls = attempt.devices[device];
-                for (const auto step :
-                     {Function::WriteRequest, Function::CheckImage, Function::StartUpdate}) {
-                    require(accepted(calls[step]), "falsely named as updated", device);
-                }
-            }
+        for (const std::string& device : updated) {
+            // A simulated device accepts a start only after a passed check.
+            require(searched.has("-p") || updated.count(device) <= upgrades[device].completions,
+                    "falsely named as updated", device);
+        }
+        for (const auto& [device, upgrade] : upgrades) {
+            require(upgrade.image == nullptr || upgrade.isAsked || isDropped(device),
+                    "not asked for its version again", device);
         }
         for (const std::string& device : notUpgraded) {
-            require(lastAnswerDiffers(device), "named as not upgraded, but did not answer so",
-                    device);
+            const Upgrade& upgrade = upgrades[device];
+            require(upgrade.image != nullptr && !upgrade.answer.empty() &&
+                        upgrade.answer[upgrade.image->target - kArm + 1] != upgrade.image->version,
+                    "named as not upgraded, but did not answer so", device);
         }
     }
 
     void itReportsEachDeviceThatItDrops() {
-        for (std::size_t i = 0; i < attempts.size(); ++i) {
-            for (auto& [device, calls] : attempts[i].devices) {
-                if (!calls[Function::WriteRequest].empty()) {
-                    checkNamed(i, device);
-                }
-            }
-        }
-        const auto& members = searched.setup.bus.members;
-        for (std::size_t i = 0; i < members.size(); ++i) {
-            checkNewOrNamed(formatVanid(members[i].id), run.versions[i]);
-        }
-        for (const sim::MemberDescription& member : members) {
+        for (std::size_t i = 0; i < run.versions.size(); ++i) {
+            const sim::MemberDescription& member = searched.setup.bus.members[i];
             const std::string device = formatVanid(member.id);
-            if (searched.harm == Harm::AllDevices || searched.spoiled.count(device) != 0) {
-                continue;
-            }
-            checkKept(member, device);
-            if (searched.harm == Harm::None) {
-                checkServed(member, device);
+            checkNamed(device, run.versions[i]);
+            if (searched.harm != Harm::AllDevices && searched.spoiled.count(device) == 0 &&
+                !mayFallBehind(member)) {
+                require(!isDropped(device), "dropped for another's fault", device);
+                if (searched.harm == Harm::None) {
+                    checkServed(member, device);
+                }
             }
         }
     }
 
     void itSendsWhatIsInTheFile() {
-        for (Attempt& attempt : attempts) {
-            const bool failed = contains(attempt.rest, kTransferFailed);
-            const std::size_t size = attempt.image->content.size();
-            for (auto& [device, calls] : attempt.devices) {
-                for (const Call* const data : calls[Function::Data]) {
-                    require(carriesItsContent(*data, *attempt.image), "another packet's content");
-                    require(failed || data->result == sim::result::kBroadcast,
-                            "a refused packet is not reported");
-                }
-                require(calls[Function::CheckImage].empty() ||
-                            calls[Function::TransferCallback].size() * sim::kPacketBytes >= size,
-                        "checked, though it did not acknowledge each packet", device);
-            }
+        require(!sendsOtherContent, "another packet's content");
+        require(!isRefused || run.printed("Failed to transfer data to the Orvins"),
+                "a refused packet is not reported");
+        for (const std::string& device : checkedTooEarly) {
+            require(false, "checked, though it did not acknowledge each packet", device);
         }
     }
 
     void theStatusFileIsComplete() {
         for (const std::string& message : run.messages) {
             const std::string end = message.substr(message.find_last_not_of(".!") + 1);
-            require(end == "..." || end == "!" || contains(message, " completed"),
+            require(end == "..." || end == "!" || message.find(" completed") != std::string::npos,
                     "not a whole message", message);
         }
         const bool wanted = searched.has("-m") && hasSession && expectedStatus() != 128;
@@ -210,6 +159,61 @@ private:
 
     void itSurvivesItsEnvironment() { require(run.filesOpen == 0, "a file left open"); }
 
+    // ---- what the calls tell ----
+
+    void follow(const Call& call) {
+        const std::string device = deviceOf(call);
+        if (call.function == Function::SetTransferCallback) {
+            sent = nullptr;
+        } else if (call.function == Function::WriteRequest) {
+            announce(call, upgrades[device]);
+        } else if (call.function == Function::Data) {
+            send(call);
+        } else if (call.function == Function::TransferCallback) {
+            upgrades[device].acknowledged += sim::kPacketBytes;
+        } else if (call.function == Function::CheckImage) {
+            Upgrade& upgrade = upgrades[device];
+            upgrade.isChecked = call.result == 0;
+            if (upgrade.image == nullptr || upgrade.acknowledged < upgrade.image->content.size()) {
+                checkedTooEarly.insert(device);
+            }
+        } else if (call.function == Function::StartUpdate) {
+            Upgrade& upgrade = upgrades[device];
+            const bool isStarted = upgrade.isAnnounced && upgrade.isChecked && call.result == 0;
+            upgrade.completions += isStarted ? 1 : 0;
+        } else if (call.function == Function::OrvinInfo) {
+            upgrades[device].isAsked = true;
+            upgrades[device].answer = call.result == 0 ? call.answer : std::vector<std::int64_t>();
+        }
+    }
+
+    void announce(const Call& call, Upgrade& upgrade) {
+        for (const Image& image : searched.images) {
+            const bool isIt = call.given[1] == image.target &&
+                              call.given[3] == static_cast<std::int64_t>(image.content.size());
+            sent = isIt ? &image : sent;
+        }
+        if (sent == nullptr) {
+            return require(false, "announces what is in no file");
+        }
+        ++upgrade.attempts[sent];
+        upgrade.image = upgrade.announced[sent->target] = sent;
+        upgrade.isAnnounced = call.result == 0;
+        upgrade.isChecked = upgrade.isAsked = false;
+        upgrade.acknowledged = 0;
+        packets.clear();
+    }
+
+    void send(const Call& data) {
+        const std::size_t start = static_cast<std::size_t>(data.given[0]) * sim::kPacketBytes;
+        sendsOtherContent |=
+            sent != nullptr && (!isBroadcastVanid(*data.device) || start >= sent->content.size() ||
+                                sent->content.compare(start, sim::kPacketBytes, data.content, 0,
+                                                      sent->content.size() - start) != 0);
+        isRefused |= data.result != sim::result::kBroadcast;
+        repeatsPackets |= !packets.insert(data.given[0]).second;
+    }
+
     // ---- parts of the promises ----
 
     int expectedStatus() const {
@@ -226,98 +230,39 @@ private:
             return 139;
         }
         const bool failed = run.printed("Error while reading") || run.printed("Error: invalid");
-        return failed ? 255 : static_cast<int>(updated.size());
+        const std::set<std::string> distinct(updated.begin(), updated.end());
+        return failed ? 255 : static_cast<int>(distinct.size());
     }
 
-    // Whether the device answered with another version than that of the image that was named last.
-    bool lastAnswerDiffers(const std::string& device) const {
-        const std::size_t line = run.console.rfind(kNextImage);
-        const auto isNamed = [&](const Image& image) {
-            return run.console.find(kNextImage + image.name, line) == line;
-        };
-        const auto image = std::find_if(searched.images.begin(), searched.images.end(), isNamed);
-        const auto answer =
-            std::find_if(run.records.rbegin(), run.records.rend(), [&](const Record& record) {
-                return record.call.function == Function::OrvinInfo &&
-                       deviceOf(record.call) == device;
-            });
-        return image != searched.images.end() && answer != run.records.rend() &&
-               answer->call.result == 0 &&
-               answer->call.answer[image->target - kArm + 1] != image->version;
+    bool isDropped(const std::string& device) const {
+        return run.printed("Removing Orvin " + device) || run.printed("Removing orvin '" + device);
     }
 
-    static bool isDropped(const std::string& console, const std::string& device) {
-        return contains(console, "Removing Orvin " + device) ||
-               contains(console, "Removing orvin '" + device);
-    }
-
-    // The console names the device as updated, or as dropped with the reason. If the transfer
-    // failed, one line stands for all devices.
-    void checkNamed(std::size_t number, const std::string& device) {
-        Attempt& attempt = attempts[number];
-        require(isDropped(attempt.transfer, device) || attempt.updated.count(device) != 0 ||
-                    contains(attempt.transfer, "Error in sendChunk(): "),
+    // A device to which an image was announced is named: as updated, as dropped with the reason, or
+    // by the one line for all devices of a failed transfer. It runs the last version of each
+    // target, or the console says that it may not.
+    void checkNamed(const std::string& device, const sim::Versions& versions) {
+        const Upgrade& upgrade = upgrades[device];
+        const bool mayBeOld = isDropped(device) || run.printed("Error in sendChunk(): ");
+        require(upgrade.image == nullptr || mayBeOld || updated.count(device) != 0,
                 "left without a word", device);
-    }
-
-    // A device to which an image was announced runs its version at the end, or the console says
-    // that it may not.
-    void checkNewOrNamed(const std::string& device, const sim::Versions& versions) {
-        std::map<std::uint32_t, Attempt*> last;  // by target
-        for (Attempt& attempt : attempts) {
-            if (!attempt.devices[device][Function::WriteRequest].empty()) {
-                last[attempt.image->target] = &attempt;
-            }
-        }
-        for (const auto& [target, attempt] : last) {
-            require(versionIn(versions, target) == attempt->image->version ||
-                        isDropped(attempt->transfer + attempt->rest, device) ||
-                        contains(attempt->transfer, "Error in sendChunk(): ") ||
+        for (const auto& [target, image] : upgrade.announced) {
+            require(versionIn(versions, target) == image->version || mayBeOld ||
                         notUpgraded.count(device) != 0,
                     "runs another version in the end, and the tool does not say so", device);
         }
     }
 
-    // Whether the device may fail the attempt for another one's fault: it is busy when the packet
-    // after a repeated one comes, or it is silent when the tool goes back for the other one.
-    static bool mayFallBehind(const sim::MemberDescription& member, const Attempt& attempt) {
-        return (member.timing.busy > 0 && attempt.repeatsPackets) ||
-               (member.faults.ignoresRepeats && contains(attempt.transfer, "Go back in fw"));
-    }
-
-    void checkKept(const sim::MemberDescription& member, const std::string& device) {
-        bool mayFail = false;
-        for (const Attempt& attempt : attempts) {
-            const bool excused = mayFallBehind(member, attempt);
-            mayFail |= excused;
-            require(excused || !isDropped(attempt.transfer + attempt.rest, device),
-                    "dropped for another's fault", device);
-        }
-        require(mayFail || !isDropped(run.console, device), "dropped for another's fault", device);
-    }
-
-    // Whether a healthy device may miss an image: it fell behind in both attempts, or in the first
-    // attempt with an image whose version it already had, which has no second attempt.
-    bool isLeftBehind(const sim::MemberDescription& member) const {
-        const auto fallsBehindAgain = [&](const Attempt& before, const Attempt& attempt) {
-            return attempt.number == 2 && mayFallBehind(member, before) &&
-                   mayFallBehind(member, attempt);
-        };
-        const auto needsNoneAndFallsBehind = [&](const Attempt& attempt) {
-            return mayFallBehind(member, attempt) &&
-                   versionIn(member.versions, attempt.image->target) == attempt.image->version;
-        };
-        return std::any_of(attempts.begin(), attempts.end(), needsNoneAndFallsBehind) ||
-               std::adjacent_find(attempts.begin(), attempts.end(), fallsBehindAgain) !=
-                   attempts.end();
+    // Whether the device may fail for another one's fault: it is busy when the packet after a
+    // repeated one comes, or it is silent when the tool goes back for the other one.
+    bool mayFallBehind(const sim::MemberDescription& member) const {
+        return (member.timing.busy > 0 && repeatsPackets) ||
+               (member.faults.ignoresRepeats && run.printed("Go back in fw"));
     }
 
     // A healthy device on a sound bus gets every image that it needs, and no other.
     void checkServed(const sim::MemberDescription& member, const std::string& device) {
         require(!searched.has("-l") || run.printed(device), "not listed", device);
-        if (isLeftBehind(member)) {
-            return;
-        }
         require(notUpgraded.count(device) == 0, "healthy, but not upgraded", device);
         const bool chosen = !searched.has("-l") && !searched.has("-V") &&
                             (searched.has("-B") || searched.has(device));
@@ -332,50 +277,6 @@ private:
                 "passed over, or updated without need", device);
     }
 
-    void findAttempts() {
-        Function last = Function::Initialize;
-        for (const Record& record : run.records) {
-            const Call& call = record.call;
-            if (call.function == Function::WriteRequest && last != Function::WriteRequest) {
-                beginAttempt(record.consoleLength);
-            }
-            last = sim::isCallback(call.function) ? last : call.function;
-            if (!attempts.empty() && record.consoleLength <= attempts.back().end) {
-                attempts.back().devices[deviceOf(call)][call.function].push_back(&call);
-                markRepeats(attempts.back(), call);
-            }
-        }
-    }
-
-    static void markRepeats(Attempt& attempt, const Call& call) {
-        if (call.function == Function::Data) {
-            attempt.repeatsPackets |= !attempt.packets.insert(call.given[0]).second;
-        }
-    }
-
-    void beginAttempt(std::size_t begin) {
-        const std::size_t line = run.console.rfind(kNextImage, begin);
-        Attempt attempt;
-        for (const Image& image : searched.images) {
-            const bool named = run.console.find(kNextImage + image.name, line) == line;
-            attempt.image = named ? &image : attempt.image;
-        }
-        if (attempt.image == nullptr) {
-            return require(false, "sends an image that it has not named");
-        }
-        const bool again = !attempts.empty() && attempts.back().image == attempt.image;
-        attempt.number = again ? attempts.back().number + 1 : 1;
-        attempt.end = std::min({run.console.find(kNextImage, begin), run.console.size(),
-                                run.console.find("Retrying upgrade on following ", begin)});
-        const std::string text = run.console.substr(begin, attempt.end - begin);
-        const std::size_t transferred =
-            std::min({text.find(kTransferFailed), text.find("Update took "), text.size()});
-        attempt.transfer = text.substr(0, transferred);
-        attempt.rest = text.substr(transferred);
-        attempt.updated = listedUnder(kUpdated, attempt.transfer);
-        attempts.push_back(attempt);
-    }
-
     void require(bool holds, const char* what, const std::string& about = {}) {
         if (!holds) {
             broken.push_back(std::string(what) + ' ' + about);
@@ -385,9 +286,15 @@ private:
     const Case& searched;
     const ToolRun& run;
     const bool hasSession = !run.printed("Failed to initialize lumnet lib on ");
-    const Texts updated = listedUnder(kUpdated, run.console);
+    const Texts updated = listedUnder("Successfully updated ", run.console);
     const Texts notUpgraded = listedUnder("could not be upgraded", run.console);
-    std::vector<Attempt> attempts;
+    std::map<std::string, Upgrade> upgrades;  // by device
+    const Image* sent = nullptr;              // in the transfer
+    std::set<std::int64_t> packets;           // sent in it
+    bool repeatsPackets = false;
+    bool sendsOtherContent = false;
+    bool isRefused = false;
+    std::set<std::string> checkedTooEarly;
     std::vector<std::string> broken;
 };
 
