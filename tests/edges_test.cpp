@@ -57,12 +57,6 @@ std::string progress(const ToolSetup& run) {
     return percents;
 }
 
-TEST(Edges, ProgressRoundsUpInStepsOfFive) {
-    EXPECT_EQ(progress(upgrade(128)), "0 50 ");
-    EXPECT_EQ(progress(upgrade(6464)),
-              "0 5 10 15 20 25 30 35 40 45 50 55 60 65 70 75 80 85 90 95 100 ");
-}
-
 // Progress computes 100 times the rest of the content, which fits 32 bits up to 42,949,672 bytes.
 TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     ToolSetup run = upgrade(0);

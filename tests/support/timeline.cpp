@@ -4,6 +4,7 @@
 #include <boost/crc.hpp>
 #include <optional>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "common/vanid_text.h"
@@ -65,8 +66,8 @@ struct Entry {
     sim::Microseconds time = 0;
     std::string held;
     std::string event;
-    std::string device;                  // of a call or a callback
-    std::string details;                 // what stands behind the device
+    std::string object;                  // the device, file or percentage of the event
+    std::string details;                 // what stands behind it
     std::optional<std::int64_t> packet;  // that it is about
     std::string content;                 // of the packet
 };
@@ -80,7 +81,7 @@ struct Repetition {
 
 void describe(Entry& entry, const sim::Call& call) {
     entry.event = sim::nameOf(call.function);
-    entry.device = call.device ? idOf(*call.device) : "";
+    entry.object = call.device ? idOf(*call.device) : "";
     if (call.function == sim::Function::TransferCallback) {
         entry.event = '<';
         entry.details = ' ' + std::to_string(call.given[0]);
@@ -111,6 +112,19 @@ bool join(std::string& last, const std::string& text) {
     return false;
 }
 
+// Takes the file's name or the percentage out of the event.
+void separateObject(Entry& entry) {
+    const std::string text = entry.event;
+    const std::size_t end = text[0] == '=' ? text.find('%') : text.size();
+    const bool hasObject = text.rfind("open", 0) == 0 || (text[0] == '=' && end < text.size());
+    if (hasObject) {
+        const std::size_t begin = text.rfind(' ', end);
+        entry.event = text.substr(0, begin);
+        entry.object = text.substr(begin, end - begin);
+        entry.details = text.substr(end);
+    }
+}
+
 Entries entriesOf(const ToolRun& run) {
     Entries all;
     auto record = run.records.begin();
@@ -124,6 +138,9 @@ Entries entriesOf(const ToolRun& run) {
             all.push_back({event.time, event.held, event.text, "", "", {}, ""});
         }
     }
+    for (Entry& entry : all) {
+        separateObject(entry);
+    }
     return all;
 }
 
@@ -135,8 +152,8 @@ Entries joined(const Entries& entries) {
                    other.event == entry.event && other.details == entry.details &&
                    other.packet == entry.packet && other.content == entry.content;
         };
-        if (!entry.device.empty() && !result.empty() && isLike(result.back())) {
-            result.back().device += entry.device;
+        if (!entry.object.empty() && !result.empty() && isLike(result.back())) {
+            result.back().object += entry.object;
         } else {
             result.push_back(entry);
         }
@@ -144,23 +161,26 @@ Entries joined(const Entries& entries) {
     return result;
 }
 
-// How often the entries of that length come again behind these: each time as much later, and
-// perhaps with another packet, or another device where they have one.
+// How often the entries of that length come again behind these: each time as much later, perhaps
+// with another packet, and one of them perhaps with another object.
 std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
     if (begin + 2 * length > entries.size()) {
         return 0;
     }
-    const auto hasDevice = [](const Entry& entry) { return !entry.device.empty(); };
     const auto hasPacket = [](const Entry& entry) { return entry.packet.has_value(); };
     const Entry* const first = &entries[begin];
     const Entry* const second = first + length;
-    const bool isForOneDevice = std::count_if(first, second, hasDevice) == 1;
+    const auto hasSameObject = [](const Entry& now, const Entry& again) {
+        return now.object == again.object;
+    };
+    const Entry* const changing = std::mismatch(first, second, second, hasSameObject).first;
     const Entry* const sent = std::find_if(first, second, hasPacket);
     const std::int64_t step =
         sent != second && hasPacket(sent[length]) ? *sent[length].packet - *sent->packet : 0;
     const auto isRepeated = [&](const Entry& now, const Entry& again) {
         return now.event == again.event && now.details == again.details &&
-               (isForOneDevice ? hasDevice(now) == hasDevice(again) : now.device == again.device) &&
+               ((&now - changing) % static_cast<std::ptrdiff_t>(length) == 0 ||
+                hasSameObject(now, again)) &&
                now.held == again.held && hasPacket(now) == hasPacket(again) &&
                again.packet.value_or(step) - now.packet.value_or(0) == step &&
                again.time - now.time == second->time - first->time;
@@ -173,18 +193,38 @@ std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t l
     return same / length;
 }
 
+// A blank line is a "\n" at the end of the line before it or, if it is the first, in front of the
+// next one.
+std::vector<std::string> printedLines(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    std::string blank;
+    for (std::string line; std::getline(stream, line);) {
+        if (!line.empty()) {
+            lines.push_back("| " + std::exchange(blank, "") + line + (stream.eof() ? "\\" : ""));
+        } else {
+            (lines.empty() ? blank : lines.back()) += "\\n";
+        }
+    }
+    if (!blank.empty()) {
+        lines.push_back("| " + blank);
+    }
+    return lines;
+}
+
 std::string linesOf(const Entry& entry, bool withTime) {
     const bool isPrinted = entry.event[0] == '|';
-    std::istringstream lines(isPrinted ? shortened(entry.event.substr(1))
-                                       : entry.event + entry.device + entry.details);
+    const std::vector<std::string> lines =
+        isPrinted ? printedLines(shortened(entry.event.substr(1)))
+                  : std::vector<std::string>{entry.event + entry.object + entry.details};
     std::string time = withTime ? seconds(entry.time) : "";
     std::string text;
-    for (std::string line; std::getline(lines, line); time.clear()) {
+    for (const std::string& line : lines) {
         text += time + std::string(kTimeWidth - time.size(), ' ');
         text += entry.held.empty() ? "" : '[' + entry.held + "] ";
-        text += isPrinted ? "| " + line + (lines.eof() ? "\\" : "") : line;
-        text += entry.packet ? ", packet " + std::to_string(*entry.packet) : "";
+        text += line + (entry.packet ? ", packet " + std::to_string(*entry.packet) : "");
         text += crcOf(entry.content) + '\n';
+        time.clear();
     }
     return text;
 }
@@ -203,20 +243,19 @@ Repetition repetitionAt(const Entries& entries, std::size_t begin) {
 
 std::string lineOf(const Repetition& repetition, const Entry* first) {
     const Entry* const end = first + repetition.times * repetition.length;
-    bool areSame = true;
-    std::string devices;
+    std::string objects;
     std::string packet;
     std::string content;
     for (const Entry* entry = first; entry != end; ++entry) {
-        areSame = areSame && entry->device == (entry - repetition.length)->device;
-        devices += entry->device;
+        const bool isSame = entry->object == (entry - repetition.length)->object;
+        objects += isSame ? "" : entry->object;
         packet = entry->packet ? ", packet " + std::to_string(*entry->packet) : packet;
         content += entry->content;
     }
     const std::string times =
         repetition.times == 1 ? "once" : std::to_string(repetition.times) + " times";
     return std::string(kTimeWidth, ' ') + "... " + times + " more" +
-           (areSame ? "" : " for" + devices) + ", until " + seconds(end[-1].time) + packet +
+           (objects.empty() ? "" : " for" + objects) + ", until " + seconds(end[-1].time) + packet +
            crcOf(content) + '\n';
 }
 
