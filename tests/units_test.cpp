@@ -239,6 +239,8 @@ TEST(MessageWriter, IsOneForTheProcess) {
     EXPECT_EQ(MessageWriter::init("mem:other"), writer);
     writer->write(formatMessage("%s%c%s", "before", '\0', "after"));
     writer->write("");
+    const wchar_t noCharacter[] = {0x7fffffff, 0};
+    EXPECT_EQ(formatMessage("%ls", noCharacter), "autosprintf/vasprintf error");
     EXPECT_EQ(system.messages, (std::vector<std::string>{"before", ""}));
     delete writer;
 }
