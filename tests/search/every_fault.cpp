@@ -3,6 +3,7 @@
 #include "search/every_fault.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <map>
 #include <tuple>
@@ -29,7 +30,14 @@ std::vector<Case> baseCases() {
     behind.setup.bus.members[1].timing.acknowledge = behind.setup.bus.members[1].timing.busy =
         1'300;
     behind.setup.bus.members[2].faults.ignoresRepeats = true;
+    Case mixed = baseCase("mixed", 3, {"-B", "-D"}, {imageOf("other", 0x203, 1, 12), dsp, arm});
+    mixed.addImage({"mem:broken", kDsp, kNewVersion, "tevu", ""});
+    mixed.setup.bus.members[0].versions.arm = kNewVersion;
+    mixed.setup.bus.members[1].type = 16;  // a bus master
+    mixed.spoiled.insert(orvinText(2));
+    mixed.setup.bus.members[2].timing.acknowledgeJitter = 3'000;
     return {baseCase("one", 1, {"-B"}, {arm}),
+            mixed,
             baseCase("three", 3, {"-B"}, {dsp, arm, booster}),
             retry,
             behind,
@@ -37,7 +45,8 @@ std::vector<Case> baseCases() {
             baseCase("pretend", 2, {"-B", "-p"}, {arm}),
             baseCase("forced", 2, {"-B", "-f"}, {same}),
             baseCase("up to date", 2, {"-B"}, {same}),
-            baseCase("listing", 3, {"-l"}, {})};
+            baseCase("listing", 3, {"-l"}, {}),
+            baseCase("version", 2, {"-V", "-d", orvinText(1)}, {})};
 }
 
 using Results = std::vector<sim::InjectedResult>;
@@ -128,6 +137,33 @@ void addDeviceFaults(std::vector<Fault>& faults, const Case& searched, const std
     }
 }
 
+// Every fault that can strike at the call, which is the one at that index in a run of the case;
+// none if it is a callback.
+std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call) {
+    std::vector<Fault> faults;
+    if (sim::isCallback(call.function)) {
+        return faults;
+    }
+    for (const sim::InjectedResult& failure : failuresOf(call.function)) {
+        faults.push_back(resultFault(call, failure));
+    }
+    if (call.function == Function::Initialize) {  // call 0, there is no bus yet
+        return faults;
+    }
+    for (const Microseconds duration : {8 * kSecond, kForEver}) {
+        faults.push_back(busFault(Place::Link, "", Harm::AllDevices,
+                                  "link down for us: " + std::to_string(duration),
+                                  [=](sim::Bus& bus) { bus.dropLink(duration); }));
+    }
+    for (const sim::MemberDescription& member : searched.setup.bus.members) {
+        addDeviceFaults(faults, searched, formatVanid(member.id), call);
+    }
+    for (Fault& fault : faults) {
+        fault.call = index;
+    }
+    return faults;
+}
+
 void forEachFault(const Case& searched, std::size_t firstCall,
                   const std::function<void(const Fault&)>& use) {
     const ToolRun run = runCase(searched);
@@ -154,35 +190,38 @@ Case baseCase(const std::string& name, int orvins, const std::vector<std::string
     return base;
 }
 
-std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call) {
-    std::vector<Fault> faults;
-    if (sim::isCallback(call.function)) {
-        return faults;
-    }
-    for (const sim::InjectedResult& failure : failuresOf(call.function)) {
-        faults.push_back(resultFault(call, failure));
-    }
-    if (call.function == Function::Initialize) {  // call 0, there is no bus yet
-        return faults;
-    }
-    for (const Microseconds duration : {8 * kSecond, kForEver}) {
-        faults.push_back(busFault(Place::Link, "", Harm::AllDevices,
-                                  "link down for us: " + std::to_string(duration),
-                                  [=](sim::Bus& bus) { bus.dropLink(duration); }));
-    }
-    for (const sim::MemberDescription& member : searched.setup.bus.members) {
-        addDeviceFaults(faults, searched, formatVanid(member.id), call);
-    }
-    for (Fault& fault : faults) {
-        fault.call = index;
-    }
-    return faults;
-}
-
 void forEachSingle(const Visit& visit) {
     for (const Case& base : baseCases()) {
         visit([&] { return base; });
         forEachFault(base, 0, [&](const Fault& fault) { visit([&] { return base.with(fault); }); });
+    }
+}
+
+void forEachStatusFault(const Visit& visit) {
+    using Call = SystemCall;
+    const Case base = baseCases().front();
+    for (const Call call : {Call::CreateTemporary, Call::Write, Call::Rename}) {
+        for (const int error : {EACCES, MemorySystem::kHalfOfIt}) {
+            for (int number = 1; number <= 10; ++number) {
+                Case failing = base;
+                failing.name += "; status file";
+                failing.statusFault = {call, error, number};
+                visit([&] { return failing; });
+            }
+        }
+    }
+}
+
+void forEachLasting(const Visit& visit) {
+    constexpr std::size_t kForEverMore = std::numeric_limits<std::size_t>::max();
+    for (const Case& base : baseCases()) {
+        forEachFault(base, 0, [&](Fault fault) {
+            fault.harm = std::max(fault.harm, Harm::Device);
+            for (const std::size_t last : {fault.call + 3, fault.call + 40, kForEverMore}) {
+                fault.last = last;
+                visit([&] { return base.with(fault); });
+            }
+        });
     }
 }
 

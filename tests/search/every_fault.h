@@ -10,14 +10,17 @@
 Case baseCase(const std::string& name, int orvins, const std::vector<std::string>& arguments,
               const std::vector<Image>& images);
 
-// Every fault that can strike at the call, which is the one at that index in a run of the case;
-// none if it is a callback.
-std::vector<Fault> faultsAt(const Case& searched, std::size_t index, const sim::Call& call);
-
 // Each base case, alone and with every fault at every call.
 // A case is made only when it is run.
 using Visit = std::function<void(const std::function<Case()>& make)>;
 void forEachSingle(const Visit& visit);
+
+// A base case with every failure of a status message.
+void forEachStatusFault(const Visit& visit);
+
+// Each base case with every fault staying from every call on: for a few calls, for many, for ever.
+// Where it ends, nothing else goes wrong, and each device is new or named.
+void forEachLasting(const Visit& visit);
 
 // Each base case with every pair of faults: the second one at any call of the run with the first.
 void forEachPair(const Visit& visit);

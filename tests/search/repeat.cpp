@@ -2,14 +2,15 @@
 
 #include <cstdlib>
 #include <limits>
+#include <optional>
 
 #include "sim/bus_file/bus_file.h"
 #include "support/files.h"
 
 namespace {
 
-// The bus that repeats the run.
-sim::BusDescription busOf(const ToolRun& run) {
+// The bus that repeats the run; none if orvin-recording refuses.
+std::optional<sim::BusDescription> busOf(const ToolRun& run) {
     static const TemporaryDirectory directory;
     const std::string recording = directory / "recording";
     const std::string bus = directory / "bus.json";
@@ -20,7 +21,7 @@ sim::BusDescription busOf(const ToolRun& run) {
     const bool complains = std::system(command.c_str()) != 0;  // also of a session without an end
     const std::string complaint = readText(complaints);
     if (complains && complaint.find("cannot be repeated") != std::string::npos) {
-        throw CannotBeRepeated(complaint);
+        return std::nullopt;
     }
     return sim::describeBus(sim::parseBusFile(readText(bus)));
 }
@@ -28,8 +29,13 @@ sim::BusDescription busOf(const ToolRun& run) {
 }  // namespace
 
 std::vector<std::string> differencesWhenRepeated(const Case& searched, const ToolRun& run) {
+    const std::optional<sim::BusDescription> bus = busOf(run);
+    const bool hasHandle = run.records.size() > 1;  // without one, there is no bus
+    if (!bus || !hasHandle) {
+        return std::vector<std::string>(bus || hasHandle ? 1 : 0, "wrongly refused, or not");
+    }
     Case repeated = searched;
-    repeated.setup.bus = busOf(run);
+    repeated.setup.bus = *bus;
     for (Fault& fault : repeated.faults) {
         fault.call = std::numeric_limits<std::size_t>::max();  // never occurs
     }
