@@ -144,8 +144,8 @@ void Recording::finish() {
     if (state == State::Open) {
         state = State::Finishing;
     }
-    changed.notify_all();
-    changed.wait_for(lock, kLongestWrite, [this] { return state == State::Finished; });
+    changed.notifyAll();
+    changed.waitFor(lock, kLongestWrite, [this] { return state == State::Finished; });
 }
 
 void Recording::runWriter() {
@@ -159,12 +159,12 @@ void Recording::runWriter() {
     }
     const std::lock_guard<std::mutex> lock(mutex);
     state = State::Finished;
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 Recording::State Recording::takeBatch() {
     std::unique_lock<std::mutex> lock(mutex);
-    changed.wait_for(lock, kBetweenWrites, [this] { return state != State::Open; });
+    changed.waitFor(lock, kBetweenWrites, [this] { return state != State::Open; });
     batch.swap(pending);
     return state;
 }

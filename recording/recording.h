@@ -1,7 +1,6 @@
 #ifndef RECORDING_RECORDING_H
 #define RECORDING_RECORDING_H
 
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "common/file_descriptor.h"
+#include "common/monotonic_condition.h"
 #include "recording/lines.h"
 
 namespace recording {
@@ -67,7 +67,7 @@ private:
     std::mutex mutex;  // guards pending and state
     std::vector<Entry> pending;
     State state = State::Open;
-    std::condition_variable changed;
+    MonotonicCondition changed;
 
     std::thread writer;
 };

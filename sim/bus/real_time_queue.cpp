@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -10,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/monotonic_condition.h"
 #include "sim/bus/event_queue.h"
 
 namespace sim {
@@ -45,7 +45,7 @@ public:
             const std::lock_guard<std::mutex> lock(mutex);
             stopped = true;
         }
-        changed.notify_all();
+        changed.notifyAll();
         for (std::thread& thread : threads) {
             thread.join();
         }
@@ -66,7 +66,7 @@ public:
             const std::lock_guard<std::mutex> lock(mutex);
             events.emplace(when, std::move(event));
         }
-        changed.notify_one();
+        changed.notifyOne();
     }
 
 private:
@@ -79,12 +79,12 @@ private:
             }
             const auto first = events.begin();
             if (first->first > now()) {
-                changed.wait_until(lock, openedAt + std::chrono::microseconds(first->first));
+                changed.waitUntil(lock, openedAt + std::chrono::microseconds(first->first));
                 continue;
             }
             const Event event = std::move(first->second);
             events.erase(first);
-            changed.notify_one();  // another thread runs the next event if this one blocks
+            changed.notifyOne();  // another thread runs the next event if this one blocks
             lock.unlock();
             event();
             lock.lock();
@@ -93,7 +93,7 @@ private:
 
     const Clock::time_point openedAt = Clock::now();
     std::mutex mutex;  // guards events and stopped
-    std::condition_variable changed;
+    MonotonicCondition changed;
     std::multimap<Microseconds, Event> events;
     bool stopped = false;
     std::vector<std::thread> threads;
