@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 
 #if defined(__x86_64__)
 #define OLDEST "GLIBC_2.2.5"
@@ -116,17 +117,17 @@ int __wrap___libc_start_main(Main main, int argc, char** argv, Initialiser /*non
 // The unwinder of exceptions asks for the table of the program or library that has the address.
 static int findTable(dl_phdr_info* module, std::size_t /*size*/, void* found) {
     auto* const object = static_cast<dl_find_object*>(found);
-    const auto* const address = static_cast<const char*>(object->dlfo_map_start);
+    const auto address = reinterpret_cast<std::uintptr_t>(object->dlfo_map_start);
     bool isIt = false;
-    void* table = nullptr;
+    std::uintptr_t table = 0;
     for (int i = 0; i < module->dlpi_phnum; ++i) {
         const ElfW(Phdr)& header = module->dlpi_phdr[i];
-        auto* const start = reinterpret_cast<char*>(module->dlpi_addr + header.p_vaddr);
-        isIt |= header.p_type == PT_LOAD && address >= start && address < start + header.p_memsz;
+        const std::uintptr_t start = module->dlpi_addr + header.p_vaddr;
+        isIt |= header.p_type == PT_LOAD && address >= start && address - start < header.p_memsz;
         table = header.p_type == PT_GNU_EH_FRAME ? start : table;
     }
-    object->dlfo_eh_frame = table;
-    return isIt && table != nullptr ? 1 : 0;
+    object->dlfo_eh_frame = reinterpret_cast<void*>(table);  // NOLINT(performance-no-int-to-ptr)
+    return isIt && table != 0 ? 1 : 0;
 }
 int __wrap__dl_find_object(void* address, dl_find_object* found) {
     found->dlfo_map_start = address;
