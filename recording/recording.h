@@ -17,9 +17,9 @@ namespace recording {
 // waits for the disk. An error ends the recording with one line on standard error. Thread-safe.
 class Recording {
 public:
-    // Appends to the file. If `invocation` is given, first empties a regular file that another
+    // Appends to the file. Unless `invocation` is empty, first empties a regular file that another
     // invocation of orvin-record began. Throws std::exception with a reason of one line.
-    explicit Recording(const std::string& pathOfFile, const std::string& invocation = "");
+    explicit Recording(const std::string& pathOfFile, const std::string& invocation);
     ~Recording();
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;

@@ -40,7 +40,7 @@ minisign -S -s image.key -m images/*.img
 bus() { # CONTROLLER BUS-FIELDS MEMBER...
     local fields=$2 file=$work/$1/bus.json
     shift 2
-    (IFS=,; echo "{\"trace\": \"trace\", $fields \"members\": [$*]}") >"$file"
+    (IFS=,; echo "{$fields \"members\": [$*]}") >"$file"
 }
 
 orvin() { # NUMBER [FAULTS]
@@ -73,7 +73,7 @@ printf '\377' | dd of=images/dsp.img bs=1 seek=200 conv=notrunc status=none
 play 2
 expect '"Verify the signatures".*dsp.img is not signed with the key .*, or was changed'
 expect 'east: \{ "Orvins": "not begun"\} north: \{ "Orvins": "stopped before the upgrade"\} south: .*"not begun"'
-[ ! -e "$work/north/trace" ]
+[ ! -e "$work/north/status" ]
 cp signed.img images/dsp.img
 
 # One device keeps its old firmware, and one bus never becomes active: these controllers fail, the first does not.

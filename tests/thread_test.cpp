@@ -9,6 +9,7 @@
 #include "app/run.h"
 #include "core/run_config.h"
 #include "orvin-image/image_file.h"
+#include "recording/recording.h"
 #include "sim/library/bus_opener.h"
 #include "support/files.h"
 
@@ -18,11 +19,10 @@ constexpr int kDevices = 15;
 constexpr std::uint32_t kDsp = 0x201;
 
 // Three devices: one asks to go back, one reports a fault, one acknowledges twice.
-std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
+std::shared_ptr<sim::Bus> makeBus() {
     using Kind = sim::PacketFault::Kind;
     constexpr Kind kinds[] = {Kind::GoBack, Kind::Result, Kind::Twice};
     sim::BusDescription bus;
-    bus.trace = trace;
     for (std::uint32_t device = 1; device <= kDevices; ++device) {
         sim::MemberDescription member;
         member.id.bytes[0] = static_cast<std::uint8_t>(device);
@@ -35,17 +35,19 @@ std::shared_ptr<sim::Bus> makeBus(const std::string& trace) {
     return std::make_shared<sim::Bus>(bus);
 }
 
-// Clears no callback, and makes callbacks until the process ends: first acknowledgements, and after
-// the end of the session faults, to which the tool would react.
+// Records each call, clears no callback, and makes callbacks until the process ends: first
+// acknowledgements, and after the end of the session faults, to which the tool would react.
 class Stubborn : public sim::Interceptor {
 public:
-    explicit Stubborn(std::shared_ptr<sim::Bus> itsBus) : bus(std::move(itsBus)) {
+    Stubborn(std::shared_ptr<sim::Bus> itsBus, const std::string& path)
+        : bus(std::move(itsBus)), recording(path, "") {
         for (int thread = 0; thread < 3; ++thread) {
             std::thread([this] { report(); }).detach();
         }
     }
 
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
+        recording.append({0, 0, recording::threadNumber()}, call);
         if (call.function == sim::Function::Cleanup) {
             result = 9;
             waitForReports();
@@ -71,6 +73,7 @@ private:
     }
 
     const std::shared_ptr<sim::Bus> bus;
+    recording::Recording recording;
     std::atomic<std::int32_t> result{0};
     std::atomic<int> reports{0};
 };
@@ -81,9 +84,9 @@ TEST(Threads, UpgradeAllDevicesAndFindNoGroupOnceTheModeHasEnded) {
     const orvin_image::Bytes file = orvin_image::encodeImage({0, 0, kDsp, 0, 0, 0, 7}, content);
     std::string image = directory / "image";
     writeText(image, {file.begin(), file.end()});
-    const auto bus = makeBus(directory / "trace");
+    const auto bus = makeBus();
     sim::busOpener() = [&](const std::string&) { return std::shared_ptr<sim::Bus>(bus); };
-    auto& library = *new Stubborn(bus);  // lives as long as its threads
+    auto& library = *new Stubborn(bus, directory / "recording");  // lives as long as its threads
     sim::interceptors().push_back(&library);
     RunConfig config;
     char all[] = "-B";

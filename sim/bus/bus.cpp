@@ -36,7 +36,6 @@ Bus::Bus(BusDescription busDescription, StoreMember store)
       queue(makeEventQueue()),
       openedAt(queue->now()),
       callFaults(description.callFaults, *queue),
-      trace(description.trace, *queue),
       devices(description.members.begin(), description.members.end()),
       random(description.seed),
       linkDownUntil(description.linkActiveAfter) {

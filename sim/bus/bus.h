@@ -14,7 +14,6 @@
 #include "sim/bus/device.h"
 #include "sim/bus/event_queue.h"
 #include "sim/bus/interceptor.h"
-#include "sim/bus/trace.h"
 #include "talm/talm_api.h"
 
 namespace sim {
@@ -70,7 +69,7 @@ public:
     // Null when the bus has no such device.
     const Device* findDevice(const vanid_t& id) { return find(id); }
 
-    // The interceptors of this bus: its call faults, then its trace.
+    // The interceptors of this bus: its call faults.
     const std::vector<Interceptor*>& ownInterceptors() const { return interceptors; }
 
 private:
@@ -96,8 +95,7 @@ private:
     const std::unique_ptr<EventQueue> queue;
     const Microseconds openedAt;
     CallFaults callFaults;
-    Trace trace;
-    const std::vector<Interceptor*> interceptors{&callFaults, &trace};
+    const std::vector<Interceptor*> interceptors{&callFaults};
     std::vector<Device> devices;  // in the bus file's order; never resized
     std::minstd_rand random;
     CallbackSlot transferSlot{nullptr, nullptr};

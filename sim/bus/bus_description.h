@@ -121,7 +121,6 @@ struct BusDescription {
     Microseconds linkActiveAfter = 0;        // since the opening of the connection
     std::vector<LinkDrop> linkDrops;
     std::uint32_t seed = 1;
-    std::string trace;  // file for a recording of the bus; empty: none
     std::string store;  // directory for the installed content; empty: none
     std::vector<CallFault> callFaults;
 };

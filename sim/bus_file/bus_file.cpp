@@ -37,13 +37,6 @@ void readLink(FieldReader& parent, BusDescription& bus) {
     fields.finish();
 }
 
-// Relative paths in a bus file start at the directory of the file.
-void resolve(std::string& path, const std::string& busFile) {
-    if (!path.empty()) {
-        path = (std::filesystem::path(busFile).parent_path() / path).string();
-    }
-}
-
 Json hexadecimal(std::uint32_t value, int digits) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%0*x", digits, value);
@@ -73,7 +66,6 @@ BusDescription describeBus(const Json& json) {
         readBusFaults(*faults, fields.placeOf("faults"), bus.callFaults);
     }
     bus.seed = read32(fields, "seed", bus.seed);
-    bus.trace = fields.text("trace");
     bus.store = fields.text("store");
     fields.finish();
     return bus;
@@ -84,8 +76,9 @@ BusFile::BusFile(std::string name)
       file(path),
       json(parseBusFile(file.read())),
       contents(describeBus(json)) {
-    resolve(contents.trace, path);
-    resolve(contents.store, path);
+    if (!contents.store.empty()) {
+        contents.store = (std::filesystem::path(path).parent_path() / contents.store).string();
+    }
 }
 
 void BusFile::storeMember(std::size_t member, const Versions& versions, bool onBus) {
