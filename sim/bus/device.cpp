@@ -122,11 +122,11 @@ bool Device::has(std::uint32_t number) const {
 
 // The fault of the packet that has just arrived, or null. Counts it.
 const PacketFault* Device::takeFault(std::uint32_t number) {
-    const auto strikes = [&](const PacketFault& fault) {
+    const auto applies = [&](const PacketFault& fault) {
         return fault.times != 0U && fault.number.value_or(number) == number &&
                fault.packets.contains(packetsSeen);
     };
-    const auto found = std::find_if(packetFaults.begin(), packetFaults.end(), strikes);
+    const auto found = std::find_if(packetFaults.begin(), packetFaults.end(), applies);
     if (found == packetFaults.end()) {
         return nullptr;
     }

@@ -62,8 +62,8 @@ int pass(Call& call, const std::vector<Interceptor*>& ofTheBus, CarryOut carryOu
     std::optional<InjectedResult> injected;
     for (const auto* const list : lists) {
         for (Interceptor* const interceptor : *list) {
-            const std::optional<InjectedResult> own = interceptor->before(call);
-            injected = injected ? injected : own;
+            const std::optional<InjectedResult> result = interceptor->before(call);
+            injected = injected ? injected : result;
         }
     }
     if (!injected || injected->carriedOut) {

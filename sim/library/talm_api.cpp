@@ -79,9 +79,10 @@ Result guarded(Function function, Result failed, Body body) {
 template <typename CarryOut>
 int passToBus(const std::shared_ptr<Bus>& bus, Call& call, CarryOut carryOut) {
     static const std::vector<Interceptor*> kNone;
-    const auto& own = bus ? bus->ownInterceptors() : kNone;
+    const auto& interceptors = bus ? bus->ownInterceptors() : kNone;
     return guarded(call.function, int{result::kNoSession}, [&] {
-        return sim::pass(call, own, [&] { return bus ? carryOut(*bus) : result::kNoSession; });
+        return sim::pass(call, interceptors,
+                         [&] { return bus ? carryOut(*bus) : result::kNoSession; });
     });
 }
 
@@ -203,10 +204,10 @@ int TalmApiGetBusMembers(TalmApiHandle handle, vanid_t* members, int capacity) {
 int BusMember_get_type(TalmApiHandle handle, vanid_t member, uint8_t* type) {
     Call call(Function::GetType, member);
     const int answer = passToBus(handle, call, [&](Bus& bus) {
-        std::uint8_t own = 0;
-        const int result = bus.readType(member, own);
+        std::uint8_t itsType = 0;
+        const int result = bus.readType(member, itsType);
         if (result == 0) {
-            call.answer = {own};
+            call.answer = {itsType};
         }
         return result;
     });
@@ -238,10 +239,10 @@ int OrvinInfo(TalmApiHandle handle, vanid_t device, uint32_t* hw, uint32_t* arm,
     std::memset(name, '?', sim::kNameBytes);
     Call call(Function::OrvinInfo, device);
     const int answer = passToBus(handle, call, [&](Bus& bus) {
-        sim::Versions own;
-        const int result = bus.readVersions(device, own, call.name);
+        sim::Versions versions;
+        const int result = bus.readVersions(device, versions, call.name);
         if (result == 0) {
-            call.answer = sim::numbersOf(own);
+            call.answer = sim::numbersOf(versions);
         }
         return result;
     });

@@ -56,7 +56,7 @@ class Device:
     marks: defaultdict[str, list[Mark]] = field(default_factory=lambda: defaultdict(list))
     cost: defaultdict[str, float] = field(default_factory=lambda: defaultdict(float))  # time of the run, by column
     failed_calls: int = 0
-    told_versions: bool = True  # when it was last asked
+    answered: bool = True  # when it was last asked
     state: Mark | None = None  # while it installs or is away
 
     @property
@@ -148,7 +148,7 @@ class Analysis:
         self._end_packet(event.at)
         self._back = None
         if phase.name == RETURN and not self.recording.damaged:  # else it may only lack the answer
-            for device in [device for device in self._receivers if not device.told_versions]:
+            for device in [device for device in self._receivers if not device.answered]:
                 self._drop(device, event.at, "not back")
         attempt = "" if name == "closing" else phase.title[: -len(phase.name)]
         if name == "announcing":
@@ -169,7 +169,7 @@ class Analysis:
             devices.discard(device)
 
     def _on_OrvinInfo(self, call: Event, device: Device) -> None:
-        device.told_versions = call.result == 0
+        device.answered = call.result == 0
         device.name = call.fields.get("name") or device.name
         versions = {key: call.fields[key] for key in VERSIONS if key in call.fields}
         (device.after if self._attempt else device.before).update(versions)

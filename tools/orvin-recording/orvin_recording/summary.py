@@ -124,6 +124,6 @@ def _story(device: Device) -> list[str]:
     """Versions that changed, and why the tool dropped the device."""
     before, after = device.before, device.after
     both = [key for key in VERSIONS if key in before and key in after]
-    told = [f"{key} {before[key]:08x} -> {after[key]:08x}" for key in both if before[key] != after[key]]
-    told += [f"dropped at {mark.begin / 1e6:.3f} s: {mark.text}" for mark in device.marks["removed"]]
-    return told or ["no version changed" if both else "not asked for its versions before and after"]
+    changes = [f"{key} {before[key]:08x} -> {after[key]:08x}" for key in both if before[key] != after[key]]
+    changes += [f"dropped at {mark.begin / 1e6:.3f} s: {mark.text}" for mark in device.marks["removed"]]
+    return changes or ["no version changed" if both else "not asked for its versions before and after"]
