@@ -7,5 +7,5 @@ test_packages=("${build_packages[@]}" "${manual_test_packages[@]}" libgtest-dev 
 arm_packages=("${arm_build_packages[@]}" qemu-user googletest)
 package_test_packages=(lintian debootstrap)
 fleet_test_packages=("${test_packages[@]}" ansible-core minisign)
-lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools shellcheck black flake8 mypy yamllint ansible-lint)
+lint_packages=("${test_packages[@]}" clang-format clang-tidy clang-tools cmake-format shellcheck black flake8 mypy yamllint ansible-lint)
 bench_packages=("${build_packages[@]}" valgrind binutils)
