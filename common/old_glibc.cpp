@@ -113,7 +113,7 @@ int __wrap___libc_start_main(Main main, int argc, char** argv, Initialiser /*non
     return old___libc_start_main(main, argc, argv, initialise, finish, finishLoader, stackEnd);
 }
 
-#ifdef DLFO_STRUCT_HAS_EH_DBASE
+#if defined(__x86_64__) && defined(DLFO_STRUCT_HAS_EH_DBASE)
 // The unwinder of exceptions asks for the table of the program or library that has the address.
 static int findTable(dl_phdr_info* module, std::size_t /*size*/, void* found) {
     auto* const object = static_cast<dl_find_object*>(found);
