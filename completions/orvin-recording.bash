@@ -3,8 +3,8 @@
 _orvin_recording() {
     local current=${COMP_WORDS[COMP_CWORD]} words=''
     case $COMP_CWORD,${COMP_WORDS[1]},$current in
-    1,*) words='summary plot bus -h --help --version' ;;
-    *,summary,-*) words='-h --help --json' ;;
+    1,*) words='summary plot bus check -h --help --version' ;;
+    *,summary,-* | *,check,-*) words='-h --help --json' ;;
     *,plot,-*) words='-h --help -o --output' ;;
     *,bus,-*) words='-h --help' ;;
     esac

@@ -1,11 +1,13 @@
 // fault-search: runs the tool with faults at its bus calls, in virtual time, and reports the runs
 // that break a promise.
 //
-//     fault-search [repeat] single|lasting|pairs|status|interleavings|allocations [PART PARTS]
+//     fault-search [repeat|check] single|lasting|pairs|status|interleavings|allocations [PART
+//     PARTS]
 //
 // runs all cases, or only part PART (from 0) of PARTS. To run a single case, give its number as
 // PART of 99999999. With `repeat`, it instead reports the runs that differ on the bus file that
-// `orvin-recording bus` makes of them.
+// `orvin-recording bus` makes of them; with `check`, those in which `orvin-recording check` blames
+// the bus libraries without reason.
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -68,8 +70,11 @@ struct Search {
 
 int main(int argc, char** argv) {
     Search search;
-    if (argc > 1 && std::string(argv[1]) == "repeat") {
-        search.findWrong = differencesWhenRepeated;
+    const std::map<std::string, decltype(search.findWrong)> ways = {
+        {"repeat", differencesWhenRepeated}, {"check", wrongAccusations}};
+    const auto way = ways.find(argc > 1 ? argv[1] : "");
+    if (way != ways.end()) {
+        search.findWrong = way->second;
         --argc;
         ++argv;
     }
@@ -82,7 +87,7 @@ int main(int argc, char** argv) {
         {"allocations", forEachAllocation}};
     const auto chosen = searches.find(argc > 1 ? argv[1] : "");
     if (chosen == searches.end() || argc == 3 || argc > 4) {
-        std::cerr << "Usage: fault-search [repeat] "
+        std::cerr << "Usage: fault-search [repeat|check] "
                      "single|lasting|pairs|status|interleavings|allocations [PART PARTS]\n";
         return 2;
     }

@@ -2,28 +2,48 @@
 
 #include <cstdlib>
 #include <limits>
+#include <map>
 #include <optional>
+#include <set>
 
 #include "sim/bus_file/bus_file.h"
 #include "support/files.h"
 
 namespace {
 
-// The bus that repeats the run; none if orvin-recording refuses.
-std::optional<sim::BusDescription> busOf(const ToolRun& run) {
+struct Answer {
+    bool isWhole = false;
+    std::string output;
+    std::string complaint;
+};
+
+// Of `orvin-recording SUBCOMMAND` on a recording of the run.
+Answer ask(const ToolRun& run, const std::string& subcommand) {
     static const TemporaryDirectory directory;
     const std::string recording = directory / "recording";
-    const std::string bus = directory / "bus.json";
-    const std::string complaints = directory / "complaints";
     writeText(recording, "{\"orvin-recording\":1}\n" + run.trace());
-    const std::string command =
-        "'" ORVIN_RECORDING "' bus " + recording + " >" + bus + " 2>" + complaints;
-    const bool complains = std::system(command.c_str()) != 0;  // also of a session without an end
-    const std::string complaint = readText(complaints);
-    if (complains && complaint.find("cannot be repeated") != std::string::npos) {
-        return std::nullopt;
-    }
-    return sim::describeBus(sim::parseBusFile(readText(bus)));
+    const std::string command = "'" ORVIN_RECORDING "' " + subcommand + ' ' + recording + " >" +
+                                directory / "output" + " 2>" + directory / "complaint";
+    const bool isWhole = std::system(command.c_str()) == 0;
+    return {isWhole, readText(directory / "output"), readText(directory / "complaint")};
+}
+
+// The bus that repeats the run; none if orvin-recording refuses.
+std::optional<sim::BusDescription> busOf(const ToolRun& run) {
+    const Answer answer = ask(run, "bus");  // complains of a session without an end, too
+    const bool isRefused = answer.complaint.find("cannot be repeated") != std::string::npos;
+    return isRefused ? std::nullopt
+                     : std::optional(sim::describeBus(sim::parseBusFile(answer.output)));
+}
+
+// The assumptions that a fault may break.
+std::set<std::string> brokenBy(const Fault& fault) {
+    const std::map<Place, std::set<std::string>> broken = {
+        {Place::Result, {"results", "most", "to_all", "reset", "in_flight"}},
+        {Place::Link, {}},
+        {Place::Power, {"reset", "repeats"}},
+        {Place::Packet, {"once", "in_flight", "repeats", "go_back"}}};
+    return broken.at(fault.place);
 }
 
 }  // namespace
@@ -51,4 +71,18 @@ std::vector<std::string> differencesWhenRepeated(const Case& searched, const Too
         differences.emplace_back("repeated, the run ends in another way");
     }
     return differences;
+}
+
+std::vector<std::string> wrongAccusations(const Case& searched, const ToolRun& run) {
+    std::set<std::string> expected;
+    for (const Fault& fault : searched.faults) {
+        expected.merge(brokenBy(fault));
+    }
+    std::vector<std::string> wrong;
+    for (const sim::Json& result : sim::Json::parse(ask(run, "check --json").output)) {
+        if (result.at("state") == "broken" && expected.count(result.at("name")) == 0) {
+            wrong.push_back("accused: " + result.dump());
+        }
+    }
+    return wrong;
 }

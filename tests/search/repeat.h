@@ -10,4 +10,8 @@
 // Returns the differences, one line each.
 std::vector<std::string> differencesWhenRepeated(const Case& searched, const ToolRun& run);
 
+// What `orvin-recording check` says against the bus libraries without a fault that causes it, one
+// line each.
+std::vector<std::string> wrongAccusations(const Case& searched, const ToolRun& run);
+
 #endif

@@ -121,7 +121,8 @@ int ToolRun::calls(sim::Function function) const {
 std::string ToolRun::trace() const {
     recording::Lines lines;
     for (const Record& record : records) {
-        lines.add({record.time, record.took}, record.call);
+        const std::uint32_t thread = sim::isCallback(record.call.function) ? 2 : 1;
+        lines.add({record.time, record.took, thread}, record.call);
     }
     return lines.take(true);
 }

@@ -9,8 +9,10 @@ import sys
 
 from . import bus, plot, reader, summary
 from .analysis import Analysis, printable
+from .check import Check
 
-DAMAGED, FAILED = 1, 2
+DAMAGED = BROKEN = 1
+FAILED = 2
 
 
 def _parse(version: str) -> argparse.Namespace:
@@ -21,10 +23,11 @@ def _parse(version: str) -> argparse.Namespace:
         ("summary", "tell what took so long, and which device"),
         ("plot", "draw a lane for each device"),
         ("bus", "print a bus file whose devices do what those did"),
+        ("check", "compare the bus libraries with what the tool assumes of them"),
     ):
         subcommand = subcommands.add_parser(name, help=text, description=text.capitalize() + ".")
         subcommand.add_argument("recording", metavar="FILE", help="a recording")
-        if name == "summary":
+        if name in ("summary", "check"):
             subcommand.add_argument("--json", action="store_true", help="print JSON")
         if name == "plot":
             subcommand.add_argument("-o", "--output", metavar="FILE.svg", required=True, help="the picture to write")
@@ -33,6 +36,12 @@ def _parse(version: str) -> argparse.Namespace:
 
 def _complain(file: str, what: object) -> None:
     print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
+
+
+def _check(recording: reader.Recording, as_json: bool) -> int:
+    check = Check(recording)
+    print(json.dumps(check.as_objects(), indent=2) if as_json else check.as_text(), flush=True)
+    return BROKEN if check.broken else 0
 
 
 def _run(arguments: argparse.Namespace) -> int:
@@ -49,6 +58,8 @@ def _run(arguments: argparse.Namespace) -> int:
             bus.write(recording, sys.stdout)
         elif arguments.subcommand == "plot":
             plot.write(Analysis(recording), arguments.output)
+        elif arguments.subcommand == "check":
+            return _check(recording, arguments.json)
         elif arguments.json:
             print(json.dumps(summary.as_object(Analysis(recording)), indent=2))
         else:

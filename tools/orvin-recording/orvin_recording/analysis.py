@@ -7,7 +7,8 @@ from dataclasses import dataclass, field
 
 from .reader import VERSIONS, Event, Recording
 
-TARGETS = {0x200: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
+ARM = 0x200
+TARGETS = {ARM: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
 SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the packet
 GO_BACK = 17
 ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device

@@ -27,6 +27,7 @@ class Event:
     """A call of the tool, or a callback. Times are microseconds since the recording began."""
 
     line: int
+    thread: int  # 0: unknown
     at: int
     took: int
     name: str  # of the call, or "TransferCallback", "BusChangeCallback"
@@ -108,17 +109,20 @@ def _events(line: int, entry: Fields, numbers: dict[int, str], by: list[int]) ->
     if "number" in entry:
         numbers[entry["number"]] = entry["device"]
         return []
+    thread = entry.get("thread", 1)
     at, took = _microseconds(entry["t"] * 1e6), _microseconds(entry.get("took", 0) * 1e6)
     if "acknowledged" in entry:
         by[:] = entry.get("by") or by
         times = [_microseconds(time) for time in accumulate(entry["after"], initial=at)][1:]
-        packet, answers = entry["acknowledged"], zip([numbers[number] for number in by], times, strict=True)
-        return [Event(line, t, 0, "TransferCallback", device, 0, packet, NO_FIELDS) for device, t in answers]
+        threads = [int(mark, 36) for mark in entry.get("threads", "").replace("?", "0")] or [thread] * len(by)
+        answers = zip(threads, times, [numbers[number] for number in by], strict=True)
+        packet = entry["acknowledged"]
+        return [Event(line, on, t, 0, "TransferCallback", device, 0, packet, NO_FIELDS) for on, t, device in answers]
     name = entry.get("call") or entry["callback"]
     is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
     device = entry.get("device") if is_about_bus else entry["device"]
     number = entry[NUMBER[name]] if name in NUMBER else 0
-    return [Event(line, at, took, name, device, entry.get("result", 0), number, entry)]
+    return [Event(line, thread, at, took, name, device, entry.get("result", 0), number, entry)]
 
 
 def _microseconds(time: float) -> int:

@@ -1,0 +1,221 @@
+"""Compares a recording with what the tool assumes of the bus libraries. Times are microseconds."""
+
+from dataclasses import dataclass, field
+from statistics import median, quantiles
+from typing import Any
+
+from .analysis import ARM, GO_BACK, printable
+from .reader import VERSIONS, Event, Recording
+
+MOST_MEMBERS = 63
+LONGEST_CALL = 1_000_000
+POLL = 1_000
+LATE_POLL = 2 * POLL
+LONGEST_POLL = 100 * POLL
+FOR_ALL = ":".join(["ff"] * 17)
+
+# By name: what is assumed, and what it means for an upgrade if it does not hold.
+ASSUMPTIONS = {
+    "returns": (
+        "every call returns, within 1 s",
+        "callbacks wait meanwhile; a call that never returns blocks the tool",
+    ),
+    "threads": ("callbacks come on the library's own threads", "one on the tool's thread changes its devices mid-step"),
+    "cleared": ("no callback comes after it was cleared", "the tool ignores it, but the library should not make it"),
+    "in_flight": (
+        "an acknowledgement is for the packet in flight",
+        "it counts for that one; the device may miss a packet",
+    ),
+    "once": ("a packet is acknowledged once each time", "the second one may count for the next packet"),
+    "repeats": ("a repeated packet is acknowledged again", "the device is dropped in this attempt for another's fault"),
+    "go_back": ("a request to go back names a packet that was sent", "the tool does not serve it"),
+    "results": ("a call returns 0, or a negative number if it fails", "the tool takes the result for a failure"),
+    "to_all": ("a packet to all devices returns -2", "the tool takes it for refused and ends the transfer"),
+    "known": ("a callback names a device that is known", "the tool ignores it"),
+    "unique": ("a listing has each device once, and not the identifier for all", "the tool counts a device twice"),
+    "most": (f"a bus has at most {MOST_MEMBERS} members", f"the tool sees the first {MOST_MEMBERS} only"),
+    "versions": ("versions change only by an update", "the tool may find a device new that is not, or passes it over"),
+    "reset": ("a restart shows as leaving and coming back, once each", "the tool waits longer, or asks too early"),
+    "forward": ("times run forward", "no time in this recording can be trusted"),
+    "polls": (f"a wait of 1 ms takes less than {LATE_POLL // 1000} ms", "each packet takes as much longer"),
+}
+MAY_BE_POSITIVE = "TalmApiOpen", "TalmApiGetBusMembers", "TalmApiIsTalm", "ImageTransfer_data"
+CALLBACK_OF = {"TalmApiSetCallback": "TransferCallback", "TalmApiSetBusChangeCallback": "BusChangeCallback"}
+
+
+@dataclass
+class Restart:
+    line: int  # of the start of the update
+    left: int = 0  # times
+    joined: int = 0
+
+
+@dataclass
+class Packet:
+    """The packet in flight."""
+
+    number: int = -1
+    sent: int = 0
+    answered: int = -1  # when a device last answered
+    acknowledged: set[str] = field(default_factory=set)  # by these devices
+
+
+class Check:
+    """`tried` has the names of the assumptions that the recording shows; `broken` the first line against each."""
+
+    def __init__(self, recording: Recording) -> None:
+        self.tried: set[str] = set()
+        self.broken: dict[str, tuple[int, str]] = {}
+        self.polls: list[int] = []  # how long those between two packets took
+        self._callers: dict[int, Event] = {}  # the last call of each thread
+        self._callback_threads: dict[int, int] = {}  # the first line of each
+        self._is_set: dict[str, bool] = {}
+        self._known: set[str] = set()
+        self._versions: dict[str, list[int]] = {}
+        self._restarts: dict[str, Restart] = {}
+        self._packet, self._highest = Packet(), -1
+        self._have: set[tuple[str, int]] = set()  # the packets that each device has acknowledged
+        self._owed: dict[tuple[str, int], int] = {}  # acknowledgements of repeated packets: the line of the packet
+        for event in recording.events:
+            device = event.device or ""
+            if event.name in CALLBACK_OF.values():
+                self._on_callback(event, device)
+            else:
+                self._on_call(event, device)
+            getattr(self, f"_on_{event.name}", self._ignore)(event, device)
+        self._end(recording.events[-1])
+
+    def _expect(self, name: str, holds: bool, line: int, what: str) -> None:
+        self.tried.add(name)
+        if not holds:
+            self.broken.setdefault(name, (line, what))
+
+    def _ignore(self, event: Event, device: str) -> None:
+        pass
+
+    def _on_call(self, call: Event, device: str) -> None:
+        self._expect("returns", call.took <= LONGEST_CALL, call.line, f"{call.name} took {call.took / 1e6:.1f} s")
+        before = self._callers.get(call.thread)
+        if before:
+            is_later = call.line > before.line and call.at >= before.at + before.took - 1  # rounded
+            self._expect("forward", is_later, call.line, f"{call.name} at {call.at / 1e6:.6f} s")
+        self._callers[call.thread] = call
+        allowed = call.result <= 0 or call.name in MAY_BE_POSITIVE
+        self._expect("results", allowed, call.line, f"{call.name} returned {call.result}")
+        if call.result >= 0 and device:
+            self._known.add(device)
+
+    def _on_callback(self, event: Event, device: str) -> None:
+        self._callback_threads.setdefault(event.thread, event.line)
+        self._expect("cleared", self._is_set.get(event.name, False), event.line, f"{event.name} of {device}")
+        self._expect("known", device in self._known, event.line, f"{event.name} of {device}")
+
+    def _on_TalmApiSetCallback(self, call: Event, _: str) -> None:
+        if call.result == 0:
+            self._is_set[CALLBACK_OF[call.name]] = call.fields.get("callback") == "set"
+        for (device, packet), line in self._owed.items():
+            self._expect("repeats", False, line, f"{device} did not acknowledge packet {packet} again")
+        self._packet, self._highest = Packet(), -1
+        self._have.clear()
+        self._owed.clear()
+
+    def _on_TalmApiSetBusChangeCallback(self, call: Event, _: str) -> None:
+        if call.result == 0:
+            self._is_set[CALLBACK_OF[call.name]] = call.fields.get("callback") == "set"
+        for device, restart in self._restarts.items():
+            is_whole = (restart.left, restart.joined) == (1, 1)
+            what = f"{device} left {restart.left} and came back {restart.joined} times"
+            self._expect("reset", is_whole, restart.line, what)
+        self._restarts.clear()
+
+    def _on_ImageTransfer_data(self, call: Event, _: str) -> None:
+        self._expect("to_all", call.result < 0, call.line, f"packet {call.number} returned {call.result}")
+        before = self._packet
+        is_next = call.number == before.number + 1 and call.at < before.sent + LONGEST_POLL  # else it waited
+        if is_next and before.sent <= before.answered < before.sent + POLL:
+            self.polls.append(call.at - before.sent)
+        if call.number <= self._highest:
+            self.tried.add("repeats")
+            self._owed |= {(device, number): call.line for device, number in self._have if number == call.number}
+        self._packet, self._highest = Packet(call.number, call.at), max(self._highest, call.number)
+
+    def _on_TransferCallback(self, event: Event, device: str) -> None:
+        packet, number = self._packet, event.number
+        packet.answered = event.at
+        if event.result == GO_BACK:
+            self._expect("go_back", number <= self._highest, event.line, f"{device} asked for packet {number}")
+        if event.result != 0:
+            return
+        what = f"{device} acknowledged packet {number}"
+        self._expect("in_flight", number == packet.number, event.line, f"{what}, not {packet.number}")
+        self._expect("once", device not in packet.acknowledged, event.line, f"{what} again")
+        packet.acknowledged.add(device)
+        self._have.add((device, number))
+        self._owed.pop((device, number), None)
+
+    def _on_TalmApiGetBusMembers(self, call: Event, _: str) -> None:
+        members = call.fields.get("members", [])
+        self._expect("most", call.result <= MOST_MEMBERS, call.line, f"{call.result} members")
+        is_unique = len({*members}) == len(members) and FOR_ALL not in members
+        self._expect("unique", is_unique, call.line, "one is listed twice, or is the identifier for all")
+        self._known.update(members)
+
+    def _on_OrvinInfo(self, call: Event, device: str) -> None:
+        versions = [call.fields.get(name, 0) for name in VERSIONS]
+        if call.result == 0 and call.fields.get("dsp") != 0:  # else the DSP is not up
+            before = self._versions.setdefault(device, versions)
+            self._expect(
+                "versions", versions == before, call.line, f"{device} has others than before, without an update"
+            )
+
+    def _on_OrvinImageMaintenance_start_update(self, call: Event, device: str) -> None:
+        self._versions.pop(device, None)
+        if call.result == 0 and call.fields.get("target") == ARM and self._is_set.get("BusChangeCallback"):
+            self._restarts[device] = Restart(call.line)
+
+    def _on_BusChangeCallback(self, event: Event, device: str) -> None:
+        restart = self._restarts.get(device)
+        if not restart:
+            self._expect("reset", False, event.line, f"{device} left or came back without a restart")
+        elif event.number == 0:
+            restart.joined += 1
+        else:
+            restart.left += 1
+
+    def _end(self, last: Event) -> None:
+        is_closed = last.name in ("TalmApiClose", "TalmApiInitialize", "TalmApiOpen")  # or has not begun
+        self._expect("returns", is_closed, last.line, "nothing follows: a call does not return, or the tool was killed")
+        for thread, line in self._callback_threads.items():
+            self._expect(
+                "threads", thread not in self._callers, line, f"a callback on thread {thread}, which makes calls"
+            )
+        if self.polls:
+            self._expect("polls", median(self.polls) < LATE_POLL, last.line, self._poll_times())
+
+    def _poll_times(self) -> str:
+        return (
+            f"median {median(self.polls) / 1e3:.2f} ms, 99 % {quantiles([*self.polls, POLL], n=100)[98] / 1e3:.2f} ms"
+        )
+
+    def as_objects(self) -> list[dict[str, Any]]:
+        return [self._object(name, *texts) for name, texts in ASSUMPTIONS.items()]
+
+    def _object(self, name: str, assumed: str, means: str) -> dict[str, Any]:
+        state = "broken" if name in self.broken else "kept" if name in self.tried else "not tried"
+        result: dict[str, Any] = {"name": name, "assumed": assumed, "state": state}
+        if name in self.broken:
+            line, what = self.broken[name]
+            result |= {"line": line, "shown": what, "means": means}
+        elif name == "polls" and self.polls:
+            result["shown"] = self._poll_times()
+        return result
+
+    def as_text(self) -> str:
+        return "\n".join(_line(result) for result in self.as_objects())
+
+
+def _line(result: dict[str, Any]) -> str:
+    line = f"{result['state']:11}{result['assumed']}"
+    if result["state"] == "broken":
+        return printable(f"{line}: line {result['line']}: {result['shown']}; {result['means']}")
+    return line + (f": {result['shown']}" if "shown" in result else "")
