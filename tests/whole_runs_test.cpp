@@ -2,6 +2,8 @@
 // what came of it: the exit status, and what happened in which order, as in support/timeline.h,
 // with VERSION for the tool's version. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes
 // the outcomes anew; read the difference before you commit it.
+//
+// A file of the same name in summaries/ has what orvin-recording tells of the run.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,7 @@
 
 #include "support/described_run.h"
 #include "support/files.h"
+#include "support/recording_tool.h"
 #include "support/timeline.h"
 
 namespace {
@@ -28,21 +31,41 @@ std::string storyOf(const ToolSetup& setup) {
     return text;
 }
 
-class WholeRun : public testing::TestWithParam<std::filesystem::directory_entry> {};
+using Texts = testing::TestWithParam<std::filesystem::directory_entry>;
+
+void expectText(const std::string& path, const std::string& text) {
+    if (std::getenv("ORVIN_UPDATE_EXPECTED") != nullptr) {
+        writeText(path, text);
+    }
+    EXPECT_EQ(text, readText(path));
+}
+
+std::string setUpOf(const std::filesystem::path& run) {
+    const std::string all = readText(run);
+    return all.substr(0, all.find("\n\n"));
+}
+
+class WholeRun : public Texts {};
 
 TEST_P(WholeRun, IsExactlyAsExpected) {
-    const std::string path = GetParam().path();
-    const std::string all = readText(path);
-    const std::string setup = all.substr(0, all.find("\n\n"));
-    const std::string outcome = setup + "\n\n" + storyOf(describedRun(setup));
-    if (std::getenv("ORVIN_UPDATE_EXPECTED") != nullptr) {
-        writeText(path, outcome);
-    }
-    EXPECT_EQ(outcome, readText(path));
+    const std::string setup = setUpOf(GetParam().path());
+    expectText(GetParam().path(), setup + "\n\n" + storyOf(describedRun(setup)));
+}
+
+class RecordingSummary : public Texts {};
+
+TEST_P(RecordingSummary, OfTheRunsRecordingIsExactlyAsExpected) {
+    const std::filesystem::path run = RUNS / GetParam().path().filename();
+    const ToolRun recorded = checkedRun(describedRun(setUpOf(run)));
+    expectText(GetParam().path(), askRecordingTool(recorded, "summary").output);
 }
 
 INSTANTIATE_TEST_SUITE_P(, WholeRun,
                          testing::ValuesIn(std::filesystem::directory_iterator(RUNS), {}),
+                         [](const auto& run) { return run.param.path().stem().string(); });
+
+INSTANTIATE_TEST_SUITE_P(, RecordingSummary,
+                         testing::ValuesIn(std::filesystem::directory_iterator(SUMMARIES), {}),
                          [](const auto& run) { return run.param.path().stem().string(); });
 
 }  // namespace

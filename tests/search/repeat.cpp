@@ -1,36 +1,19 @@
 #include "search/repeat.h"
 
-#include <cstdlib>
 #include <limits>
 #include <map>
 #include <optional>
 #include <set>
 
 #include "sim/bus_file/bus_file.h"
-#include "support/files.h"
+#include "support/recording_tool.h"
 
 namespace {
 
-struct Answer {
-    bool isWhole = false;
-    std::string output;
-    std::string complaint;
-};
-
-// Of `orvin-recording SUBCOMMAND` on a recording of the run.
-Answer ask(const ToolRun& run, const std::string& subcommand) {
-    static const TemporaryDirectory directory;
-    const std::string recording = directory / "recording";
-    writeText(recording, "{\"orvin-recording\":1}\n" + run.trace());
-    const std::string command = "'" ORVIN_RECORDING "' " + subcommand + ' ' + recording + " >" +
-                                directory / "output" + " 2>" + directory / "complaint";
-    const bool isWhole = std::system(command.c_str()) == 0;
-    return {isWhole, readText(directory / "output"), readText(directory / "complaint")};
-}
-
 // The bus that repeats the run; none if orvin-recording refuses.
 std::optional<sim::BusDescription> busOf(const ToolRun& run) {
-    const Answer answer = ask(run, "bus");  // complains of a session without an end, too
+    const RecordingAnswer answer =
+        askRecordingTool(run, "bus");  // complains of a session without an end, too
     const bool isRefused = answer.complaint.find("cannot be repeated") != std::string::npos;
     return isRefused ? std::nullopt
                      : std::optional(sim::describeBus(sim::parseBusFile(answer.output)));
@@ -79,7 +62,7 @@ std::vector<std::string> wrongAccusations(const Case& searched, const ToolRun& r
         expected.merge(brokenBy(fault));
     }
     std::vector<std::string> wrong;
-    for (const sim::Json& result : sim::Json::parse(ask(run, "check --json").output)) {
+    for (const sim::Json& result : sim::Json::parse(askRecordingTool(run, "check --json").output)) {
         if (result.at("state") == "broken" && expected.count(result.at("name")) == 0) {
             wrong.push_back("accused: " + result.dump());
         }
