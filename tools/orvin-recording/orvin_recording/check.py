@@ -1,5 +1,6 @@
 """Compares a recording with what the tool assumes of the bus libraries. Times are microseconds."""
 
+from collections import defaultdict
 from dataclasses import dataclass, field
 from statistics import median, quantiles
 from typing import Any
@@ -74,7 +75,7 @@ class Check:
         self._versions: dict[str, list[int]] = {}
         self._restarts: dict[str, Restart] = {}
         self._packet, self._highest = Packet(), -1
-        self._have: dict[str, int] = {}  # the highest packet that each device has acknowledged
+        self._have: defaultdict[int, set[str]] = defaultdict(set)  # the devices that acknowledged a packet
         self._owed: dict[tuple[str, int], int] = {}  # acknowledgements of repeated packets: the line of the packet
         for event in recording.events:
             device = event.device or ""
@@ -136,8 +137,7 @@ class Check:
             self.polls.append(call.at - before.sent)
         if call.number <= self._highest:
             self.tried.add("repeats")
-            having = (device for device, highest in self._have.items() if highest >= call.number)
-            self._owed |= {(device, call.number): call.line for device in having}
+            self._owed |= {(device, call.number): call.line for device in self._have[call.number]}
         self._packet, self._highest = Packet(call.number, call.at), max(self._highest, call.number)
 
     def _on_TransferCallback(self, event: Event, device: str) -> None:
@@ -151,7 +151,7 @@ class Check:
         self._expect("in_flight", number == packet.number, event.line, f"{what}, not {packet.number}")
         self._expect("once", device not in packet.acknowledged, event.line, f"{what} again")
         packet.acknowledged.add(device)
-        self._have[device] = max(number, self._have.get(device, number))
+        self._have[number].add(device)
         self._owed.pop((device, number), None)
 
     def _on_TalmApiGetBusMembers(self, call: Event, _: str) -> None:
