@@ -1,7 +1,6 @@
 #include "orvin-image/create.h"
 
 #include <iostream>
-#include <stdexcept>
 
 #include "common/firmware_descriptor.h"
 #include "common/replace_file.h"
@@ -12,54 +11,39 @@ namespace orvin_image {
 
 namespace {
 
-Bytes generate(const CreateOptions& options, std::uint32_t size) {
-    if (size < firmware::Descriptor::kSize) {
-        throw std::runtime_error("generated content has at least " +
-                                 std::to_string(firmware::Descriptor::kSize) +
-                                 " bytes: it begins with a descriptor");
-    }
-    if (size > kMaxContent) {
-        throw std::runtime_error("generated content has at most " + std::to_string(kMaxContent) +
-                                 " bytes: an image has less than 2 GiB");
-    }
-    return generateContent(options.target, options.version, size);
-}
-
 Bytes makeContent(const CreateOptions& options) {
+    const firmware::Descriptor descriptor{options.header.device, options.header.version};
     if (options.size) {
-        return generate(options, *options.size);
+        return generateContent(descriptor.target, descriptor.version, *options.size);
     }
     if (!options.addDescriptor) {
         return readContent(options.contentFile, kMaxContent, options.output);
     }
-    return withDescriptor(options.target, options.version,
-                          readContent(options.contentFile,
-                                      kMaxContent - firmware::Descriptor::kSize, options.output));
+    Bytes content =
+        readContent(options.contentFile, kMaxContent - firmware::Descriptor::kSize, options.output);
+    const auto bytes = descriptor.encode();
+    content.insert(content.begin(), bytes.begin(), bytes.end());
+    return content;
 }
 
 // Whether a simulated device would accept the content as this firmware.
-bool isFirmware(const Bytes& content, const CreateOptions& options) {
+bool isFirmware(const Bytes& content, const FirmwareImageHeader& header) {
     const auto descriptor = firmware::Descriptor::decode(content.data(), content.size());
-    return descriptor && descriptor->target == options.target &&
-           descriptor->version == options.version;
+    return descriptor && descriptor->target == header.device &&
+           descriptor->version == header.version;
 }
 
 }  // namespace
 
 void create(const CreateOptions& options) {
     const Bytes content = makeContent(options);
-    if (!isFirmware(content, options)) {
+    if (!isFirmware(content, options.header)) {
         std::cerr
             << "note: the content has no descriptor of this target and version, so a simulated "
                "device will not run it (see --add-descriptor)"
             << std::endl;
     }
-    FirmwareImageHeader header;
-    header.manufacturer = options.manufacturer;
-    header.device = options.target;
-    header.contentType = options.contentType;
-    header.version = options.version;
-    const Bytes image = encodeImage(header, content);
+    const Bytes image = encodeImage(options.header, content);
     if (!replaceFile(options.output, {reinterpret_cast<const char*>(image.data()), image.size()})) {
         failWithErrno(options.output, "cannot be written");
     }

@@ -5,14 +5,13 @@
 #include <optional>
 #include <string>
 
+#include "image/image_header.h"
+
 namespace orvin_image {
 
 struct CreateOptions {
     std::string output;
-    std::uint32_t target = 0;
-    std::uint32_t version = 0;
-    std::uint32_t manufacturer = 0;
-    std::uint32_t contentType = 0;
+    FirmwareImageHeader header;         // without the sizes and the checksum
     std::string contentFile;            // empty: generate the content
     std::optional<std::uint32_t> size;  // bytes to generate
     bool addDescriptor = false;

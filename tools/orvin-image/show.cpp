@@ -5,9 +5,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,7 +17,9 @@
 #include "image/firmware_image.h"
 #include "orvin-image/failure.h"
 #include "orvin-image/image_file.h"
-#include "orvin-image/version.h"
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(FirmwareImageHeader, headerSize, manufacturer, device,
+                                   contentType, contentSize, contentChecksum, version)
 
 namespace orvin_image {
 
@@ -29,7 +30,7 @@ struct Inspection {
     std::string path;
     std::optional<std::uintmax_t> fileSize;
     std::optional<FirmwareImageHeader> header;  // none if the header is incomplete
-    std::string refusal;                        // error text of the upgrade tool; empty: accepted
+    std::optional<std::string> refusal;         // error text of the upgrade tool; none: accepted
     std::optional<std::uint16_t> checksum;      // of the content of an accepted image
 
     bool sizesAddUp() const {
@@ -38,26 +39,8 @@ struct Inspection {
     }
 };
 
-// The length of the file; none if it does not exist. Throws for a file that would block or has no
-// length.
-std::optional<std::uintmax_t> measureFile(const std::string& path) {
-    std::error_code error;
-    const auto status = std::filesystem::status(path, error);
-    if (error) {
-        return std::nullopt;
-    }
-    if (status.type() == std::filesystem::file_type::directory) {
-        fail(path, "is a directory");
-    }
-    if (status.type() != std::filesystem::file_type::regular) {
-        fail(path, "is not a regular file");
-    }
-    const std::uintmax_t size = std::filesystem::file_size(path, error);
-    return error ? std::nullopt : std::optional(size);
-}
-
-// The header of a file that the reader refuses; none if the file is too short or cannot be opened.
-// Throws if the file cannot be read, which the reader reports like a short file.
+// None if the file is too short or cannot be opened. Throws if it cannot be read, which the upgrade
+// tool reports like a short file.
 std::optional<FirmwareImageHeader> readHeader(const std::string& path) {
     const FileDescriptor file(::open(path.c_str(), O_RDONLY));
     if (!file.isOpen()) {
@@ -88,17 +71,24 @@ Inspection inspect(const std::string& path) {
     Inspection found;
     found.path = path;
     found.fileSize = measureFile(path);
+    found.header = readHeader(path);
     ErrorInfo reason;
     FirmwareImage image(&reason);
-    if (!image.open(path)) {
-        found.header = readHeader(path);
+    if (image.open(path)) {
+        found.checksum = sumContent(image, path, reason);
+    } else {
         found.refusal = reason.message;
-        return found;
     }
-    found.header = image.getHeader();
-    found.checksum = sumContent(image, path, reason);
-    image.close();
     return found;
+}
+
+// A number for each byte; three if the highest byte is 0.
+std::string dotted(std::uint32_t version) {
+    std::string text = version >> 24U == 0 ? "" : std::to_string(version >> 24U) + '.';
+    for (const unsigned shift : {16U, 8U, 0U}) {
+        text += std::to_string(version >> shift & 0xffU) + (shift == 0 ? "" : ".");
+    }
+    return text;
 }
 
 std::string targetText(std::uint32_t device) {
@@ -120,11 +110,9 @@ void printHeader(const Inspection& found) {
             unsigned{*found.checksum});
     }
     printf("\nversion          0x%08x (%s)\n", header.version, dotted(header.version).c_str());
-    printf("sizes            %u + %u = %llu bytes, the file has %llu: %s\n", header.headerSize,
-           header.contentSize,
-           static_cast<unsigned long long>(header.headerSize) + header.contentSize,
-           static_cast<unsigned long long>(found.fileSize.value_or(0)),
-           found.sizesAddUp() ? "they add up" : "they do not add up");
+    printf("sizes            %u + %u = %ju bytes, the file has %ju: %s\n", header.headerSize,
+           header.contentSize, std::uintmax_t{header.headerSize} + header.contentSize,
+           found.fileSize.value_or(0), found.sizesAddUp() ? "they add up" : "they do not add up");
 }
 
 void printText(const Inspection& found) {
@@ -134,50 +122,34 @@ void printText(const Inspection& found) {
         printHeader(found);
     }
     std::fflush(stdout);  // the error comes last
-    if (!found.refusal.empty()) {
-        fprintf(stderr, "Error in '%s': %s\n", path.c_str(), found.refusal.c_str());
+    if (found.refusal) {
+        fprintf(stderr, "Error in '%s': %s\n", path.c_str(), found.refusal->c_str());
     }
-    if (found.fileSize.value_or(0) > kMaxContent + kHeaderSize) {
-        fprintf(stderr, "note: the file has %llu bytes, an image has at most %u\n",
-                static_cast<unsigned long long>(*found.fileSize), kMaxContent + kHeaderSize);
-    }
-    if (found.fileSize.value_or(kHeaderSize) < kHeaderSize) {
-        fprintf(stderr, "note: the file has %llu bytes, a header has %u\n",
-                static_cast<unsigned long long>(*found.fileSize), kHeaderSize);
+    const std::uintmax_t size = found.fileSize.value_or(kHeaderSize);
+    if (size < kHeaderSize || size > kMaxContent + kHeaderSize) {
+        fprintf(stderr, "note: the file has %ju bytes, an image has %u to %u\n", size, kHeaderSize,
+                kMaxContent + kHeaderSize);
     }
 }
 
 template <typename Value>
-nlohmann::ordered_json orNull(const std::optional<Value>& value) {
-    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
-
-nlohmann::ordered_json headerAsJson(const FirmwareImageHeader& header) {
-    return {{"headerSize", header.headerSize},   {"manufacturer", header.manufacturer},
-            {"device", header.device},           {"contentType", header.contentType},
-            {"contentSize", header.contentSize}, {"contentChecksum", header.contentChecksum},
-            {"version", header.version}};
+nlohmann::json orNull(const std::optional<Value>& value) {
+    return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
 }
 
 void printJson(const Inspection& found) {
-    nlohmann::ordered_json json;
-    json["file"] = found.path;
-    json["fileSize"] = orNull(found.fileSize);
-    json["accepted"] = found.refusal.empty();
-    json["refusal"] = nullptr;
-    if (!found.refusal.empty()) {
-        json["refusal"] = found.refusal;
-    }
-    json["header"] = nullptr;
+    nlohmann::json json = {{"file", found.path},
+                           {"fileSize", orNull(found.fileSize)},
+                           {"accepted", !found.refusal},
+                           {"refusal", orNull(found.refusal)},
+                           {"header", orNull(found.header)}};
     if (found.header) {
-        json["header"] = headerAsJson(*found.header);
         json["targetName"] = FirmwareImage::getTargetName(found.header->device);
         json["sizesAddUp"] = found.sizesAddUp();
         json["computedChecksum"] = orNull(found.checksum);
     }
     // A path may be invalid UTF-8.
-    std::cout << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
-              << std::endl;
+    std::cout << json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
 }  // namespace
@@ -189,7 +161,7 @@ int show(const std::string& path, bool asJson) {
     } else {
         printText(found);
     }
-    return found.refusal.empty() ? 0 : 1;
+    return found.refusal ? 1 : 0;
 }
 
 }  // namespace orvin_image
