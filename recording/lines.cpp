@@ -1,6 +1,6 @@
 #include "recording/lines.h"
 
-#include <algorithm>
+#include <array>
 #include <boost/crc.hpp>
 #include <charconv>
 #include <cstdio>
@@ -8,6 +8,7 @@
 #include <ctime>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "common/vanid_text.h"
 
@@ -15,101 +16,66 @@ namespace recording {
 
 namespace {
 
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
 using talm::Function;
 using talm::Signature;
 
-void appendNumber(std::string& text, std::int64_t number) {
-    char digits[24];
-    const char* const end = std::to_chars(digits, std::end(digits), number).ptr;
-    text.append(digits, static_cast<std::size_t>(end - digits));
-}
-
+// Acknowledgements are most of a recording, so they are written without the detour by JSON values.
 void appendItem(std::string& list, std::int64_t number) {
-    appendNumber(list, number);
-    list += ',';
+    char digits[24];
+    char* const end = std::to_chars(digits, std::end(digits), number).ptr;
+    list.append(digits, end) += ',';
 }
 
-// Formats microseconds as seconds.
-void appendTime(std::string& text, Microseconds time) {
-    constexpr Microseconds kSecond = 1'000'000;
-    appendNumber(text, time / kSecond);
-    const std::string digits = std::to_string(kSecond + time % kSecond);  // keeps leading zeros
-    text += '.' + digits.substr(1);
+double seconds(Microseconds time) {
+    return static_cast<double>(time) / 1e6;
 }
 
-// Appends fields to a line, separated by commas.
-class Fields {
-public:
-    explicit Fields(std::string& line) : text(line) {}
+// Replaces bytes that are not UTF-8.
+std::string textOf(const Json& line) {
+    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
-    void add(const char* name, std::int64_t number) {
-        begin(name);
-        appendNumber(text, number);
+void addNumbers(Json& line, const std::array<const char*, 5>& names,
+                const std::vector<std::int64_t>& numbers) {
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        line[names.at(i)] = numbers[i];
     }
-    // For text that needs no escapes.
-    void addPlain(const char* name, const std::string& plain) {
-        begin(name);
-        text += '"' + plain + '"';
-    }
-    // Replaces bytes that are not UTF-8.
-    void addJson(const char* name, const Json& json) {
-        begin(name);
-        text += json.dump(-1, ' ', false, Json::error_handler_t::replace);
-    }
-    void addTime(const char* name, Microseconds time) {
-        begin(name);
-        appendTime(text, time);
-    }
-    void addAll(const std::array<const char*, 5>& names, const std::vector<std::int64_t>& numbers) {
-        for (std::size_t i = 0; i < numbers.size(); ++i) {
-            add(names.at(i), numbers[i]);
-        }
-    }
+}
 
-private:
-    void begin(const char* name) {
-        text += text.back() == '{' ? "\"" : ",\"";
-        text += name;
-        text += "\":";
-    }
-
-    std::string& text;
-};
-
-void addContent(Fields& line, const std::string& content) {
+void addContent(Json& line, const std::string& content) {
     boost::crc_32_type crc;
     crc.process_bytes(content.data(), content.size());
     char sum[16];
     std::snprintf(sum, sizeof sum, "%08x", static_cast<unsigned>(crc.checksum()));
-    line.add("bytes", static_cast<std::int64_t>(content.size()));
-    line.addPlain("crc32", sum);
+    line["bytes"] = content.size();
+    line["crc32"] = sum;
 }
 
-void addOutcome(Fields& line, const Call& call) {
-    line.add("result", call.result);
-    line.addAll(talm::signatureOf(call.function).answer, call.answer);
+void addOutcome(Json& line, const Call& call) {
+    line["result"] = call.result;
+    addNumbers(line, talm::signatureOf(call.function).answer, call.answer);
     if (call.function == Function::OrvinInfo && !call.answer.empty()) {
-        line.addJson("name", call.name);
+        line["name"] = call.name;
     }
     if (call.function == Function::GetBusMembers) {
-        std::vector<std::string> members;
-        std::transform(call.members.begin(), call.members.end(), std::back_inserter(members),
-                       formatVanid);
-        line.addJson("members", members);
+        Json& members = line["members"] = Json::array();
+        for (const vanid_t& member : call.members) {
+            members.push_back(formatVanid(member));
+        }
     }
 }
 
-void addCall(Fields& line, const Call& call) {
+void addCall(Json& line, const Call& call) {
     const Signature& signature = talm::signatureOf(call.function);
-    line.addPlain(talm::isCallback(call.function) ? "callback" : "call", signature.name);
+    line[talm::isCallback(call.function) ? "callback" : "call"] = signature.name;
     if (call.device) {
-        line.addPlain("device", isBroadcastVanid(*call.device) ? "all" : formatVanid(*call.device));
+        line["device"] = isBroadcastVanid(*call.device) ? "all" : formatVanid(*call.device);
     }
     if (signature.text != nullptr) {
-        line.addJson(signature.text, call.text);
+        line[signature.text] = call.text;
     }
-    line.addAll(signature.given, call.given);
+    addNumbers(line, signature.given, call.given);
     if (!call.content.empty()) {
         addContent(line, call.content);
     }
@@ -124,11 +90,13 @@ char threadMark(std::uint32_t thread) {
     return thread < sizeof kMarks - 1 ? kMarks[thread] : '?';
 }
 
-void addBeginning(Fields& line, const Moment& moment, bool withThread) {
-    line.addTime("t", moment.at);
+Json beginningOf(const Moment& moment, bool withThread) {
+    Json line;
+    line["t"] = seconds(moment.at);
     if (withThread && moment.thread != 1) {
-        line.add("thread", moment.thread);
+        line["thread"] = moment.thread;
     }
+    return line;
 }
 
 // Empty if /proc is not available.
@@ -148,16 +116,22 @@ std::vector<std::string> commandLine() {
     return arguments;
 }
 
+// The version of the format and, unless it is empty, the invocation.
+Json headerOf(const std::string& invocation) {
+    constexpr int kVersion = 1;
+    Json line;
+    line["orvin-recording"] = kVersion;
+    if (!invocation.empty()) {
+        line["invocation"] = invocation;
+    }
+    return line;
+}
+
 }  // namespace
 
 std::string Lines::beginningOfHeader(const std::string& invocation) {
-    constexpr int kVersion = 1;
-    std::string beginning = "{";
-    Fields line(beginning);
-    line.add("orvin-recording", kVersion);
-    if (!invocation.empty()) {
-        line.addJson("invocation", invocation);
-    }
+    std::string beginning = textOf(headerOf(invocation));
+    beginning.pop_back();  // the brace
     return beginning;
 }
 
@@ -165,11 +139,10 @@ void Lines::addHeader(const std::string& invocation) {
     const std::time_t now = std::time(nullptr);
     char started[32];
     std::strftime(started, sizeof started, "%FT%TZ", std::gmtime(&now));
-    text += beginningOfHeader(invocation);
-    Fields line(text);
-    line.addPlain("started", started);
-    line.addJson("command", commandLine());
-    text += "}\n";
+    Json line = headerOf(invocation);
+    line["started"] = started;
+    line["command"] = commandLine();
+    text += textOf(line) + '\n';
 }
 
 void Lines::add(const Moment& moment, const Call& call) {
@@ -178,14 +151,12 @@ void Lines::add(const Moment& moment, const Call& call) {
         return;
     }
     finishAcknowledgements();
-    text += '{';
-    Fields line(text);
-    addBeginning(line, moment, true);
+    Json line = beginningOf(moment, true);
     addCall(line, call);
     if (moment.took != 0 && !talm::isCallback(call.function)) {
-        line.addTime("took", moment.took);
+        line["took"] = seconds(moment.took);
     }
-    text += "}\n";
+    text += textOf(line) + '\n';
 }
 
 void Lines::addAcknowledgement(const Moment& moment, const vanid_t& device, std::uint32_t packet) {
@@ -215,11 +186,8 @@ std::uint32_t Lines::numberOf(const vanid_t& device) {
     lastDevice = devices.size();
     devices.push_back(device);
     const auto number = static_cast<std::uint32_t>(devices.size());
-    text += '{';
-    Fields line(text);
-    line.add("number", number);
-    line.addPlain("device", formatVanid(device));
-    text += "}\n";
+    const Json line = {{"number", number}, {"device", formatVanid(device)}};
+    text += textOf(line) + '\n';
     return number;
 }
 
@@ -227,16 +195,17 @@ void Lines::finishAcknowledgements() {
     if (pending.by.empty()) {
         return;
     }
+    Json line = beginningOf(pending.first, pending.oneThread);
+    line["acknowledged"] = pending.packet;
+    if (!pending.oneThread) {
+        line["threads"] = pending.threads;
+    }
+    text += textOf(line);
+    text.pop_back();        // the brace
     pending.by.pop_back();  // the trailing comma
     pending.after.pop_back();
-    text += '{';
-    Fields line(text);
-    addBeginning(line, pending.first, pending.oneThread);
-    line.add("acknowledged", pending.packet);
     text += pending.by == lastBy ? "" : ",\"by\":[" + pending.by + ']';
-    text += ",\"after\":[" + pending.after + ']';
-    text += pending.oneThread ? "" : ",\"threads\":\"" + pending.threads + '"';
-    text += "}\n";
+    text += ",\"after\":[" + pending.after + "]}\n";
     lastBy.swap(pending.by);
     for (std::string* const list : {&pending.by, &pending.after, &pending.threads}) {
         list->clear();

@@ -15,6 +15,7 @@
 #include <exception>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 
 namespace recording {
 
@@ -42,10 +43,6 @@ private:
 
 constexpr mode_t kMode = 0666;  // before the umask
 
-[[noreturn]] void failWithErrno(const char* what) {
-    throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
-}
-
 }  // namespace
 
 void complain(const std::string& line) {
@@ -66,7 +63,7 @@ Recording::Recording(const std::string& pathOfFile, const std::string& invocatio
       // O_NONBLOCK: opening a pipe does not wait for a reader. Writing may block.
       file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, kMode)) {
     if (!file.isOpen()) {
-        failWithErrno("cannot be opened");
+        throw std::system_error(errno, std::generic_category(), "cannot be opened");
     }
     if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         throw std::runtime_error("another run is being recorded in it");
@@ -100,7 +97,7 @@ void Recording::emptyUnlessBegunBy(const std::string& invocation) const {
     const ssize_t count = ::read(reader.get(), found.data(), found.size());
     const bool isSame = count == static_cast<ssize_t>(expected.size()) && found == expected;
     if (!isSame && ftruncate(file.get(), 0) != 0) {
-        failWithErrno("cannot be emptied");
+        throw std::system_error(errno, std::generic_category(), "cannot be emptied");
     }
 }
 
