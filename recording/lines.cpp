@@ -207,11 +207,7 @@ void Lines::finishAcknowledgements() {
     text += pending.by == lastBy ? "" : ",\"by\":[" + pending.by + ']';
     text += ",\"after\":[" + pending.after + "]}\n";
     lastBy.swap(pending.by);
-    for (std::string* const list : {&pending.by, &pending.after, &pending.threads}) {
-        list->clear();
-    }
-    pending.oneThread = true;
-    pending.timesLeft = 0;
+    pending = {};
 }
 
 std::string Lines::take(bool isLast) {
