@@ -1,23 +1,18 @@
-// The smallest program that can do a transfer: it sends the packets from memory, polls as the tool
+// The smallest program that can do a transfer: it sends packets from memory, polls as the tool
 // does, and does nothing else. The tool is measured against it.
 //
-//     baseline CONNECTION IMAGE
+//     baseline CONNECTION PACKETS
+//
+// The connection begins with the number of devices, as measured_bus.cpp has it.
 
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
-#include <list>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <cstdlib>
 
-#include "bus/bus_members.h"
-#include "core/bus_session.h"
-#include "core/error_info.h"
-#include "image/firmware_image.h"
-#include "transfer/timer_slack.h"
-#include "transfer/transfer_primitives.h"
+#include "talm/talm_api.h"
 
 namespace {
 
@@ -30,51 +25,29 @@ void countAcknowledgement(std::int32_t result, void*, vanid_t, vanid_t, std::uin
     }
 }
 
-void setCallback(const BusSession& session, TransferCallback callback) {
-    const CallbackSlot slot{reinterpret_cast<void (*)()>(callback), nullptr};
-    TalmApiSetCallback(session.handle, 2, 255, 2, &slot, 0);
-}
-
-void send(const BusSession& session, std::size_t devices, FirmwareImage& image) {
-    std::vector<std::uint8_t> content(image.getHeader().contentSize);
-    image.seek(0);
-    if (image.read(content.data(), content.size()) < 0) {
-        throw std::runtime_error("the image cannot be read");
-    }
-    // To all devices, so the library does not answer as it answers to one.
-    static_cast<void>(initializeTransfer(session, broadcastVanid, image.getHeader()));
-    setCallback(session, countAcknowledgement);
-    const TimerSlack slack;  // the same waits as the tool's
-    const std::size_t packets = content.size() / ImageChunkSize;
-    for (std::size_t packet = 0; packet < packets; ++packet) {
-        if (sendChunk(session, broadcastVanid, &content[packet * ImageChunkSize],
-                      static_cast<std::uint32_t>(packet)) != kSentToAll) {
-            throw std::runtime_error("the bus refused a packet");
-        }
+void send(TalmApiHandle handle, std::uint64_t devices, std::uint32_t packets) {
+    const std::uint8_t content[64] = {};
+    for (std::uint32_t packet = 0; packet < packets; ++packet) {
+        std::uint32_t outputs[2];
+        ImageTransfer_data(handle, {}, packet, content, &outputs[0], &outputs[1]);
         while (acknowledged.load(std::memory_order_acquire) < devices * (packet + 1)) {
             usleep(1'000);
         }
     }
-    setCallback(session, nullptr);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) try {
-    BusSession session;
-    ErrorInfo error;
-    FirmwareImage image(&error);
-    session.handle = TalmApiInitialize();
-    if (argc != 3 || TalmApiOpen(session.handle, argv[1], 0) != 0 || !image.open(argv[2])) {
-        throw std::runtime_error("usage: baseline CONNECTION IMAGE");
+int main(int argc, char** argv) {
+    const TalmApiHandle handle = TalmApiInitialize();
+    if (argc != 3 || TalmApiOpen(handle, argv[1], 0) != 0) {
+        std::fprintf(stderr, "usage: baseline CONNECTION PACKETS\n");
+        return 1;
     }
-    std::list<std::string> devices;
-    describeBusMembers(session, devices, kOrvinsOnly);
-    send(session, devices.size(), image);
-    TalmApiCleanup(session.handle);
-    TalmApiClose(session.handle);
+    const CallbackSlot slot{reinterpret_cast<void (*)()>(countAcknowledgement), nullptr};
+    TalmApiSetCallback(handle, 2, 255, 2, &slot, 0);
+    send(handle, std::strtoull(argv[1], nullptr, 10),
+         static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, 10)));
+    TalmApiClose(handle);
     return 0;
-} catch (const std::exception& error) {
-    std::fprintf(stderr, "baseline: %s\n", error.what());
-    return 1;
 }

@@ -69,8 +69,10 @@ class Benchmark:
 
     def transfer(self, sender: str, devices: int, delays: tuple[int, int], packets: int) -> list[str]:
         """The command for it; the sender is the tool or the baseline."""
-        program = [self.tool, "-B", "-c"] if sender == "tool" else [self.baseline]
-        return [*program, f"{devices},{delays[0]},{delays[1]}", self.image(packets)]
+        connection = f"{devices},{delays[0]},{delays[1]}"
+        if sender == "baseline":
+            return [self.baseline, connection, str(packets)]
+        return [self.tool, "-B", "-c", connection, self.image(packets)]
 
     def instructions(self, command: Sequence[str], *toggles: str, from_start: bool = True, **environment: str) -> int:
         """The program's. Each call of a function among the toggles switches the counting off, or on again."""
