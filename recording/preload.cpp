@@ -85,10 +85,11 @@ Signature* find(const char* name) {
 
 #define NEXT(function) static auto* const next = find<decltype(function)>(#function)
 
-// Executes the call and records it; `fillIn` adds its arguments and outputs.
-template <typename CarryOut, typename FillIn>
-int pass(Function function, const std::optional<vanid_t>& device, CarryOut carryOut,
-         FillIn fillIn) {
+// Executes the call and records it; `fillIn` adds its arguments and outputs, if there are any.
+template <typename CarryOut, typename FillIn = void (*)(Call&)>
+int pass(
+    Function function, const std::optional<vanid_t>& device, CarryOut carryOut,
+    FillIn fillIn = [](Call&) {}) {
     std::call_once(started, start);
     const Microseconds at = now();
     const int result = carryOut();
@@ -100,12 +101,6 @@ int pass(Function function, const std::optional<vanid_t>& device, CarryOut carry
         recording.append({at, took, recording::threadNumber()}, call);
     });
     return result;
-}
-
-// A call that has nothing to add.
-template <typename CarryOut>
-int pass(Function function, const std::optional<vanid_t>& device, CarryOut carryOut) {
-    return pass(function, device, carryOut, [](Call&) {});
 }
 
 // ---- callbacks ----
