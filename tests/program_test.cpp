@@ -235,7 +235,7 @@ print(round(sum(times) - run["seconds"], 3) == 0, [row["go_back"] >= .003 for ro
     for (const auto& [edit, broken] :
          {std::pair{"", "[]"},
           {"$d", "['returns']"},
-          {"/check_image/s/\\(\"took\":\\)[0-9.]*/\\12.5/", "['forward', 'returns']"},
+          {"/check_image/s/\\(\"took\":\\)[0-9.e-]*/\\12.5/", "['forward', 'returns']"},
           {"/write_request/s/\"result\":0/\"result\":5/", "['results']"},
           {"/start_update/s/\"target\":512/\"target\":513/", "['reset']"},
           {"/\"acknowledged\":1,/p", "['once']"},
