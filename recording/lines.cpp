@@ -84,17 +84,19 @@ void addCall(Json& line, const Call& call) {
     }
 }
 
+constexpr std::uint32_t kUsualThread = 1;  // the tool's; a line does not name it
+
 // One character for each thread keeps the line short.
 char threadMark(std::uint32_t thread) {
     constexpr char kMarks[] = "0123456789abcdefghijklmnopqrstuvwxyz";
     return thread < sizeof kMarks - 1 ? kMarks[thread] : '?';
 }
 
-Json beginningOf(const Moment& moment, bool withThread) {
+Json beginningOf(Microseconds at, std::uint32_t thread) {
     Json line;
-    line["t"] = seconds(moment.at);
-    if (withThread && moment.thread != 1) {
-        line["thread"] = moment.thread;
+    line["t"] = seconds(at);
+    if (thread != kUsualThread) {
+        line["thread"] = thread;
     }
     return line;
 }
@@ -151,7 +153,7 @@ void Lines::add(const Moment& moment, const Call& call) {
         return;
     }
     finishAcknowledgements();
-    Json line = beginningOf(moment, true);
+    Json line = beginningOf(moment.at, moment.thread);
     addCall(line, call);
     if (moment.took != 0 && !talm::isCallback(call.function)) {
         line["took"] = seconds(moment.took);
@@ -195,7 +197,8 @@ void Lines::finishAcknowledgements() {
     if (pending.by.empty()) {
         return;
     }
-    Json line = beginningOf(pending.first, pending.oneThread);
+    Json line =
+        beginningOf(pending.first.at, pending.oneThread ? pending.first.thread : kUsualThread);
     line["acknowledged"] = pending.packet;
     if (!pending.oneThread) {
         line["threads"] = pending.threads;

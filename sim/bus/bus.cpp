@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "common/firmware_target.h"
+#include "common/transfer_result.h"
 #include "common/vanid_text.h"
 
 namespace sim {
@@ -300,7 +301,7 @@ void Bus::requestGoBack(const vanid_t& id, std::uint32_t packet) {
         }
         device->discardFrom(packet);
     }
-    reportTransferResult(id, PacketAnswer{0, kGoBackResult, packet});
+    reportTransferResult(id, PacketAnswer{0, kGoBack, packet});
 }
 
 void Bus::interrupt(const vanid_t& id, Microseconds duration) {

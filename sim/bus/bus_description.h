@@ -17,10 +17,6 @@
 
 namespace sim {
 
-// Transfer results that are not faults.
-constexpr std::int32_t kReceivedResult = 0;
-constexpr std::int32_t kGoBackResult = 17;
-
 // Selects packets or calls by their number, counted from 1.
 struct Selection {
     bool all = false;

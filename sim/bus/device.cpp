@@ -5,6 +5,7 @@
 #include "common/firmware_checksum.h"
 #include "common/firmware_descriptor.h"
 #include "common/firmware_target.h"
+#include "common/transfer_result.h"
 
 namespace sim {
 
@@ -89,7 +90,7 @@ PacketAnswers Device::receive(std::uint32_t number, const std::uint8_t* bytes, M
         return {{usualDelay, kNotPartOfImage, number}};
     }
     keepPacket(number, bytes);
-    const PacketAnswer usual{usualDelay, kReceivedResult, number};
+    const PacketAnswer usual{usualDelay, kPacketReceived, number};
     return fault == nullptr ? PacketAnswers{usual} : answerWith(*fault, usual);
 }
 
@@ -97,10 +98,10 @@ PacketAnswers Device::repeatAnswers(std::uint32_t number, const std::uint8_t* by
     PacketAnswers answers = description.replay->packets[packetsRepeated++];
     for (PacketAnswer& answer : answers) {
         answer.packet = answer.packet.value_or(number);
-        if (answer.result == kReceivedResult && answer.packet == number && expects(number)) {
+        if (answer.result == kPacketReceived && answer.packet == number && expects(number)) {
             keepPacket(number, bytes);
         }
-        if (answer.result == kGoBackResult) {
+        if (answer.result == kGoBack) {
             discardFrom(*answer.packet);
         }
     }
@@ -164,7 +165,7 @@ PacketAnswers Device::answerWith(const PacketFault& fault, const PacketAnswer& u
         answer.result = static_cast<std::int32_t>(fault.value);
         break;
     case PacketFault::Kind::GoBack:
-        answer = {usual.delay, kGoBackResult, static_cast<std::uint32_t>(fault.value)};
+        answer = {usual.delay, kGoBack, static_cast<std::uint32_t>(fault.value)};
         discardFrom(*answer.packet);
         break;
     case PacketFault::Kind::Late:

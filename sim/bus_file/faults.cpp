@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "common/transfer_result.h"
 #include "sim/bus_file/bus_file_error.h"
 #include "sim/bus_file/values.h"
 
@@ -114,7 +115,7 @@ PacketFault readNumberedFault(const Json& json, const std::string& place,
     fault.number = read32(fields, "at", 0);
     fault.times = list.always ? std::nullopt : readTimes(fields);
     if (fault.kind == PacketFault::Kind::Result &&
-        (fault.value == kReceivedResult || fault.value == kGoBackResult)) {
+        (fault.value == kPacketReceived || fault.value == kGoBack)) {
         throw BusFileError(fields.placeOf(list.valueName) + ": 0 and 17 are no faults");
     }
     fields.finish();

@@ -1,6 +1,7 @@
 // What the bus library reports to the group, on threads of its own, and the removal of devices that
 // it does not hear from.
 
+#include "common/transfer_result.h"
 #include "core/bus_session.h"
 #include "core/console.h"
 #include "core/sleep.h"
@@ -8,8 +9,6 @@
 
 namespace {
 
-constexpr std::int32_t kPacketReceived = 0;
-constexpr std::int32_t kGoBack = 17;
 constexpr std::uint32_t kMemberJoined = 0;
 
 // A device that never lets the others pass a packet would hold them up for ever. One that recovers

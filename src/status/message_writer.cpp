@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
+#include "common/file_descriptor.h"
 #include "core/console.h"
 
 MessageWriter* MessageWriter::theInstance = nullptr;
@@ -19,9 +21,9 @@ constexpr char kTemporaryFileTemplate[] = "/tmp/talmfwXXXXXX";
 
 // Writes the message with one call and closes the file in any case. False, with the reason printed,
 // when the file did not take the whole message.
-bool writeAndClose(int file, const std::string& message) {
-    const ssize_t written = write(file, message.data(), message.size());
-    close(file);
+bool writeAndClose(FileDescriptor file, const std::string& message) {
+    const ssize_t written = write(file.get(), message.data(), message.size());
+    file.close();
     if (written < 0) {
         printLine("Error at write message: %s", strerror(errno));
         return false;
@@ -77,13 +79,13 @@ void MessageWriter::write(const std::string& message) {
 void MessageWriter::replaceMessageFile(const std::string& message) {
     char temporaryFile[sizeof kTemporaryFileTemplate];
     memcpy(temporaryFile, kTemporaryFileTemplate, sizeof kTemporaryFileTemplate);
-    const int file = mkstemp(temporaryFile);
-    if (file < 0) {
+    FileDescriptor file(mkstemp(temporaryFile));
+    if (!file.isOpen()) {
         printLine("Could not create temporary file %s: %s", temporaryFile, strerror(errno));
         return;
     }
     // After a failed write the temporary file stays behind, to be looked at.
-    if (!writeAndClose(file, message)) {
+    if (!writeAndClose(std::move(file), message)) {
         return;
     }
     if (rename(temporaryFile, messageFile.c_str()) != 0) {

@@ -3,6 +3,7 @@
 
 #include "search/interleaving.h"
 
+#include "common/transfer_result.h"
 #include "common/vanid_text.h"
 
 namespace {
@@ -60,7 +61,7 @@ std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
             [=](sim::Bus& bus) { bus.reportBusChange(id, 0); });
         if (!acquisition.packet) {
             add(device, Harm::None, "goes back late", [=](sim::Bus& bus) {
-                bus.reportTransferResult(id, {0, sim::kGoBackResult, 0});
+                bus.reportTransferResult(id, {0, kGoBack, 0});
             });
         }
     }
