@@ -38,33 +38,44 @@ def _complain(file: str, what: object) -> None:
     print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
 
 
-def _check(recording: reader.Recording, as_json: bool) -> int:
-    check = Check(recording)
-    print(json.dumps(check.as_objects(), indent=2) if as_json else check.as_text(), flush=True)
-    return BROKEN if check.broken else 0
+def _show(recording: reader.Recording, arguments: argparse.Namespace) -> tuple[str, int]:
+    """The output, and the exit status."""
+    if arguments.subcommand == "check":
+        check = Check(recording)
+        text = json.dumps(check.as_objects(), indent=2) if arguments.json else check.as_text()
+        return text, BROKEN if check.broken else 0
+    if arguments.subcommand == "bus":
+        text = bus.as_text(recording)
+    elif arguments.subcommand == "plot":
+        text = plot.as_text(Analysis(recording))
+    elif arguments.json:
+        text = json.dumps(summary.as_object(Analysis(recording)), indent=2)
+    else:
+        text = summary.as_text(Analysis(recording))
+    return text, DAMAGED if recording.problem else 0
+
+
+def _write(text: str, arguments: argparse.Namespace) -> None:
+    if arguments.subcommand == "plot":
+        plot.write(text, arguments.output)
+        return
+    if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
+        raise OSError("closed")
+    sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
+    print(text, flush=True)
 
 
 def _run(arguments: argparse.Namespace) -> int:
     file = arguments.recording
     try:
-        recording = reader.read(file)
-        if recording.problem:
-            _complain(file, recording.problem)
+        recording = reader.Recording(file)
+        try:
+            text, status = _show(recording, arguments)
+        finally:
+            if recording.problem:
+                _complain(file, recording.problem)
         file = getattr(arguments, "output", "standard output")
-        if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
-            raise OSError("closed")
-        sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
-        if arguments.subcommand == "bus":
-            bus.write(recording, sys.stdout)
-        elif arguments.subcommand == "plot":
-            plot.write(Analysis(recording), arguments.output)
-        elif arguments.subcommand == "check":
-            return _check(recording, arguments.json)
-        elif arguments.json:
-            print(json.dumps(summary.as_object(Analysis(recording)), indent=2))
-        else:
-            print(summary.as_text(Analysis(recording)))
-        sys.stdout.flush()
+        _write(text, arguments)
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
         return FAILED
@@ -74,7 +85,7 @@ def _run(arguments: argparse.Namespace) -> int:
     except bus.CannotBeRepeated as error:
         _complain(arguments.recording, "line {}: cannot be repeated: {}".format(*error.args))
         return DAMAGED
-    return DAMAGED if recording.problem else 0
+    return status
 
 
 def main(version: str) -> int:

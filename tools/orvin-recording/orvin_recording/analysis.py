@@ -1,16 +1,18 @@
 """Shares out the time of a run to the devices that the tool waits for, and the tool itself. Times are microseconds."""
 
-from array import array
 from collections import Counter, defaultdict
 from collections.abc import Collection
 from dataclasses import dataclass, field
 
-from .reader import VERSIONS, Event, Recording
+from .reader import VERSIONS, Acknowledgements, Event, Recording
 
 ARM = 0x200
 TARGETS = {ARM: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
 SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the packet
 GO_BACK = 17
+FINE = 10_000  # longer times are rounded to tenths of a millisecond
+MOST_MARKS = 4_000  # of a kind that lasts for a moment; then they are merged, two and two
+MOMENTS = "resend", "go_back", "fault"
 ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device
 LINK, TRANSFER, RETURN = "waiting for the link", "transferring", "waiting for the return"
 PHASE_OF_CALL = {
@@ -42,6 +44,18 @@ class Mark:
     begin: int
     end: int
     text: str
+    count: int = 1
+
+
+def percentile(histogram: Counter[int], part: int) -> int:
+    """The value below which that part of the values lies, in percent."""
+    left = (histogram.total() - 1) * part // 100
+    values = iter(sorted(histogram))
+    value = next(values)
+    while left >= histogram[value]:
+        left -= histogram[value]
+        value = next(values)
+    return value
 
 
 @dataclass(eq=False)
@@ -51,8 +65,7 @@ class Device:
     name: str = ""
     before: dict[str, int] = field(default_factory=dict)  # versions, by the names that OrvinInfo has for them
     after: dict[str, int] = field(default_factory=dict)
-    acknowledged: "array[int]" = field(default_factory=lambda: array("q"))  # when
-    needed: "array[int]" = field(default_factory=lambda: array("q"))  # for that, from the sending of the packet
+    needed: Counter[int] = field(default_factory=Counter)  # times from the sending of a packet to its acknowledgement
     # What else happened, by kind: resend, go_back, fault, removed, check, install, away, joined.
     marks: defaultdict[str, list[Mark]] = field(default_factory=lambda: defaultdict(list))
     cost: defaultdict[str, float] = field(default_factory=lambda: defaultdict(float))  # time of the run, by column
@@ -69,8 +82,15 @@ class Device:
         return sum(self.cost.values())
 
     def mark(self, kind: str, begin: int, end: int, text: str) -> Mark:
-        self.marks[kind].append(Mark(begin, end, text))
-        return self.marks[kind][-1]
+        marks = self.marks[kind]
+        marks.append(Mark(begin, end, text))
+        if kind in MOMENTS and len(marks) == MOST_MARKS:
+            both = zip(marks[::2], marks[1::2], strict=True)
+            marks[:] = [Mark(a.begin, b.end, a.text, a.count + b.count) for a, b in both]
+        return marks[-1]
+
+    def count(self, kind: str) -> int:
+        return sum(mark.count for mark in self.marks[kind])
 
     def turn(self, at: int, kind: str = "", text: str = "") -> None:
         """Begins an installation or an absence of the device, or ends it, if the kind is empty."""
@@ -96,7 +116,7 @@ class Analysis:
         self.recording = recording
         self.devices = _upgraded(recording)
         self.tool = Device("", "the tool")  # its cost is by step; stands for calls to all devices or to none
-        self.end = max(event.at + event.took for event in recording.events)
+        self.end = 0
         self.phases = [Phase(LINK, LINK, 0)]
         self._clock = 0  # what is before is shared out
         self._waited: set[Device] = set()  # those that the tool waits for
@@ -108,14 +128,46 @@ class Analysis:
         self._sent, self._is_resent = 0, False  # when the packet in flight was first sent
         self._back: tuple[int, Device] | None = None  # the lowest packet that a device asked for, until it is made up
         self._requests: Counter[Device] = Counter()  # to go back, without progress
-        for event in recording.events:
-            self._follow(event, self.devices.get(event.device or "", self.tool))
+        self._batch: tuple[list[str], list[Device], set[Device]] = [], [], set()  # the last names, and their devices
+        for event in recording.events():
+            if isinstance(event, Acknowledgements):
+                self._follow_acknowledgements(event)
+            else:
+                self._follow(event, self._device(event.device))
         self._spend(self.end, self._waited)
         self.phases[-1].end = self.end
         for device in self.devices.values():
             device.turn(self.end)
 
+    def _device(self, name: str | None) -> Device:
+        return self.devices.get(name or "", self.tool)
+
+    def _follow_acknowledgements(self, batch: Acknowledgements) -> None:
+        """The same as one after the other, but fast for devices that the tool waits for."""
+        if batch.devices is not self._batch[0]:
+            devices = [self._device(name) for name in batch.devices]
+            self._batch = batch.devices, devices, {*devices}
+        _, devices, different = self._batch
+        is_expected = self.phases[-1].name == TRANSFER and batch.number == self._packet and different <= self._waited
+        if not is_expected or len(different) < len(devices):
+            for event in batch.events():
+                self._follow(event, self._device(event.device))
+            return
+        self._waited -= different
+        times = batch.times
+        if times[1:]:
+            self._spend(times[-2], [])
+        self._spend(times[-1], [] if self._waited else devices[-1:])
+        self.end = max(self.end, times[-1])
+        for device, at in zip(devices, times):
+            device.needed[self._since_sent(at)] += 1
+
+    def _since_sent(self, at: int) -> int:
+        time = at - self._sent
+        return time if time < FINE else round(time, -2)
+
     def _follow(self, event: Event, device: Device) -> None:
+        self.end = max(self.end, event.at + event.took)
         if event.name == "TransferCallback":
             self._answer(event, device)
             return
@@ -148,7 +200,7 @@ class Analysis:
         phase.end = event.at
         self._end_packet(event.at)
         self._back = None
-        if phase.name == RETURN and not self.recording.damaged:  # else it may only lack the answer
+        if phase.name == RETURN and not self.recording.first_damaged:  # else it may only lack the answer
             for device in [device for device in self._receivers if not device.answered]:
                 self._drop(device, event.at, "not back")
         attempt = "" if name == "closing" else phase.title[: -len(phase.name)]
@@ -200,7 +252,7 @@ class Analysis:
 
     def _end_packet(self, at: int) -> None:
         """The tool goes on, without those that have not answered a packet that was sent again."""
-        for device in [*self._waited] if self._is_resent and not self.recording.damaged else []:
+        for device in [*self._waited] if self._is_resent and not self.recording.first_damaged else []:
             self._drop(device, at, f"silent, packet {self._packet}")
         self._waited, self._is_resent = set(), False
 
@@ -211,14 +263,12 @@ class Analysis:
             self._waited.discard(device)
             self._spend(event.at, [] if self._waited else [device])
             if event.result == 0 and event.number == self._packet:
-                device.needed.append(event.at - self._sent)
-        if event.result == 0:
-            device.acknowledged.append(event.at)
-        elif event.result == GO_BACK:
+                device.needed[self._since_sent(event.at)] += 1
+        if event.result == GO_BACK:
             device.mark("go_back", event.at, event.at, f"asks for packet {event.number}")
             if in_flight and event.number < self._next:
                 self._go_back(event, device)
-        else:
+        elif event.result != 0:
             device.mark("fault", event.at, event.at, f"result {event.result}, packet {event.number}")
             self._drop(device, event.at, f"fault {event.result}")
 
@@ -261,7 +311,7 @@ class Analysis:
 
 def _upgraded(recording: Recording) -> dict[str, Device]:
     """The devices that the tool asks for versions or sends an image, with identifiers that are short but different."""
-    calls = [event for event in recording.events if event.name in ("OrvinInfo", "ImageTransfer_write_request")]
+    calls = recording.calls("OrvinInfo", "ImageTransfer_write_request")
     names = dict.fromkeys(call.device for call in calls if call.device and call.device != "all")
     different = (n for n in range(2, 45, 3) if len({name[-n:] for name in names}) == len(names))
     length = next(different, 0)

@@ -1,12 +1,14 @@
 """Writes a bus file on which the tool finds again what was recorded."""
 
 import json
+from array import array
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 from itertools import chain
 from statistics import median
-from typing import Any, TextIO
+from typing import Any
 
-from .reader import LONGEST, VERSIONS, Event, Recording
+from .reader import LONGEST, VERSIONS, Acknowledgements, Event, Recording
 
 ORVIN = 64  # type of a member
 NAME_BYTES = 32  # room for a device's name
@@ -41,48 +43,72 @@ class CannotBeRepeated(Exception):
     """Has the line of what no bus file can say, and the reason."""
 
 
-def write(recording: Recording, out: TextIO) -> None:
+def as_text(recording: Recording) -> str:
     """Raises CannotBeRepeated."""
-    if recording.damaged:  # the calls are told apart by their number
-        raise CannotBeRepeated(recording.damaged[0], "damaged")
-    members: dict[str | None, Member] = {device: Member(device) for device in _devices(recording.events)}
-    _follow(recording.events, members)
-    bus_calls = {name: [event for event in recording.events if event.name == call] for call, name in BUS_CALLS.items()}
-    bus = {"members": [member.description() for member in members.values()], "faults": _faults(bus_calls)}
-    out.write(_text(bus) + "\n")
+    devices = _devices(recording)
+    if recording.first_damaged:  # the calls are told apart by their number
+        raise CannotBeRepeated(recording.first_damaged, "damaged")
+    members: dict[str | None, Member] = {device: Member(device) for device in devices}
+    bus_calls = {name: Calls(name) for name in BUS_CALLS.values()}
+    _follow(recording, members, bus_calls)
+    return _text({"members": [member.description() for member in members.values()], "faults": _faults(bus_calls)})
 
 
-def _devices(events: list[Event]) -> list[str]:
+def _devices(recording: Recording) -> list[str]:
     """All, in the order of the first listing that has most of them."""
-    listings = [event.fields["members"] for event in events if "members" in event.fields]
-    longest: list[str] = max(listings, key=len, default=[])
-    seen = [event.device for event in events if event.device is not None and event.device != "all"]
-    return list(dict.fromkeys(chain(longest, *listings, seen)))
+    longest: list[str] = []
+    listed: dict[str, None] = {}
+    seen: dict[str, None] = {}
+    for event in recording.events():
+        if isinstance(event, Acknowledgements):
+            seen |= dict.fromkeys(event.devices)
+            continue
+        listing = event.fields.get("members", [])
+        longest = max(longest, listing, key=len)
+        listed |= dict.fromkeys(listing)
+        if event.device is not None and event.device != "all":
+            seen[event.device] = None
+    return list(dict.fromkeys(chain(longest, listed, seen)))
+
+
+@dataclass
+class Calls:
+    """How the calls of a kind ended, by their number. Those that ended alike share an object."""
+
+    name: str  # in a bus file
+    count: int = 0
+    groups: dict[str, tuple[dict[str, Any], "array[int]"]] = field(default_factory=dict)
+
+    def add(self, call: Event) -> None:
+        self.count += 1
+        outcome = _outcome(self.name, call)
+        self.groups.setdefault(json.dumps(outcome), (outcome, array("I")))[1].append(self.count)
+
+    def answer(self) -> Any:
+        """The first one."""
+        return next((outcome["answer"] for outcome, _ in self.groups.values() if "answer" in outcome), None)
 
 
 @dataclass
 class Member:
     id: str
-    calls: dict[str, list[Event]] = field(default_factory=lambda: {name: [] for name in DEVICE_CALLS.values()})
-    packets: list[tuple[int, list[list[int]]]] = field(default_factory=list)  # each that was sent, and its callbacks
+    calls: dict[str, Calls] = field(default_factory=lambda: {name: Calls(name) for name in DEVICE_CALLS.values()})
+    packets: list[int | list[list[int]]] = field(default_factory=list)  # for each that was sent, as in a replay script
+    callbacks: list[list[int]] = field(default_factory=list)  # for the last one
     changes: list[list[list[int]]] = field(default_factory=lambda: [[]])  # after the opening, and after each start
 
     def description(self) -> dict[str, Any]:
-        answered = any(callbacks for _, callbacks in self.packets)
-        types = [event.fields["type"] for event in self.calls["type_query"] if "type" in event.fields]
-        orvin_calls = any(self.calls[name] for name in ("version_query", "write_request", "check", "start"))
-        kind = types[0] if types else ORVIN if answered or orvin_calls else 0
+        answered = any(packet != [] for packet in self.packets)
+        type_answer = self.calls["type_query"].answer()
+        orvin_calls = any(self.calls[name].count for name in ("version_query", "write_request", "check", "start"))
+        kind = type_answer if type_answer is not None else ORVIN if answered or orvin_calls else 0
         entry: dict[str, Any] = {"id": self.id, "type": kind}
         if kind == ORVIN:
-            answers = (_answer(event) for event in self.calls["version_query"] if "hw" in event.fields)
-            versions: dict[str, Any] = next(answers, {})
+            versions: dict[str, Any] = {**(self.calls["version_query"].answer() or {})}
             entry |= {"name": versions.pop("name", ""), "versions": versions, "timing": self._timing()}
         entry |= {"faults": _faults(self.calls), "replay": {}}
         if self.packets and (answered or kind == ORVIN):
-            entry["replay"]["packets"] = [
-                came[0][0] if [callback[1:] for callback in came] == [[0, packet]] else came
-                for packet, came in self.packets
-            ]
+            entry["replay"]["packets"] = self.packets
         if self.changes != [[]]:
             entry["replay"]["changes"] = self.changes
         return {name: value for name, value in entry.items() if value != {} or name == "versions"}
@@ -92,17 +118,25 @@ class Member:
         reports = [dict((event, delay) for delay, event in reversed(changes)) for changes in self.changes[1:]]
         back = [report for report in reports if report.get(JOINED, 0) > report.get(LEFT, LONGEST)]
         timing: dict[str, list[float]] = {
-            "acknowledge_us": [callbacks[0][0] for _, callbacks in self.packets if callbacks],
+            "acknowledge_us": [came if isinstance(came, int) else came[0][0] for came in self.packets if came != []],
             "install_ms": [report[LEFT] / 1000 for report in reports if LEFT in report],
             "restart_ms": [(report[JOINED] - report[LEFT]) / 1000 for report in back],
         }
         return {name: round(median(values)) for name, values in timing.items() if values}
 
 
-def _follow(events: list[Event], members: dict[str | None, Member]) -> None:
+def _plain(callbacks: list[list[int]], packet: int) -> int | list[list[int]]:
+    """An acknowledgement of the packet, and nothing else, is its delay."""
+    is_plain = len(callbacks) == 1 and callbacks[0][1:] == [0, packet]
+    return callbacks[0][0] if is_plain else callbacks
+
+
+def _follow(recording: Recording, members: dict[str | None, Member], bus_calls: dict[str, Calls]) -> None:
     sent = opened = None
     started: dict[str | None, Event] = {}
-    for event in events:
+    for event in _single(recording):
+        if event.name in BUS_CALLS:
+            bus_calls[BUS_CALLS[event.name]].add(event)
         if event.name == "TalmApiInitialize" and event.result != 0:
             raise CannotBeRepeated(event.line, "there is no bus without a handle")
         if event.device == "all" and event.name != "ImageTransfer_data":
@@ -110,37 +144,49 @@ def _follow(events: list[Event], members: dict[str | None, Member]) -> None:
         if event.name == "TalmApiOpen":
             opened = event
         elif event.name == "ImageTransfer_data":
+            _end_packet(sent, members)
             sent = event
-            for each in members.values():
-                each.packets.append((event.number, []))
         elif event.name == "TransferCallback":
             if sent is None:
                 raise CannotBeRepeated(event.line, "a transfer callback before any data")
-            members[event.device].packets[-1][1].append([event.at - sent.at, event.result, event.number])
+            members[event.device].callbacks.append([event.at - sent.at, event.result, event.number])
         elif event.name == "BusChangeCallback":
             since = started.get(event.device, opened)
             if since is None:
                 raise CannotBeRepeated(event.line, "a bus change before the connection is open")
             members[event.device].changes[-1].append([event.at - since.at, event.number])
         elif event.name in DEVICE_CALLS:
-            members[event.device].calls[DEVICE_CALLS[event.name]].append(event)
+            members[event.device].calls[DEVICE_CALLS[event.name]].add(event)
             if event.name == "OrvinImageMaintenance_start_update":
                 started[event.device] = event
                 members[event.device].changes.append([])
+    _end_packet(sent, members)
 
 
-def _faults(calls: dict[str, list[Event]]) -> dict[str, Any]:
-    """How the calls ended, by their number. Those that ended alike share an object."""
+def _single(recording: Recording) -> Iterator[Event]:
+    for event in recording.events():
+        if isinstance(event, Event):
+            yield event
+        else:
+            yield from event.events()
+
+
+def _end_packet(sent: Event | None, members: dict[str | None, Member]) -> None:
+    if not sent:
+        return
+    for member in members.values():
+        member.packets.append(_plain(member.callbacks, sent.number))
+        member.callbacks = []
+
+
+def _faults(calls: dict[str, Calls]) -> dict[str, Any]:
     faults: dict[str, Any] = {}
-    for name, events in calls.items():
-        groups: dict[str, tuple[dict[str, Any], list[int]]] = {}
-        for number, event in enumerate(events, 1):
-            outcome = _outcome(name, event)
-            groups.setdefault(json.dumps(outcome), (outcome, []))[1].append(number)
-        if len(groups) == 1 and not (name in NEVER_FAIL and outcome.items() <= SUCCESS.items()):
-            faults[name] = {"calls": "all"} | outcome
-        elif len(groups) > 1:
-            faults[name] = [{"calls": numbers} | outcome for outcome, numbers in groups.values()]
+    for name, ended in calls.items():
+        outcomes = [*ended.groups.values()]
+        if len(outcomes) == 1 and not (name in NEVER_FAIL and outcomes[0][0].items() <= SUCCESS.items()):
+            faults[name] = {"calls": "all"} | outcomes[0][0]
+        elif len(outcomes) > 1:
+            faults[name] = [{"calls": [*numbers]} | outcome for outcome, numbers in outcomes]
     return faults
 
 

@@ -1,19 +1,21 @@
 """Compares a recording with what the tool assumes of the bus libraries. Times are microseconds."""
 
-from collections import defaultdict
+from array import array
+from collections import Counter
 from dataclasses import dataclass, field
 from math import inf
-from statistics import median
 from typing import Any
 
-from .analysis import ARM, GO_BACK, printable
-from .reader import VERSIONS, Event, Recording
+from .analysis import ARM, GO_BACK, percentile, printable
+from .reader import CALLBACKS, VERSIONS, Acknowledgements, Event, Recording
 
 MOST_MEMBERS = 63
 LONGEST_CALL = 1_000_000
 POLL = 1_000
 LATE_POLL = 2 * POLL
 LONGEST_POLL = 100 * POLL
+MOST_MISSING = 1_000  # packets between two that are recorded; what is beyond is not remembered
+MOST_OWED = 10_000  # acknowledgements
 FOR_ALL = ":".join(["ff"] * 17)
 
 # By name: what is assumed, and what it means for an upgrade if it does not hold.
@@ -68,7 +70,7 @@ class Check:
     def __init__(self, recording: Recording) -> None:
         self.tried: set[str] = set()
         self.broken: dict[str, tuple[int, str]] = {}
-        self.polls: list[int] = []  # how long those between two packets took
+        self.polls: Counter[int] = Counter()  # how long those between two packets took
         self._callers: dict[int, Event] = {}  # the last call of each thread
         self._callback_threads: dict[int, int] = {}  # the first line of each
         self._until: dict[str, float] = {}  # when the clearing of each callback returned
@@ -76,21 +78,72 @@ class Check:
         self._versions: dict[str, list[int]] = {}
         self._restarts: dict[str, Restart] = {}
         self._packet, self._highest = Packet(), -1
-        self._have: defaultdict[int, set[str]] = defaultdict(set)  # the devices that acknowledged a packet
+        self._have = array("Q")  # by packet, which devices acknowledged it, a bit for each
+        self._bits: dict[str, int] = {}
         self._owed: dict[tuple[str, int], int] = {}  # acknowledgements of repeated packets: the line of the packet
-        for event in recording.events:
-            device = event.device or ""
-            if event.name in CALLBACK_OF.values():
-                self._on_callback(event, device)
-            else:
-                self._on_call(event, device)
-            getattr(self, f"_on_{event.name}", self._ignore)(event, device)
-        self._end(recording.events[-1])
+        self._batch: tuple[list[str], set[str], int] = [], set(), 0  # the last names, the same as a set, their bits
+        last: Event | Acknowledgements | None = None
+        for event in recording.events():
+            if not last or event.line > last.line:
+                last = event
+            if isinstance(event, Event):
+                self._follow(event)
+            elif not self._is_expected(event):
+                for acknowledgement in event.events():
+                    self._follow(acknowledgement)
+        assert last
+        self._end(last)
 
     def _expect(self, name: str, holds: bool, line: int, what: str) -> None:
         self.tried.add(name)
         if not holds:
             self.broken.setdefault(name, (line, what))
+
+    def _follow(self, event: Event) -> None:
+        device = event.device or ""
+        if event.name in CALLBACKS:
+            self._on_callback(event, device)
+        else:
+            self._on_call(event, device)
+        getattr(self, f"_on_{event.name}", self._ignore)(event, device)
+
+    def _is_expected(self, batch: Acknowledgements) -> bool:
+        """Whether they break nothing. Then they are remembered: the same as one after the other, but fast."""
+        if batch.devices is not self._batch[0]:
+            bits = 0
+            for device in batch.devices:
+                bits |= self._bit(device)
+            self._batch = batch.devices, {*batch.devices}, bits
+        devices, different, bits = self._batch
+        acknowledged = self._packet.acknowledged
+        is_expected = (
+            batch.number == self._packet.number
+            and batch.times[-1] <= self._until.get(batch.name, -1)
+            and len(different) == len(devices)
+            and different <= self._known
+            and acknowledged.isdisjoint(different)
+            and not self._owed
+        )
+        if is_expected:
+            self.tried |= {"cleared", "known", "in_flight", "once"}
+            acknowledged |= different
+            self._packet.answered = batch.times[-1]
+            self._remember(batch.number, bits)
+            for thread in {*batch.threads} - self._callback_threads.keys():
+                self._callback_threads[thread] = batch.line
+        return is_expected
+
+    def _bit(self, device: str) -> int:
+        """None for those beyond the 63 of a bus."""
+        number = self._bits.setdefault(device, len(self._bits))
+        return 1 << number if number < 64 else 0
+
+    def _remember(self, packet: int, bits: int) -> None:
+        missing = packet + 1 - len(self._have)
+        if 0 < missing <= MOST_MISSING:
+            self._have.frombytes(bytes(missing * self._have.itemsize))
+        if 0 <= packet < len(self._have):
+            self._have[packet] |= bits
 
     def _ignore(self, event: Event, device: str) -> None:
         pass
@@ -123,7 +176,7 @@ class Check:
         for (device, packet), line in self._owed.items():
             self._expect("repeats", False, line, f"{device} did not acknowledge packet {packet} again")
         self._highest = -1  # the last packet stays: an answer to it may come during the call
-        self._have.clear()
+        self._have = array("Q")
         self._owed.clear()
 
     def _on_TalmApiSetBusChangeCallback(self, call: Event, _: str) -> None:
@@ -139,10 +192,13 @@ class Check:
         before = self._packet
         is_next = call.number == before.number + 1 and call.at < before.sent + LONGEST_POLL  # else it waited
         if is_next and before.sent <= before.answered < before.sent + POLL:
-            self.polls.append(call.at - before.sent)
+            self.polls[call.at - before.sent] += 1
         if call.number <= self._highest:
             self.tried.add("repeats")
-            self._owed |= {(device, call.number): call.line for device in self._have[call.number]}
+            bits = self._have[call.number] if 0 <= call.number < len(self._have) else 0
+            if bits and len(self._owed) < MOST_OWED:
+                devices = [device for device in self._bits if bits & self._bit(device)]
+                self._owed |= {(device, call.number): call.line for device in devices}
         self._packet, self._highest = Packet(call.number, call.at), max(self._highest, call.number)
 
     def _on_TransferCallback(self, event: Event, device: str) -> None:
@@ -161,7 +217,7 @@ class Check:
         self._expect("in_flight", number == packet.number, event.line, f"{what}, not {packet.number}")
         self._expect("once", device not in packet.acknowledged, event.line, f"{what} again")
         packet.acknowledged.add(device)
-        self._have[number].add(device)
+        self._remember(number, self._bit(device))
         self._owed.pop((device, number), None)
 
     def _on_TalmApiGetBusMembers(self, call: Event, _: str) -> None:
@@ -193,7 +249,7 @@ class Check:
         else:
             restart.left += 1
 
-    def _end(self, last: Event) -> None:
+    def _end(self, last: Event | Acknowledgements) -> None:
         is_closed = last.name in ("TalmApiClose", "TalmApiInitialize", "TalmApiOpen")  # or has not begun
         self._expect("returns", is_closed, last.line, "nothing follows: a call does not return, or the tool was killed")
         for thread, line in self._callback_threads.items():
@@ -201,11 +257,11 @@ class Check:
                 "threads", thread not in self._callers, line, f"a callback on thread {thread}, which makes calls"
             )
         if self.polls:
-            self._expect("polls", median(self.polls) < LATE_POLL, last.line, self._poll_times())
+            self._expect("polls", percentile(self.polls, 50) < LATE_POLL, last.line, self._poll_times())
 
     def _poll_times(self) -> str:
-        most = sorted(self.polls)[(len(self.polls) - 1) * 99 // 100]
-        return f"median {median(self.polls) / 1e3:.2f} ms, 99 % {most / 1e3:.2f} ms"
+        median, most = percentile(self.polls, 50), percentile(self.polls, 99)
+        return f"median {median / 1e3:.2f} ms, 99 % {most / 1e3:.2f} ms"
 
     def as_objects(self) -> list[dict[str, Any]]:
         return [self._object(name, *texts) for name, texts in ASSUMPTIONS.items()]

@@ -3,13 +3,14 @@
 import os
 import tempfile
 import textwrap
-from collections import Counter
+from collections import Counter, defaultdict
 from collections.abc import Iterator
 from itertools import groupby
 from math import log1p
 from xml.sax.saxutils import escape
 
 from .analysis import Analysis, Device, Phase, printable
+from .reader import Acknowledgements
 from .summary import about, answer
 
 LEFT, PLOT, RIGHT, TOP = 210, 1160, 30, 60
@@ -65,8 +66,9 @@ def _draw(analysis: Analysis) -> Iterator[str]:
     for number, phase in enumerate(analysis.phases):
         yield from _phase(phase, scale, top - 22, bottom, "#eeeeee" if number % 2 else "#ffffff")
     yield from _axis(analysis.end / 1e6, top, bottom)
+    columns = _columns(analysis, scale)
     for number, device in enumerate(analysis.devices.values()):
-        yield from _lane(device, scale, top + lane * (number + 0.5), lane)
+        yield from _lane(device, columns[device.id], scale, top + lane * (number + 0.5), lane)
     yield from _legend(bottom + 46)
     yield "</svg>\n"
 
@@ -88,15 +90,16 @@ def _axis(seconds: float, top: int, bottom: int) -> Iterator[str]:
         yield _text(x, bottom + 18, f"{count * step:g} s", 'text-anchor="middle"')
 
 
-def _lane(device: Device, scale: float, y: float, lane: int) -> Iterator[str]:
+def _lane(device: Device, columns: Counter[int], scale: float, y: float, lane: int) -> Iterator[str]:
     yield _text(10, y + 4, device.title)
     yield _box(LEFT, y + lane / 2, PLOT, 0.5, "#c8c8c8", printable(device.id))
     for kind in KINDS:
         if kind == "acknowledged":
-            yield _acknowledgements(device, scale, y + lane / 2, lane)
+            yield _acknowledgements(columns, y + lane / 2, lane)
         near = groupby(device.marks[kind], lambda mark: scale * mark.begin // MERGED)
         for marks in ([*group] for _, group in near):
-            begin, end, count = marks[0].begin, marks[-1].end, f"{len(marks)} times, first: " if marks[1:] else ""
+            begin, end, times = marks[0].begin, marks[-1].end, sum(mark.count for mark in marks)
+            count = f"{times} times, first: " if times > 1 else ""
             x, when = LEFT + scale * begin, f"{begin / 1e6:.3f} to {end / 1e6:.3f} s"
             tooltip = f"{device.title}: {KINDS[kind][0]}, {when}; {count}{marks[0].text}"
             yield _mark(kind, x, y, scale * (end - begin), lane, tooltip)
@@ -106,9 +109,20 @@ def _lane(device: Device, scale: float, y: float, lane: int) -> Iterator[str]:
                 yield _text(where, y + 4, marks[0].text, halo)
 
 
-def _acknowledgements(device: Device, scale: float, bottom: float, lane: int) -> str:
+def _columns(analysis: Analysis, scale: float) -> defaultdict[str, Counter[int]]:
+    """For each device, how many acknowledgements each pixel has."""
+    columns: defaultdict[str, Counter[int]] = defaultdict(Counter)
+    for event in analysis.recording.events():
+        if isinstance(event, Acknowledgements):
+            for device, at in zip(event.devices, event.times):
+                columns[device][int(LEFT + scale * at)] += 1
+        elif event.name == Acknowledgements.name and event.result == 0:
+            columns[event.device or ""][int(LEFT + scale * event.at)] += 1
+    return columns
+
+
+def _acknowledgements(columns: Counter[int], bottom: float, lane: int) -> str:
     """A column for each pixel. It is the higher, the more there are."""
-    columns = Counter(int(LEFT + scale * at) for at in device.acknowledged)
     unit = lane * BAR / log1p(max(columns.values(), default=1))
     d = "".join(f"M{x} {bottom:.0f}h1v-{unit * log1p(n):.0f}h-1z" for x, n in sorted(columns.items()))
     return _path(d, KINDS["acknowledged"][1])
@@ -122,9 +136,12 @@ def _legend(y: int) -> Iterator[str]:
         x += 46 + len(words) * TEXT
 
 
-def write(analysis: Analysis, path: str) -> None:
-    """Writes the picture whole, or leaves what is there. Raises OSError."""
-    picture = "\n".join(_draw(analysis))
+def as_text(analysis: Analysis) -> str:
+    return "\n".join(_draw(analysis))
+
+
+def write(picture: str, path: str) -> None:
+    """Writes it whole, or leaves what is there. Raises OSError."""
     if os.path.exists(path) and not os.path.isfile(path):  # such as /dev/stdout
         with open(path, "w", encoding="utf-8") as file:
             file.write(picture)

@@ -1,20 +1,26 @@
-"""Reads a recording. Leaves out damaged lines and reports them."""
+"""Reads a recording in pieces, in the order of time. Leaves out damaged lines and reports them."""
 
 import json
-from dataclasses import dataclass, field
+import shutil
+import tempfile
+from collections.abc import Iterable, Iterator
+from dataclasses import dataclass
+from heapq import heappop, heappush
 from itertools import accumulate
-from typing import Any, BinaryIO
+from typing import IO, Any, ClassVar
 
 VERSION = 1
 VERSIONS = "hw", "arm", "dsp", "booster_arm", "api"
 LONGEST = 1e15  # microseconds
 MOST_DEVICES = 250  # a bus has 63 at most
+MOST_WAITING = 100_000  # callbacks
 Fields = dict[str, Any]  # what stands on a line
-NO_FIELDS: Fields = {}
 LISTS = "members", "by", "after"
 TEXTS = "call", "callback", "device", "members", "name", "connection", "crc32", "threads"
-TYPES = dict.fromkeys(TEXTS, str) | dict.fromkeys(("t", "took"), int | float)  # all others are integers
+INTEGER: set[type] = {int}
+TYPES: dict[str, set[type]] = {**dict.fromkeys(TEXTS, {str}), **dict.fromkeys(("t", "took"), {int, float})}
 NUMBER = {"ImageTransfer_data": "packet", "TransferCallback": "packet", "BusChangeCallback": "event"}
+CALLBACKS = "TransferCallback", "BusChangeCallback"
 DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
 
 
@@ -30,99 +36,189 @@ class Event:
     thread: int  # 0: unknown
     at: int
     took: int
-    name: str  # of the call, or "TransferCallback", "BusChangeCallback"
+    name: str  # of the call, or one of CALLBACKS
     device: str | None  # "all": every one
     result: int
     number: int  # of the packet, or what a bus change was
     fields: Fields  # all that stands on the line; none for acknowledgements
 
 
-@dataclass
+@dataclass(slots=True)
+class Acknowledgements:
+    """Transfer callbacks with result 0 that share a line, one or more. The lists have the same length."""
+
+    name: ClassVar[str] = "TransferCallback"
+    line: int
+    number: int  # of the packet
+    threads: list[int]
+    times: list[int]  # in ascending order
+    devices: list[str]  # the same object as on the line before, if the devices are the same
+
+    def events(self) -> Iterator[Event]:
+        for thread, at, device in zip(self.threads, self.times, self.devices):
+            yield Event(self.line, thread, at, 0, self.name, device, 0, self.number, {})
+
+    def part(self, begin: int, end: int) -> "Acknowledgements":
+        lists = self.threads[begin:end], self.times[begin:end], self.devices[begin:end]
+        return Acknowledgements(self.line, self.number, *lists)
+
+
 class Recording:
-    """One run. The events stand in the order in which they began."""
+    """The first run in a file. It is read anew each time, so it takes no memory."""
 
-    started: str
-    command: list[str]
-    events: list[Event] = field(default_factory=list)
-    problem: str = ""  # in one line; none: the recording is whole
-    damaged: list[int] = field(default_factory=list)  # the lines that are left out
+    def __init__(self, path: str) -> None:
+        """Raises OSError or Unreadable."""
+        self._file = _open(path)
+        self.started, self.command = _header(self._file.readline())
+        self._begin = self._file.tell()
+        self.problem = ""  # in one line; none: the recording is whole. Known when all is read
+        self.first_damaged = 0  # line that is left out, of what is read so far
 
+    def events(self) -> Iterator[Event | Acknowledgements]:
+        """All, in the order in which they began. Raises Unreadable at the end if there are none."""
+        lines = _Lines(self._file, self._begin)
+        for event in _in_order(lines.events()):
+            self.first_damaged = lines.first_damaged
+            yield event
+        self.first_damaged, self.problem = lines.first_damaged, lines.problem()
 
-def read(path: str) -> Recording:
-    """The first run in the file. Raises OSError or Unreadable."""
-    with open(path, "rb") as file:
-        recording = _header(file.readline())
-        _read_lines(recording, file)
-    if not recording.events:
-        raise Unreadable("line 2: no call or callback follows")
-    if recording.damaged:
-        first, *others = recording.damaged
-        more = f" and {len(others)} more" if others else ""
-        recording.problem = f"line {first}{more}: damaged, and left out"
-    elif not recording.problem and not any(event.name == "TalmApiClose" for event in recording.events):
-        recording.problem = f"line {recording.events[-1].line}: cut off, the session does not end"
-    recording.events.sort(key=lambda event: event.at)  # those of the same moment stay in order
-    return recording
+    def calls(self, *names: str) -> Iterator[Event]:
+        """The calls of these names. Other lines are not looked at."""
+        events = _Lines(self._file, self._begin).events(tuple(f'"{name}"'.encode() for name in names))
+        return (event for event in events if isinstance(event, Event) and event.name in names)
 
 
-def _header(text: bytes) -> Recording:
+def _open(path: str) -> IO[bytes]:
+    file: IO[bytes] = open(path, "rb")
+    if file.seekable():
+        return file
+    with file:
+        copy = tempfile.TemporaryFile()
+        shutil.copyfileobj(file, copy)
+    copy.seek(0)
+    return copy
+
+
+def _header(text: bytes) -> tuple[str, list[str]]:
+    """When the run started, and its command."""
     try:
         header = json.loads(text)
         version = header["orvin-recording"]
-        recording = Recording(str(header.get("started", "")), [str(word) for word in header.get("command", [])])
+        result = str(header.get("started", "")), [str(word) for word in header.get("command", [])]
     except DAMAGE:
         raise Unreadable("line 1: not a recording") from None
     if version != VERSION:
         raise Unreadable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
-    return recording
+    return result
 
 
-def _read_lines(recording: Recording, file: BinaryIO) -> None:
-    numbers: dict[int, str] = {}  # that stand for devices
-    by: list[int] = []  # the numbers of the last acknowledgements
-    known: set[str] = set()  # devices
-    for line, text in enumerate(file, start=2):
-        try:
-            entry = json.loads(text)
-            if "orvin-recording" in entry:
-                recording.problem = f"line {line}: another run begins, which is left out"
-                return
-            _check(entry, known)
-            recording.events += _events(line, entry, numbers, by)
-        except DAMAGE:
-            by.clear()  # others may have stood there
-            if text.endswith(b"\n"):  # else the recording was cut off here
-                recording.damaged.append(line)
+def _in_order(events: Iterable[Event | Acknowledgements]) -> Iterator[Event | Acknowledgements]:
+    """A call stands where it ended, after the callbacks that came meanwhile. The tool calls from one thread, so only
+    callbacks have to wait, until the call that follows them is read."""
+    waiting: list[tuple[int, int, Event | Acknowledgements]] = []
+    for count, event in enumerate(events):
+        if event.name in CALLBACKS:
+            at = event.times[0] if isinstance(event, Acknowledgements) else event.at
+            heappush(waiting, (at, count, event))
+            if len(waiting) > MOST_WAITING:
+                yield heappop(waiting)[2]
+            continue
+        assert isinstance(event, Event)
+        while waiting and waiting[0][0] <= event.at:
+            _, order, callback = heappop(waiting)
+            if isinstance(callback, Acknowledgements) and callback.times[-1] > event.at:
+                early = sum(time <= event.at for time in callback.times)
+                late, callback = callback.part(early, len(callback.times)), callback.part(0, early)
+                heappush(waiting, (late.times[0], order, late))
+            yield callback
+        yield event
+    while waiting:
+        yield heappop(waiting)[2]
 
 
-def _check(entry: Fields, known: set[str]) -> None:
-    for key, value in entry.items():
-        values = value if key in LISTS else [value]
-        if not isinstance(values, list) or not all(isinstance(each, TYPES.get(key, int)) for each in values):
-            raise TypeError
-    known |= {entry.get("device", "all"), *entry.get("members", [])}
-    if len(known) > MOST_DEVICES:
-        raise ValueError
+class _Lines:
+    """The lines from a place in the file to the end of the run."""
 
+    def __init__(self, file: IO[bytes], begin: int) -> None:
+        self.first_damaged = 0
+        self._file, self._begin = file, begin
+        self._names: dict[int, str] = {}  # the numbers that stand for devices
+        self._by: list[str] = []  # the devices of the last acknowledgements
+        self._known: set[str] = set()  # devices
+        self._damaged = 0  # how many lines
+        self._last, self._is_closed, self._next_run = 0, False, 0  # lines, but for the one in the middle
 
-def _events(line: int, entry: Fields, numbers: dict[int, str], by: list[int]) -> list[Event]:
-    if "number" in entry:
-        numbers[entry["number"]] = entry["device"]
-        return []
-    thread = entry.get("thread", 1)
-    at, took = _microseconds(entry["t"] * 1e6), _microseconds(entry.get("took", 0) * 1e6)
-    if "acknowledged" in entry:
-        by[:] = entry.get("by") or by
-        times = [_microseconds(time) for time in accumulate(entry["after"], initial=at)][1:]
-        threads = [int(mark, 36) for mark in entry.get("threads", "").replace("?", "0")] or [thread] * len(by)
-        answers = zip(threads, times, [numbers[number] for number in by], strict=True)
-        packet = entry["acknowledged"]
-        return [Event(line, on, t, 0, "TransferCallback", device, 0, packet, NO_FIELDS) for on, t, device in answers]
-    name = entry.get("call") or entry["callback"]
-    is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
-    device = entry.get("device") if is_about_bus else entry["device"]
-    number = entry[NUMBER[name]] if name in NUMBER else 0
-    return [Event(line, thread, at, took, name, device, entry.get("result", 0), number, entry)]
+    def problem(self) -> str:
+        if not self._last:
+            raise Unreadable("line 2: no call or callback follows")
+        if self._damaged:
+            more = f" and {self._damaged - 1} more" if self._damaged > 1 else ""
+            return f"line {self.first_damaged}{more}: damaged, and left out"
+        if self._next_run:
+            return f"line {self._next_run}: another run begins, which is left out"
+        return "" if self._is_closed else f"line {self._last}: cut off, the session does not end"
+
+    def events(self, words: tuple[bytes, ...] = ()) -> Iterator[Event | Acknowledgements]:
+        """Those of all lines, or of the lines with one of the words."""
+        self._file.seek(self._begin)
+        for line, text in enumerate(self._file, start=2):
+            if words and not any(word in text for word in words) and b'"orvin-recording"' not in text:
+                continue
+            try:
+                entry = json.loads(text)
+                if "orvin-recording" in entry:
+                    self._next_run = line
+                    return
+                event = self._event(line, entry)
+            except DAMAGE:
+                self._by = []  # others may have stood there
+                if text.endswith(b"\n"):  # else the recording was cut off here
+                    self._damaged += 1
+                    self.first_damaged = self.first_damaged or line
+                continue
+            if event:
+                self._last = line
+                self._is_closed |= event.name == "TalmApiClose"
+                yield event
+
+    def _event(self, line: int, entry: Fields) -> Event | Acknowledgements | None:
+        for key, value in entry.items():
+            if not {*map(type, value if key in LISTS else (value,))} <= TYPES.get(key, INTEGER):
+                raise TypeError
+        if "acknowledged" in entry:
+            return self._acknowledgements(line, entry)
+        self._known |= {entry.get("device", "all"), *entry.get("members", ())}
+        if len(self._known) > MOST_DEVICES:
+            raise ValueError
+        if "number" in entry:
+            self._names[entry["number"]] = entry["device"]
+            return None
+        at, took = _microseconds(entry["t"] * 1e6), _microseconds(entry.get("took", 0) * 1e6)
+        name = entry.get("call") or entry["callback"]
+        is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
+        device = entry.get("device") if is_about_bus else entry["device"]
+        number = entry[NUMBER[name]] if name in NUMBER else 0
+        return Event(line, entry.get("thread", 1), at, took, name, device, entry.get("result", 0), number, entry)
+
+    def _acknowledgements(self, line: int, entry: Fields) -> Acknowledgements | None:
+        if entry.get("by"):
+            self._by = [self._names[number] for number in entry["by"]]
+        devices, after = self._by, entry["after"]
+        times = [*accumulate(after, initial=_microseconds(entry["t"] * 1e6))][1:]
+        marks = entry.get("threads")
+        threads = (
+            [int(mark, 36) for mark in marks.replace("?", "0")] if marks else [entry.get("thread", 1)] * len(after)
+        )
+        if not len(threads) == len(times) == len(devices):
+            raise ValueError
+        if not times:
+            return None
+        if min(after) < 0:
+            order = sorted(range(len(times)), key=times.__getitem__)
+            times, threads, devices = ([each[i] for i in order] for each in (times, threads, devices))
+        _microseconds(times[0])
+        _microseconds(times[-1])
+        return Acknowledgements(line, entry["acknowledged"], threads, times, devices)
 
 
 def _microseconds(time: float) -> int:

@@ -3,7 +3,7 @@
 import textwrap
 from typing import Any
 
-from .analysis import Analysis, Device, Phase, printable
+from .analysis import MOMENTS, Analysis, Device, Phase, percentile, printable
 from .reader import VERSIONS
 
 WIDTH = 100  # of the terminal
@@ -19,10 +19,9 @@ def _seconds(microseconds: float) -> float:
 
 def _columns(device: Device) -> dict[str, float | None]:
     """By the names that they have in JSON, in the order of the titles."""
-    times, marks = sorted(device.needed), device.marks
-    needed = [_seconds(times[(len(times) - 1) * part // 100]) if times else None for part in (50, 99, 100)]
-    counts = [len(marks["resend"]), len(marks["go_back"]), len(marks["fault"]), device.failed_calls]
-    kinds = marks["check"], marks["away"]
+    needed = [_seconds(percentile(device.needed, part)) if device.needed else None for part in (50, 99, 100)]
+    counts = [*map(device.count, MOMENTS), device.failed_calls]
+    kinds = device.marks["check"], device.marks["away"]
     lasted = [_seconds(sum(mark.end - mark.begin for mark in kind)) if kind else None for kind in kinds]
     return dict(zip(COLUMNS, [*needed, *counts, *lasted], strict=True))
 
