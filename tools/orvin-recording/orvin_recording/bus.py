@@ -116,7 +116,7 @@ class Member:
     def _timing(self) -> dict[str, int]:
         """What is typical, for what goes beyond the replay script."""
         reports = [dict((event, delay) for delay, event in reversed(changes)) for changes in self.changes[1:]]
-        back = [report for report in reports if report.get(JOINED, 0) > report.get(LEFT, LONGEST)]
+        back = [report for report in reports if report.get(JOINED, -LONGEST) > report.get(LEFT, LONGEST)]
         timing: dict[str, list[float]] = {
             "acknowledge_us": [came if isinstance(came, int) else came[0][0] for came in self.packets if came != []],
             "install_ms": [report[LEFT] / 1000 for report in reports if LEFT in report],
