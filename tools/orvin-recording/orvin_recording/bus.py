@@ -84,9 +84,10 @@ class Calls:
         outcome = _outcome(self.name, call)
         self.groups.setdefault(json.dumps(outcome), (outcome, array("I")))[1].append(self.count)
 
-    def answer(self) -> Any:
-        """The first one."""
-        return next((outcome["answer"] for outcome, _ in self.groups.values() if "answer" in outcome), None)
+    def answer(self, kind: type) -> Any:
+        """The first one of this kind, or None."""
+        answers = (outcome.get("answer") for outcome, _ in self.groups.values())
+        return next((answer for answer in answers if isinstance(answer, kind)), None)
 
 
 @dataclass
@@ -99,12 +100,12 @@ class Member:
 
     def description(self) -> dict[str, Any]:
         answered = any(packet != [] for packet in self.packets)
-        type_answer = self.calls["type_query"].answer()
+        type_answer = self.calls["type_query"].answer(int)
         orvin_calls = any(self.calls[name].count for name in ("version_query", "write_request", "check", "start"))
         kind = type_answer if type_answer is not None else ORVIN if answered or orvin_calls else 0
         entry: dict[str, Any] = {"id": self.id, "type": kind}
         if kind == ORVIN:
-            versions: dict[str, Any] = {**(self.calls["version_query"].answer() or {})}
+            versions: dict[str, Any] = {**(self.calls["version_query"].answer(dict) or {})}
             entry |= {"name": versions.pop("name", ""), "versions": versions, "timing": self._timing()}
         entry |= {"faults": _faults(self.calls), "replay": {}}
         if self.packets and (answered or kind == ORVIN):
