@@ -1,6 +1,5 @@
 """Compares a recording with what the tool assumes of the bus libraries. Times are microseconds."""
 
-from array import array
 from collections import Counter
 from dataclasses import dataclass, field
 from math import inf
@@ -14,7 +13,6 @@ LONGEST_CALL = 1_000_000
 POLL = 1_000
 LATE_POLL = 2 * POLL
 LONGEST_POLL = 100 * POLL
-MOST_MISSING = 1_000  # packets between two that are recorded; what is beyond is not remembered
 MOST_OWED = 10_000  # acknowledgements
 FOR_ALL = ":".join(["ff"] * 17)
 
@@ -78,10 +76,8 @@ class Check:
         self._versions: dict[str, list[int]] = {}
         self._restarts: dict[str, Restart] = {}
         self._packet, self._highest = Packet(), -1
-        self._have = array("Q")  # by packet, which devices acknowledged it, a bit for each
-        self._bits: dict[str, int] = {}
+        self._have: dict[str, int] = {}  # how many packets, from the first on, each device acknowledged without a gap
         self._owed: dict[tuple[str, int], int] = {}  # acknowledgements of repeated packets: the line of the packet
-        self._batch: tuple[list[str], set[str], int] = [], set(), 0  # the last names, the same as a set, their bits
         last: Event | Acknowledgements | None = None
         for event in recording.events():
             if not last or event.line > last.line:
@@ -109,41 +105,28 @@ class Check:
 
     def _is_expected(self, batch: Acknowledgements) -> bool:
         """Whether they break nothing. Then they are remembered: the same as one after the other, but fast."""
-        if batch.devices is not self._batch[0]:
-            bits = 0
-            for device in batch.devices:
-                bits |= self._bit(device)
-            self._batch = batch.devices, {*batch.devices}, bits
-        devices, different, bits = self._batch
-        acknowledged = self._packet.acknowledged
+        devices, acknowledged = {*batch.devices}, self._packet.acknowledged
         is_expected = (
             batch.number == self._packet.number
             and batch.times[-1] <= self._until.get(batch.name, -1)
-            and len(different) == len(devices)
-            and different <= self._known
-            and acknowledged.isdisjoint(different)
+            and len(devices) == len(batch.devices)
+            and devices <= self._known
+            and acknowledged.isdisjoint(devices)
             and not self._owed
         )
         if is_expected:
             self.tried |= {"cleared", "known", "in_flight", "once"}
-            acknowledged |= different
+            acknowledged |= devices
             self._packet.answered = batch.times[-1]
-            self._remember(batch.number, bits)
+            for device in devices:
+                self._remember(device, batch.number)
             for thread in {*batch.threads} - self._callback_threads.keys():
                 self._callback_threads[thread] = batch.line
         return is_expected
 
-    def _bit(self, device: str) -> int:
-        """None for those beyond the 63 of a bus."""
-        number = self._bits.setdefault(device, len(self._bits))
-        return 1 << number if number < 64 else 0
-
-    def _remember(self, packet: int, bits: int) -> None:
-        missing = packet + 1 - len(self._have)
-        if 0 < missing <= MOST_MISSING:
-            self._have.frombytes(bytes(missing * self._have.itemsize))
-        if 0 <= packet < len(self._have):
-            self._have[packet] |= bits
+    def _remember(self, device: str, packet: int) -> None:
+        if packet == self._have.get(device, 0):
+            self._have[device] = packet + 1
 
     def _ignore(self, event: Event, device: str) -> None:
         pass
@@ -176,7 +159,7 @@ class Check:
         for (device, packet), line in self._owed.items():
             self._expect("repeats", False, line, f"{device} did not acknowledge packet {packet} again")
         self._highest = -1  # the last packet stays: an answer to it may come during the call
-        self._have = array("Q")
+        self._have.clear()
         self._owed.clear()
 
     def _on_TalmApiSetBusChangeCallback(self, call: Event, _: str) -> None:
@@ -195,29 +178,23 @@ class Check:
             self.polls[call.at - before.sent] += 1
         if call.number <= self._highest:
             self.tried.add("repeats")
-            bits = self._have[call.number] if 0 <= call.number < len(self._have) else 0
-            if bits and len(self._owed) < MOST_OWED:
-                devices = [device for device in self._bits if bits & self._bit(device)]
-                self._owed |= {(device, call.number): call.line for device in devices}
+            owing = self._have.items() if len(self._owed) < MOST_OWED else ()
+            self._owed |= {(device, call.number): call.line for device, has in owing if call.number < has}
         self._packet, self._highest = Packet(call.number, call.at), max(self._highest, call.number)
 
     def _on_TransferCallback(self, event: Event, device: str) -> None:
         packet, number = self._packet, event.number
         packet.answered = event.at
         if event.result == GO_BACK:
-            self._expect(
-                "go_back",
-                number <= max(packet.number, self._highest),
-                event.line,
-                f"{device} asked for packet {number}",
-            )
+            was_sent = number <= max(packet.number, self._highest)
+            self._expect("go_back", was_sent, event.line, f"{device} asked for packet {number}")
         if event.result != 0:
             return
         what = f"{device} acknowledged packet {number}"
         self._expect("in_flight", number == packet.number, event.line, f"{what}, not {packet.number}")
         self._expect("once", device not in packet.acknowledged, event.line, f"{what} again")
         packet.acknowledged.add(device)
-        self._remember(number, self._bit(device))
+        self._remember(device, number)
         self._owed.pop((device, number), None)
 
     def _on_TalmApiGetBusMembers(self, call: Event, _: str) -> None:
@@ -231,9 +208,8 @@ class Check:
         versions = [call.fields.get(name, 0) for name in VERSIONS]
         if call.result == 0 and call.fields.get("dsp") != 0:  # else the DSP is not up
             before = self._versions.setdefault(device, versions)
-            self._expect(
-                "versions", versions == before, call.line, f"{device} has others than before, without an update"
-            )
+            what = f"{device} has others than before, without an update"
+            self._expect("versions", versions == before, call.line, what)
 
     def _on_OrvinImageMaintenance_start_update(self, call: Event, device: str) -> None:
         self._versions.pop(device, None)
@@ -253,9 +229,8 @@ class Check:
         is_closed = last.name in ("TalmApiClose", "TalmApiInitialize", "TalmApiOpen")  # or has not begun
         self._expect("returns", is_closed, last.line, "nothing follows: a call does not return, or the tool was killed")
         for thread, line in self._callback_threads.items():
-            self._expect(
-                "threads", thread not in self._callers, line, f"a callback on thread {thread}, which makes calls"
-            )
+            what = f"a callback on thread {thread}, which makes calls"
+            self._expect("threads", thread not in self._callers, line, what)
         if self.polls:
             self._expect("polls", percentile(self.polls, 50) < LATE_POLL, last.line, self._poll_times())
 
