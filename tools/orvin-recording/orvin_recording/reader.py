@@ -64,102 +64,42 @@ class Acknowledgements:
 
 
 class Recording:
-    """The first run in a file. It is read anew each time, so it takes no memory."""
+    """The first run in a file. Each use reads it anew, so it takes no memory."""
 
     def __init__(self, path: str) -> None:
         """Raises OSError or Unreadable."""
         self._file = _open(path)
         self.started, self.command = _header(self._file.readline())
         self._begin = self._file.tell()
-        self.problem = ""  # in one line; none: the recording is whole. Known when all is read
+        self.problem = ""  # in one line; none: the recording is whole. Known when all events are read
         self.first_damaged = 0  # line that is left out, of what is read so far
 
     def events(self) -> Iterator[Event | Acknowledgements]:
         """All, in the order in which they began. Raises Unreadable at the end if there are none."""
-        lines = _Lines(self._file, self._begin)
-        for event in _in_order(lines.events()):
-            self.first_damaged = lines.first_damaged
-            yield event
-        self.first_damaged, self.problem = lines.first_damaged, lines.problem()
+        yield from _in_order(self._read())
+        if not self._last:
+            raise Unreadable("line 2: no call or callback follows")
+        if self.first_damaged:
+            more = f" and {self._damaged - 1} more" if self._damaged > 1 else ""
+            self.problem = f"line {self.first_damaged}{more}: damaged, and left out"
+        elif self._next_run:
+            self.problem = f"line {self._next_run}: another run begins, which is left out"
+        elif not self._is_closed:
+            self.problem = f"line {self._last}: cut off, the session does not end"
 
     def calls(self, *names: str) -> Iterator[Event]:
         """The calls of these names. Other lines are not looked at."""
-        events = _Lines(self._file, self._begin).events(tuple(f'"{name}"'.encode() for name in names))
+        events = self._read(tuple(f'"{name}"'.encode() for name in names))
         return (event for event in events if isinstance(event, Event) and event.name in names)
 
-
-def _open(path: str) -> IO[bytes]:
-    file: IO[bytes] = open(path, "rb")
-    if file.seekable():
-        return file
-    with file:
-        copy = tempfile.TemporaryFile()
-        shutil.copyfileobj(file, copy)
-    copy.seek(0)
-    return copy
-
-
-def _header(text: bytes) -> tuple[str, list[str]]:
-    """When the run started, and its command."""
-    try:
-        header = json.loads(text)
-        version = header["orvin-recording"]
-        result = str(header.get("started", "")), [str(word) for word in header.get("command", [])]
-    except DAMAGE:
-        raise Unreadable("line 1: not a recording") from None
-    if version != VERSION:
-        raise Unreadable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
-    return result
-
-
-def _in_order(events: Iterable[Event | Acknowledgements]) -> Iterator[Event | Acknowledgements]:
-    """A call stands where it ended, after the callbacks that came meanwhile. The tool calls from one thread, so only
-    callbacks have to wait, until the call that follows them is read."""
-    waiting: list[tuple[int, int, Event | Acknowledgements]] = []
-    for count, event in enumerate(events):
-        if event.name in CALLBACKS:
-            at = event.times[0] if isinstance(event, Acknowledgements) else event.at
-            heappush(waiting, (at, count, event))
-            if len(waiting) > MOST_WAITING:
-                yield heappop(waiting)[2]
-            continue
-        assert isinstance(event, Event)
-        while waiting and waiting[0][0] <= event.at:
-            _, order, callback = heappop(waiting)
-            if isinstance(callback, Acknowledgements) and callback.times[-1] > event.at:
-                early = sum(time <= event.at for time in callback.times)
-                late, callback = callback.part(early, len(callback.times)), callback.part(0, early)
-                heappush(waiting, (late.times[0], order, late))
-            yield callback
-        yield event
-    while waiting:
-        yield heappop(waiting)[2]
-
-
-class _Lines:
-    """The lines from a place in the file to the end of the run."""
-
-    def __init__(self, file: IO[bytes], begin: int) -> None:
-        self.first_damaged = 0
-        self._file, self._begin = file, begin
+    def _read(self, words: tuple[bytes, ...] = ()) -> Iterator[Event | Acknowledgements]:
+        """The events in the order of the lines: of all, or of those with one of the words."""
         self._names: dict[int, str] = {}  # the numbers that stand for devices
         self._by: list[str] = []  # the devices of the last acknowledgements
         self._known: set[str] = set()  # devices
-        self._damaged = 0  # how many lines
-        self._last, self._is_closed, self._next_run = 0, False, 0  # lines, but for the one in the middle
-
-    def problem(self) -> str:
-        if not self._last:
-            raise Unreadable("line 2: no call or callback follows")
-        if self._damaged:
-            more = f" and {self._damaged - 1} more" if self._damaged > 1 else ""
-            return f"line {self.first_damaged}{more}: damaged, and left out"
-        if self._next_run:
-            return f"line {self._next_run}: another run begins, which is left out"
-        return "" if self._is_closed else f"line {self._last}: cut off, the session does not end"
-
-    def events(self, words: tuple[bytes, ...] = ()) -> Iterator[Event | Acknowledgements]:
-        """Those of all lines, or of the lines with one of the words."""
+        self._damaged = self.first_damaged = 0  # how many lines, and the first one
+        self._last = self._next_run = 0  # the line of the last event, and that where another run begins
+        self._is_closed = False
         self._file.seek(self._begin)
         for line, text in enumerate(self._file, start=2):
             if words and not any(word in text for word in words) and b'"orvin-recording"' not in text:
@@ -219,6 +159,54 @@ class _Lines:
         _microseconds(times[0])
         _microseconds(times[-1])
         return Acknowledgements(line, entry["acknowledged"], threads, times, devices)
+
+
+def _open(path: str) -> IO[bytes]:
+    file: IO[bytes] = open(path, "rb")
+    if file.seekable():
+        return file
+    with file:
+        copy = tempfile.TemporaryFile()
+        shutil.copyfileobj(file, copy)
+    copy.seek(0)
+    return copy
+
+
+def _header(text: bytes) -> tuple[str, list[str]]:
+    """When the run started, and its command."""
+    try:
+        header = json.loads(text)
+        version = header["orvin-recording"]
+        result = str(header.get("started", "")), [str(word) for word in header.get("command", [])]
+    except DAMAGE:
+        raise Unreadable("line 1: not a recording") from None
+    if version != VERSION:
+        raise Unreadable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
+    return result
+
+
+def _in_order(events: Iterable[Event | Acknowledgements]) -> Iterator[Event | Acknowledgements]:
+    """A call stands where it ended, after the callbacks that came meanwhile. The tool calls from one thread, so only
+    callbacks have to wait, until the call that follows them is read."""
+    waiting: list[tuple[int, int, Event | Acknowledgements]] = []
+    for count, event in enumerate(events):
+        if event.name in CALLBACKS:
+            at = event.times[0] if isinstance(event, Acknowledgements) else event.at
+            heappush(waiting, (at, count, event))
+            if len(waiting) > MOST_WAITING:
+                yield heappop(waiting)[2]
+            continue
+        assert isinstance(event, Event)
+        while waiting and waiting[0][0] <= event.at:
+            _, order, callback = heappop(waiting)
+            if isinstance(callback, Acknowledgements) and callback.times[-1] > event.at:
+                early = sum(time <= event.at for time in callback.times)
+                late, callback = callback.part(early, len(callback.times)), callback.part(0, early)
+                heappush(waiting, (late.times[0], order, late))
+            yield callback
+        yield event
+    while waiting:
+        yield heappop(waiting)[2]
 
 
 def _microseconds(time: float) -> int:
