@@ -5,7 +5,7 @@ _orvin_recording() {
     case $COMP_CWORD,${COMP_WORDS[1]},$current in
     1,*) words='summary plot bus check -h --help --version' ;;
     *,summary,-* | *,check,-*) words='-h --help --json' ;;
-    *,plot,-*) words='-h --help -o --output' ;;
+    *,plot,-*) words='-h --help -o --output --from --to' ;;
     *,bus,-*) words='-h --help' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")

@@ -51,7 +51,7 @@ compare_all orvin-firmware-upgrade-sim "$(own_options sim/orvin-firmware-upgrade
     "$(offers _orvin_firmware_upgrade_sim orvin-firmware-upgrade-sim -)"
 options=$(grep -oP '"\K--[a-z]+(?=")|^ +\("\K[a-z]+(?=", ")' tools/orvin-recording/orvin_recording/__main__.py; echo --help)
 compare_all orvin-recording "$options" "$(offers _orvin_recording orvin-recording ''
-    for subcommand in summary plot bus; do offers _orvin_recording orvin-recording $subcommand -; done)"
+    for subcommand in summary plot bus check; do offers _orvin_recording orvin-recording $subcommand -; done)"
 
 tool=orvin-image page=man/orvin-image.1
 text=$(tr '\n' ' ' <tools/orvin-image/main.cpp)

@@ -1,11 +1,11 @@
 """orvin-recording: shows what happened on a bus."""
 
 import argparse
-import gc
 import io
 import json
 import os
 import sys
+from math import inf
 
 from . import bus, plot, reader, summary
 from .analysis import Analysis, printable
@@ -31,6 +31,8 @@ def _parse(version: str) -> argparse.Namespace:
             subcommand.add_argument("--json", action="store_true", help="print JSON")
         if name == "plot":
             subcommand.add_argument("-o", "--output", metavar="FILE.svg", required=True, help="the picture to write")
+            subcommand.add_argument("--from", metavar="SECONDS", type=float, default=0, help="where it begins")
+            subcommand.add_argument("--to", metavar="SECONDS", type=float, default=inf, help="where it ends")
     return parser.parse_args()
 
 
@@ -45,9 +47,9 @@ def _show(recording: reader.Recording, arguments: argparse.Namespace) -> tuple[s
         text = json.dumps(check.as_objects(), indent=2) if arguments.json else check.as_text()
         return text, BROKEN if check.broken else 0
     if arguments.subcommand == "bus":
-        text = bus.as_text(recording)
+        text = bus.Bus(recording).as_text()
     elif arguments.subcommand == "plot":
-        text = plot.as_text(Analysis(recording))
+        text = plot.as_text(Analysis(recording), getattr(arguments, "from") * 1e6, arguments.to * 1e6)
     elif arguments.json:
         text = json.dumps(summary.as_object(Analysis(recording)), indent=2)
     else:
@@ -57,7 +59,8 @@ def _show(recording: reader.Recording, arguments: argparse.Namespace) -> tuple[s
 
 def _write(text: str, arguments: argparse.Namespace) -> None:
     if arguments.subcommand == "plot":
-        plot.write(text, arguments.output)
+        with open(arguments.output, "w", encoding="utf-8") as file:
+            file.write(text)
         return
     if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
         raise OSError("closed")
@@ -89,7 +92,6 @@ def _run(arguments: argparse.Namespace) -> int:
 
 
 def main(version: str) -> int:
-    gc.disable()  # a recording has a million events, and hardly a cycle
     try:
         return _run(_parse(version))
     except KeyboardInterrupt:

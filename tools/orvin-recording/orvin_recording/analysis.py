@@ -3,23 +3,25 @@
 from collections import Counter, defaultdict
 from collections.abc import Collection
 from dataclasses import dataclass, field
+from itertools import accumulate
 
-from .reader import VERSIONS, Acknowledgements, Event, Recording
+from .reader import TRANSFER, VERSIONS, Call, Callbacks, Recording
 
 ARM = 0x200
 TARGETS = {ARM: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
 SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the packet
 GO_BACK = 17
+QUIET = 100_000
 FINE = 10_000  # longer times are rounded to tenths of a millisecond
 MOST_MARKS = 4_000  # of a kind that lasts for a moment; then they are merged, two and two
 MOMENTS = "resend", "go_back", "fault"
 ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device
-LINK, TRANSFER, RETURN = "waiting for the link", "transferring", "waiting for the return"
+LINK, TRANSFERRING, RETURN = "waiting for the link", "transferring", "waiting for the return"
 PHASE_OF_CALL = {
     "TalmApiGetBusMembers": "looking for devices",
     "OrvinInfo": "asking versions",
     "ImageTransfer_write_request": "announcing",
-    "ImageTransfer_data": TRANSFER,
+    "ImageTransfer_data": TRANSFERRING,
     "TalmApiSetCallback": "pausing",
     "OrvinImageMaintenance_check_image": "checking",
     "OrvinImageMaintenance_start_update": RETURN,
@@ -49,13 +51,10 @@ class Mark:
 
 def percentile(histogram: Counter[int], part: int) -> int:
     """The value below which that part of the values lies, in percent."""
-    left = (histogram.total() - 1) * part // 100
-    values = iter(sorted(histogram))
-    value = next(values)
-    while left >= histogram[value]:
-        left -= histogram[value]
-        value = next(values)
-    return value
+    rank = (histogram.total() - 1) * part // 100
+    values = sorted(histogram)
+    counts = accumulate(histogram[value] for value in values)
+    return next(value for value, count in zip(values, counts) if count > rank)
 
 
 @dataclass(eq=False)
@@ -118,6 +117,7 @@ class Analysis:
         self.tool = Device("", "the tool")  # its cost is by step; stands for calls to all devices or to none
         self.end = 0
         self.phases = [Phase(LINK, LINK, 0)]
+        self.answers = [(0, 0)]  # when packets were answered: begins and ends, QUIET or more apart
         self._clock = 0  # what is before is shared out
         self._waited: set[Device] = set()  # those that the tool waits for
         self._receivers: set[Device] = set()  # those of the attempt that are not dropped
@@ -128,12 +128,13 @@ class Analysis:
         self._sent, self._is_resent = 0, False  # when the packet in flight was first sent
         self._back: tuple[int, Device] | None = None  # the lowest packet that a device asked for, until it is made up
         self._requests: Counter[Device] = Counter()  # to go back, without progress
-        self._batch: tuple[list[str], list[Device], set[Device]] = [], [], set()  # the last names, and their devices
         for event in recording.events():
-            if isinstance(event, Acknowledgements):
-                self._follow_acknowledgements(event)
+            if isinstance(event, Call):
+                self._called(event, self._device(event.device))
+            elif event.name == TRANSFER:
+                self._answered(event)
             else:
-                self._follow(event, self._device(event.device))
+                self._bus_changed(event)
         self._spend(self.end, self._waited)
         self.phases[-1].end = self.end
         for device in self.devices.values():
@@ -142,73 +143,47 @@ class Analysis:
     def _device(self, name: str | None) -> Device:
         return self.devices.get(name or "", self.tool)
 
-    def _follow_acknowledgements(self, batch: Acknowledgements) -> None:
-        """The same as one after the other, but fast for devices that the tool waits for."""
-        if batch.devices is not self._batch[0]:
-            devices = [self._device(name) for name in batch.devices]
-            self._batch = batch.devices, devices, {*devices}
-        _, devices, different = self._batch
-        is_expected = self.phases[-1].name == TRANSFER and batch.number == self._packet and different <= self._waited
-        if not is_expected or len(different) < len(devices):
-            for event in batch.events():
-                self._follow(event, self._device(event.device))
-            return
-        self._waited -= different
-        times = batch.times
-        if times[1:]:
-            self._spend(times[-2], [])
-        self._spend(times[-1], [] if self._waited else devices[-1:])
-        self.end = max(self.end, times[-1])
-        for device, at in zip(devices, times):
-            device.needed[self._since_sent(at)] += 1
-
-    def _since_sent(self, at: int) -> int:
-        time = at - self._sent
-        return time if time < FINE else round(time, -2)
-
-    def _follow(self, event: Event, device: Device) -> None:
-        self.end = max(self.end, event.at + event.took)
-        if event.name == "TransferCallback":
-            self._answer(event, device)
-            return
-        self._spend(event.at, self._waited)
-        self._enter_phase(event)
-        handler = getattr(self, f"_on_{event.name}", None)
+    def _called(self, call: Call, device: Device) -> None:
+        end = call.at + call.took
+        self.end = max(self.end, end)
+        self._spend(call.at, self._waited)
+        self._enter_phase(call)
+        handler = getattr(self, f"_on_{call.name}", None)
         if handler:
-            handler(event, device)
-        if event.result != 0 and event.name in REFUSABLE:
-            self._drop(device, event.at + event.took, f"{REFUSABLE[event.name]} refused, {event.result}")
-        device.failed_calls += event.result != 0 and event.name != "TalmApiIsTalm"
-        self._spend(event.at + event.took, [device], "calls")
+            handler(call, device)
+        if call.result != 0 and call.name in REFUSABLE:
+            self._drop(device, end, f"{REFUSABLE[call.name]} refused, {call.result}")
+        device.failed_calls += call.result != 0 and call.name != "TalmApiIsTalm"
+        self._spend(end, [device], "calls")
 
     def _spend(self, until: int, owners: Collection[Device], column: str = "") -> None:
         """The time that is not shared out yet is the owners', the same for each. Without owners it is the tool's."""
         step = self.phases[-1].name
         owners = [self._back[1]] if self._back else owners or [self.tool]
-        column = "go_back" if self._back else column or ("transfer" if step == TRANSFER else "return")
+        column = "go_back" if self._back else column or ("transfer" if step == TRANSFERRING else "return")
         time = max(0, until - self._clock)
         self._clock += time
         for owner in owners:
             owner.cost[step if owner is self.tool else column] += time / len(owners)
 
-    def _enter_phase(self, event: Event) -> None:
+    def _enter_phase(self, call: Call) -> None:
         phase = self.phases[-1]
-        name = PHASE_OF_CALL.get(event.name, phase.name)
-        is_part = (phase.name, event.name) in PART_OF_PHASE or event.fields.get("callback") == "set"
+        name = PHASE_OF_CALL.get(call.name, phase.name)
+        is_part = (phase.name, call.name) in PART_OF_PHASE or call.fields.get("callback") == "set"
         if is_part or name == phase.name:
             return
-        phase.end = event.at
-        self._end_packet(event.at)
+        phase.end = call.at
+        self._end_packet(call.at)
         self._back = None
         if phase.name == RETURN and not self.recording.first_damaged:  # else it may only lack the answer
             for device in [device for device in self._receivers if not device.answered]:
-                self._drop(device, event.at, "not back")
+                self._drop(device, call.at, "not back")
         attempt = "" if name == "closing" else phase.title[: -len(phase.name)]
         if name == "announcing":
-            attempt = self._begin_attempt(event)
-        self.phases.append(Phase(name, attempt + name, event.at))
+            attempt = self._begin_attempt(call)
+        self.phases.append(Phase(name, attempt + name, call.at))
 
-    def _begin_attempt(self, call: Event) -> str:
+    def _begin_attempt(self, call: Call) -> str:
         content = tuple(call.fields.get(key, 0) for key in ("target", "content_size", "content_checksum"))
         self._attempts[content] += 1
         self._attempt = self._attempts[content]
@@ -221,7 +196,7 @@ class Analysis:
         for devices in (self._receivers, self._started, self._waited):
             devices.discard(device)
 
-    def _on_OrvinInfo(self, call: Event, device: Device) -> None:
+    def _on_OrvinInfo(self, call: Call, device: Device) -> None:
         device.answered = call.result == 0
         device.name = call.fields.get("name") or device.name
         versions = {key: call.fields[key] for key in VERSIONS if key in call.fields}
@@ -231,20 +206,20 @@ class Analysis:
             device.turn(call.at, "" if is_up else "away", "DSP down")
         self._waited = set() if is_up else {device}
 
-    def _on_ImageTransfer_write_request(self, _: Event, device: Device) -> None:
+    def _on_ImageTransfer_write_request(self, _: Call, device: Device) -> None:
         self._receivers.add(device)
 
-    def _on_ImageTransfer_data(self, call: Event, _: Device) -> None:
-        if call.number == self._packet and self._waited and not self._is_resent:
+    def _on_ImageTransfer_data(self, call: Call, _: Device) -> None:
+        if call.packet == self._packet and self._waited and not self._is_resent:
             self._is_resent = True
             for device in self._waited:
-                device.mark("resend", call.at, call.at, f"packet {call.number} sent again")
+                device.mark("resend", call.at, call.at, f"packet {call.packet} sent again")
         else:
             self._end_packet(call.at)
-            self._packet, self._next, self._sent = call.number, call.number + 1, call.at
+            self._packet, self._next, self._sent = call.packet, call.packet + 1, call.at
             self._waited = self._receivers.copy()
-        if call.number > self._highest:
-            self._highest, self._back = call.number, None
+        if call.packet > self._highest:
+            self._highest, self._back = call.packet, None
             self.phases[-1].packets += 1
             self._requests.clear()
         if call.result != SENT_TO_ALL:
@@ -256,55 +231,78 @@ class Analysis:
             self._drop(device, at, f"silent, packet {self._packet}")
         self._waited, self._is_resent = set(), False
 
-    def _answer(self, event: Event, device: Device) -> None:
-        """It counts for the packet in flight, whatever its number. Until the last but one, the time is the tool's."""
-        in_flight = self.phases[-1].name == TRANSFER and device in self._receivers
-        if in_flight and device in self._waited:
-            self._waited.discard(device)
-            self._spend(event.at, [] if self._waited else [device])
-            if event.result == 0 and event.number == self._packet:
-                device.needed[self._since_sent(event.at)] += 1
-        if event.result == GO_BACK:
-            device.mark("go_back", event.at, event.at, f"asks for packet {event.number}")
-            if in_flight and event.number < self._next:
-                self._go_back(event, device)
-        elif event.result != 0:
-            device.mark("fault", event.at, event.at, f"result {event.result}, packet {event.number}")
-            self._drop(device, event.at, f"fault {event.result}")
+    def _answered(self, answers: Callbacks) -> None:
+        """Each counts for the packet in flight, whatever its number. Until the last but one, the time is the tool's."""
+        self.end = max(self.end, answers.times[-1])
+        begin, end = self.answers[-1]
+        if answers.times[0] - end < QUIET:
+            self.answers[-1] = begin, answers.times[-1]
+        else:
+            self.answers.append((answers.times[0], answers.times[-1]))
+        waited = self._waited if self.phases[-1].name == TRANSFERRING else set()
+        is_acknowledged = answers.result == 0 and answers.number == self._packet
+        last = self._clock
+        for at, name in zip(answers.times, answers.devices):
+            device = self.devices.get(name)
+            if device not in waited:
+                continue
+            waited.remove(device)
+            if not waited:
+                self._spend(last, [])
+                self._spend(at, [device])
+            last = at
+            if is_acknowledged:
+                needed = at - self._sent
+                device.needed[needed if needed < FINE else round(needed, -2)] += 1
+        self._spend(last, [])
+        if answers.result != 0:
+            self._faulty(answers, self._device(answers.devices[0]))
 
-    def _go_back(self, event: Event, device: Device) -> None:
-        self._spend(event.at, self._waited)
-        self._next = event.number
-        if not self._back or event.number < self._back[0]:
-            self._back = event.number, device
+    def _faulty(self, answer: Callbacks, device: Device) -> None:
+        at, number = answer.times[0], answer.number
+        if answer.result != GO_BACK:
+            device.mark("fault", at, at, f"result {answer.result}, packet {number}")
+            self._drop(device, at, f"fault {answer.result}")
+            return
+        device.mark("go_back", at, at, f"asks for packet {number}")
+        if self.phases[-1].name == TRANSFERRING and device in self._receivers and number < self._next:
+            self._go_back(at, number, device)
+
+    def _go_back(self, at: int, packet: int, device: Device) -> None:
+        self._spend(at, self._waited)
+        self._next = packet
+        if not self._back or packet < self._back[0]:
+            self._back = packet, device
         self._requests[device] += 1
         if self._requests[device] == ENDLESS:
-            self._drop(device, event.at, "endless go back")
+            self._drop(device, at, "endless go back")
 
-    def _on_OrvinImageMaintenance_check_image(self, call: Event, device: Device) -> None:
+    def _on_OrvinImageMaintenance_check_image(self, call: Call, device: Device) -> None:
         device.mark("check", call.at, call.at + call.took, f"{call.took / 1e6:.3f} s")
         first, second = call.fields.get("first_output", 0), call.fields.get("second_output", 1)
         if call.result == 0 and first != second:
             self._drop(device, call.at + call.took, f"sums differ, {first} and {second}")
 
-    def _on_OrvinImageMaintenance_start_update(self, call: Event, device: Device) -> None:
+    def _on_OrvinImageMaintenance_start_update(self, call: Call, device: Device) -> None:
         device.turn(call.at, "install" if call.result == 0 else "", "installs")
         self._started.add(device)
 
-    def _on_BusChangeCallback(self, event: Event, device: Device) -> None:
-        is_back = event.number == 0
-        device.turn(event.at, "" if is_back else "away", "off the bus")
+    def _bus_changed(self, change: Callbacks) -> None:
+        at, device, is_back = change.times[0], self._device(change.devices[0]), change.number == 0
+        self.end = max(self.end, at)
+        self._spend(at, self._waited)
+        device.turn(at, "" if is_back else "away", "off the bus")
         if is_back:
-            device.mark("joined", event.at, event.at, "back on the bus")
+            device.mark("joined", at, at, "back on the bus")
             self._started.discard(device)
 
-    def _on_TalmApiGetLinkState(self, call: Event, _: Device) -> None:
+    def _on_TalmApiGetLinkState(self, call: Call, _: Device) -> None:
         self._waited = self._started if call.fields.get("active") else set()
 
     def _on_TalmApiSetBusChangeCallback(self, *_: object) -> None:
         self._started, self._waited = set(), set()
 
-    def _on_TalmApiGetBusMembers(self, call: Event, _: Device) -> None:
+    def _on_TalmApiGetBusMembers(self, call: Call, _: Device) -> None:
         listed = self.devices if call.result < 0 else {*call.fields.get("members", [])}
         self._waited = {device for name, device in self.devices.items() if name not in listed}
 

@@ -1,35 +1,48 @@
 """Draws a run: a lane for each device, time to the right. Times are microseconds, lengths pixels."""
 
-import os
-import tempfile
 import textwrap
 from collections import Counter, defaultdict
 from collections.abc import Iterator
-from itertools import groupby
+from itertools import chain, groupby
 from math import log1p
 from xml.sax.saxutils import escape
 
 from .analysis import Analysis, Device, Phase, printable
-from .reader import Acknowledgements
+from .axis import Axis
+from .reader import TRANSFER, Callbacks, Unreadable
 from .summary import about, answer
 
-LEFT, PLOT, RIGHT, TOP = 210, 1160, 30, 60
-WIDTH = LEFT + PLOT + RIGHT
+WIDTH = 1400
+EDGE = 10
+FONT, LARGE = 11, 14
+ADVANCE = 0.61  # width of a character, as a part of the size of its font: the same in all fonts of a fixed width
+MOST_REASON = 50  # characters
+ROW = 20  # height, of the legend
+BAND = 18  # width, of the mark of a break
 MERGED = 7  # marks of a kind in a stretch of this length share one
-TEXT = 6.2  # width of a character
 BAR = 0.7  # height, as a part of the lane
-# Of marks, in the order of drawing: title, colour, height as a part of the lane or the path of a symbol.
+GREY, WHITE = "#c8c8c8", "#ffffff"
+# Of marks, in the order of drawing: title, colour, and height as a part of the lane, or the path of a symbol.
 KINDS: dict[str, tuple[str, str, float | str]] = {
     "install": ("installs, until it is gone or answers", "#bbdff5", BAR),
     "away": ("away, or DSP down", "#8c8c8c", 0.3),
     "acknowledged": ("acknowledgements", "#56b4e9", BAR),
     "check": ("check", "#009e73", BAR),
-    "resend": ("sent again", "#0072b2", "m0-9 5 10h-10z"),
-    "go_back": ("asks to go back", "#cc79a7", "m-6 5 10-5v10z"),
+    "resend": ("sent again", "#0072b2", "m0-6 6 12h-12z"),
+    "go_back": ("asks to go back", "#cc79a7", "m-6 0 12-6v12z"),
     "fault": ("fault", "#d55e00", "m-5-3 2-2 3 3 3-3 2 2-3 3 3 3-2 2-3-3-3 3-2-2 3-3z"),
     "joined": ("back on the bus", "#009e73", "m-5 0a5 5 0 1 0 10 0a5 5 0 1 0-10 0z"),
-    "removed": ("dropped", "#000000", "m5-7h6v14h-6z"),
+    "removed": ("dropped, with the reason on the right", "#000000", "m-3-7h6v14h-6z"),
 }
+
+
+def _length(words: str, font: int = FONT) -> float:
+    return len(words) * font * ADVANCE
+
+
+LEGEND_WIDTH = int(ROW + 3 * EDGE + max(_length(words) for words, *_ in KINDS.values()))
+LEGEND_COLUMNS = (WIDTH - EDGE) // LEGEND_WIDTH
+LEGEND_HEIGHT = ROW * -(-len(KINDS) // LEGEND_COLUMNS)
 
 
 def _text(x: float, y: float, words: str, style: str = "") -> str:
@@ -47,77 +60,105 @@ def _box(x: float, y: float, width: float, height: float, colour: str, tooltip: 
 def _mark(kind: str, x: float, middle: float, width: float, lane: int, tooltip: str = "") -> str:
     _, colour, shape = KINDS[kind]
     if isinstance(shape, str):
-        return _path(f"M{x:.1f} {middle:.1f}{shape}", colour, tooltip, 'stroke="#ffffff" stroke-width=".7"')
+        return _path(f"M{x:.1f} {middle:.1f}{shape}", colour, tooltip, f'stroke="{WHITE}" stroke-width=".7"')
     return _box(x, middle - lane * shape / 2, width, lane * shape, colour, tooltip)
 
 
-def _draw(analysis: Analysis) -> Iterator[str]:
-    scale = PLOT / max(1, analysis.end)
-    words = textwrap.wrap(answer(analysis), 150)
-    top = TOP + 18 * len(words)
+def _axis(analysis: Analysis, begin: float, end: float) -> Axis:
+    devices = analysis.devices.values()
+    marks = [mark for device in devices for kind in device.marks.values() for mark in kind]
+    busy = chain(analysis.answers, *(((mark.begin, mark.begin), (mark.end, mark.end)) for mark in marks))
+    left = 2 * EDGE + max((_length(device.title) for device in devices), default=0)
+    right = 3 * EDGE + max((_length(_reasons(device)) for device in devices), default=0)
+    return Axis(int(left), int(WIDTH - left - right), begin, end, busy)
+
+
+def _reasons(device: Device) -> str:
+    return textwrap.shorten("; ".join(mark.text for mark in device.marks["removed"]), MOST_REASON, placeholder=" ...")
+
+
+def _draw(analysis: Analysis, axis: Axis) -> Iterator[str]:
+    words = textwrap.wrap(answer(analysis), int((WIDTH - 2 * EDGE) / _length("m", LARGE)))
+    top = 60 + 18 * len(words)
     lane = min(48, max(18, 640 // max(1, len(analysis.devices))))
     bottom = top + lane * len(analysis.devices)
-    size = f'viewBox="0 0 {WIDTH} {bottom + 70}" width="{WIDTH}" height="{bottom + 70}"'
-    yield f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="sans-serif" font-size="11">'
-    yield '<rect width="100%" height="100%" fill="#ffffff"/>'
+    height = bottom + 40 + LEGEND_HEIGHT
+    size = f'viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}"'
+    yield f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="monospace" font-size="{FONT}">'
+    yield f'<rect width="100%" height="100%" fill="{WHITE}"/>'
     for number, line in enumerate(words, start=1):
-        yield _text(10, 4 + 18 * number, line, 'font-size="14" font-weight="bold"')
-    yield _text(10, top - 36, f"{about(analysis)}  {analysis.recording.problem}")
+        yield _text(EDGE, 4 + 18 * number, line, f'font-size="{LARGE}" font-weight="bold"')
+    yield _text(EDGE, top - 36, f"{about(analysis)}  {analysis.recording.problem}")
     for number, phase in enumerate(analysis.phases):
-        yield from _phase(phase, scale, top - 22, bottom, "#eeeeee" if number % 2 else "#ffffff")
-    yield from _axis(analysis.end / 1e6, top, bottom)
-    columns = _columns(analysis, scale)
+        yield from _phase(phase, axis, top - 22, bottom, "#eeeeee" if number % 2 else WHITE)
+    yield from _ticks(axis, top, bottom)
+    columns = _columns(analysis, axis)
     for number, device in enumerate(analysis.devices.values()):
-        yield from _lane(device, columns[device.id], scale, top + lane * (number + 0.5), lane)
+        yield from _lane(device, columns[device.id], axis, top + lane * (number + 0.5), lane)
+    for begin, end in axis.breaks:
+        yield from _break((axis.x(begin) + axis.x(end)) / 2, top, bottom + 6, (end - begin) / 1e6)
     yield from _legend(bottom + 46)
     yield "</svg>\n"
 
 
-def _phase(phase: Phase, scale: float, top: int, bottom: int, colour: str) -> Iterator[str]:
-    x, width = LEFT + scale * phase.begin, scale * (phase.end - phase.begin)
-    took = f"{phase.title}, {phase.begin / 1e6:.3f} to {phase.end / 1e6:.3f} s"
-    yield _box(x, top, width, bottom - top, colour, took)
-    fitting = [name for name in (phase.title, phase.name) if len(name) * TEXT < width]
-    yield from [_text(x + width / 2, top + 14, name, 'text-anchor="middle"') for name in fitting[:1]]
+def _phase(phase: Phase, axis: Axis, top: int, bottom: int, colour: str) -> Iterator[str]:
+    x, end = axis.x(phase.begin), axis.x(phase.end)
+    if x == end:
+        return
+    yield _box(x, top, end - x, bottom - top, colour, f"{phase.title}, {_when(phase.begin, phase.end)}")
+    fitting = [name for name in (phase.title, phase.name) if _length(name) < end - x]
+    yield from [_text((x + end) / 2, top + 14, name, 'text-anchor="middle"') for name in fitting[:1]]
 
 
-def _axis(seconds: float, top: int, bottom: int) -> Iterator[str]:
-    steps = (digit * 10.0**power for power in range(-6, 12) for digit in (1, 2, 5))
-    step = next(step for step in steps if seconds / step <= 14)
-    for count in range(int(seconds / step) + 1):
-        x = LEFT + PLOT * count * step / max(1e-6, seconds)
-        yield _box(x, top, 0, bottom - top + 5, "#c8c8c8")
-        yield _text(x, bottom + 18, f"{count * step:g} s", 'text-anchor="middle"')
+def _when(begin: float, end: float) -> str:
+    return f"{begin / 1e6:.3f} to {end / 1e6:.3f} s"
 
 
-def _lane(device: Device, columns: Counter[int], scale: float, y: float, lane: int) -> Iterator[str]:
-    yield _text(10, y + 4, device.title)
-    yield _box(LEFT, y + lane / 2, PLOT, 0.5, "#c8c8c8", printable(device.id))
+def _ticks(axis: Axis, top: int, bottom: int) -> Iterator[str]:
+    last = 0.0
+    for x, words in axis.ticks():
+        if x - _length(words) / 2 > last:
+            yield _box(x, top, 0, bottom - top + 5, GREY)
+            yield _text(x, bottom + 18, words, 'text-anchor="middle"')
+            last = x + _length(words) / 2 + EDGE
+
+
+def _break(x: float, top: int, bottom: int, seconds: float) -> Iterator[str]:
+    yield _box(x - BAND / 2, top, BAND, bottom - top, WHITE)
+    for side in (x - BAND / 2, x + BAND / 2):
+        yield f'<path d="M{side:.1f} {top}V{bottom}" stroke="#8c8c8c" stroke-dasharray="4 3"/>'
+    middle = (top + bottom) / 2
+    style = f'text-anchor="middle" transform="rotate(-90 {x:.0f} {middle:.0f})"'
+    yield _text(x + 4, middle, f"{seconds:.1f} s" if seconds >= 1 else f"{seconds * 1e3:.0f} ms", style)
+
+
+def _lane(device: Device, columns: Counter[int], axis: Axis, y: float, lane: int) -> Iterator[str]:
+    left, right = axis.x(axis.begin), axis.x(axis.end)
+    yield _text(EDGE, y + 4, device.title)
+    yield _text(right + EDGE, y + 4, _reasons(device))
+    yield _box(left, y + lane / 2, right - left, 0.5, GREY, printable(device.id))
     for kind in KINDS:
         if kind == "acknowledged":
             yield _acknowledgements(columns, y + lane / 2, lane)
-        near = groupby(device.marks[kind], lambda mark: scale * mark.begin // MERGED)
-        for marks in ([*group] for _, group in near):
+        shown = (mark for mark in device.marks[kind] if mark.end >= axis.begin and mark.begin <= axis.end)
+        for _, near in groupby(shown, lambda mark: axis.x(mark.begin) // MERGED):
+            marks = [*near]
             begin, end, times = marks[0].begin, marks[-1].end, sum(mark.count for mark in marks)
             count = f"{times} times, first: " if times > 1 else ""
-            x, when = LEFT + scale * begin, f"{begin / 1e6:.3f} to {end / 1e6:.3f} s"
-            tooltip = f"{device.title}: {KINDS[kind][0]}, {when}; {count}{marks[0].text}"
-            yield _mark(kind, x, y, scale * (end - begin), lane, tooltip)
-            if kind == "removed":
-                where, anchor = (x, "end") if x > LEFT + PLOT / 2 else (x + 16, "start")
-                halo = f'paint-order="stroke" stroke="#ffffff" stroke-width="3" text-anchor="{anchor}"'
-                yield _text(where, y + 4, marks[0].text, halo)
+            tooltip = f"{device.title}: {KINDS[kind][0]}, {_when(begin, end)}; {count}{marks[0].text}"
+            yield _mark(kind, axis.x(begin), y, axis.x(end) - axis.x(begin), lane, tooltip)
 
 
-def _columns(analysis: Analysis, scale: float) -> defaultdict[str, Counter[int]]:
+def _columns(analysis: Analysis, axis: Axis) -> defaultdict[str, Counter[int]]:
     """For each device, how many acknowledgements each pixel has."""
     columns: defaultdict[str, Counter[int]] = defaultdict(Counter)
     for event in analysis.recording.events():
-        if isinstance(event, Acknowledgements):
-            for device, at in zip(event.devices, event.times):
-                columns[device][int(LEFT + scale * at)] += 1
-        elif event.name == Acknowledgements.name and event.result == 0:
-            columns[event.device or ""][int(LEFT + scale * event.at)] += 1
+        if not isinstance(event, Callbacks) or event.name != TRANSFER or event.result != 0:
+            continue
+        first, last = int(axis.x(event.times[0])), int(axis.x(event.times[-1]))
+        for at, device in zip(event.times, event.devices):
+            if axis.begin <= at <= axis.end:
+                columns[device][first if first == last else int(axis.x(at))] += 1
     return columns
 
 
@@ -129,26 +170,16 @@ def _acknowledgements(columns: Counter[int], bottom: float, lane: int) -> str:
 
 
 def _legend(y: int) -> Iterator[str]:
-    x: float = 10
-    for kind, (words, *_) in KINDS.items():
-        yield _mark(kind, x, y, 16, 20)
-        yield _text(x + 22, y + 4, words)
-        x += 46 + len(words) * TEXT
+    for number, (kind, (words, _, shape)) in enumerate(KINDS.items()):
+        row, column = divmod(number, LEGEND_COLUMNS)
+        x, middle = EDGE + LEGEND_WIDTH * column, y + ROW * row
+        yield _mark(kind, x + ROW / 2 if isinstance(shape, str) else x, middle, ROW, ROW)
+        yield _text(x + ROW + EDGE, middle + 4, words)
 
 
-def as_text(analysis: Analysis) -> str:
-    return "\n".join(_draw(analysis))
-
-
-def write(picture: str, path: str) -> None:
-    """Writes it whole, or leaves what is there. Raises OSError."""
-    if os.path.exists(path) and not os.path.isfile(path):  # such as /dev/stdout
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(picture)
-        return
-    path = os.path.realpath(path)
-    with tempfile.TemporaryDirectory(dir=os.path.dirname(path)) as directory:
-        temporary = os.path.join(directory, "picture")
-        with open(temporary, "w", encoding="utf-8") as file:
-            file.write(picture)
-        os.replace(temporary, path)
+def as_text(analysis: Analysis, begin: float, end: float) -> str:
+    """The SVG of a part of the run. Raises Unreadable if there is none."""
+    begin, end = max(begin, 0), min(end, analysis.end)
+    if not begin < end:
+        raise Unreadable(f"nothing to draw: the run takes {analysis.end / 1e6:.3f} s")
+    return "\n".join(_draw(analysis, _axis(analysis, begin, end)))
