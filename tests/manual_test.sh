@@ -49,6 +49,8 @@ compare "$page, message" "$messages" "$(sed -n 's/\\&$//; s/^\.It Qq //p' $page)
 compare_all orvin-record "$(own_options recording/orvin-record.in)" "$(offers _orvin_record orvin-record -)"
 compare_all orvin-firmware-upgrade-sim "$(own_options sim/orvin-firmware-upgrade-sim.in)" \
     "$(offers _orvin_firmware_upgrade_sim orvin-firmware-upgrade-sim -)"
+options=$(grep -oP '"\K--[a-z]+(?=")' tools/orvin-signed-upgrade/orvin_signed_upgrade/__main__.py | grep -vx -e --; echo --help)
+compare_all orvin-signed-upgrade "$options" "$(offers _orvin_signed_upgrade orvin-signed-upgrade -)"
 options=$(grep -oP '"\K--[a-z]+(?=")|^ +\("\K[a-z]+(?=", ")' tools/orvin-recording/orvin_recording/__main__.py; echo --help)
 compare_all orvin-recording "$options" "$(offers _orvin_recording orvin-recording ''
     for subcommand in summary plot bus check; do offers _orvin_recording orvin-recording $subcommand -; done)"

@@ -133,31 +133,6 @@ TEST_F(Program, WritesItsStatusMessagesInTheUsersLanguage) {
     }
 }
 
-TEST_F(Program, ExampleFollowsAnUpgradeAndTellsWhatItsEndAsksFor) {
-    shell("orvin-image create arm.img --target arm --version 7 --size 100");
-    const std::string follow =
-        PREFIX "/share/doc/orvin-firmware-upgrade/examples/follow-upgrade status ";
-    const std::string tool = "orvin-firmware-upgrade -B -m status -c ";
-    const std::string upgrade = tool + "sim:bus.json arm.img ";
-    for (const auto& [command, exitStatus, told] :
-         {std::tuple{upgrade + "missing.img", 1, "\n1 device was updated.\nAttention: "},
-          {tool + "tcp://nowhere arm.img", 132, "bus is not ready"},
-          {tool, 129, "The command line is wrong"},
-          // Ends when its line has arrived.
-          {"timeout 60 sh -c 'echo console; until grep -q console stdout; do sleep 0.1; done'", 0,
-           "console\n"},
-          {"env --default-signal=HUP sh -c 'kill -HUP $$'", 129, "SIGHUP ended the upgrade"},
-          {"sh -c 'kill -SEGV $$'", 139, "The tool crashed (SIGSEGV)"},
-          {"sh -c 'kill -TERM $PPID; exec sleep 60'", 143, "SIGTERM ended the upgrade"}}) {
-        const Result result = shell(follow + command);
-        EXPECT_EQ(result.exitStatus, exitStatus) << command;
-        EXPECT_TRUE(contains(result.output, told)) << result.output;
-    }
-    // The status message of an upgrade with nothing to do.
-    const std::string count = " >out; echo $? $(grep -c 'Waiting for Lumnet' out); tail -n 1 out";
-    EXPECT_EQ(shell(follow + upgrade + count).output, "0 1\nNo device was updated.\n");
-}
-
 TEST_F(Program, SurvivesItsEnvironment) {
     const std::string listing =
         "; env --default-signal orvin-firmware-upgrade -l -m status -c sim:bus.json";
@@ -231,8 +206,8 @@ rows = [row["seconds"] for row in run["devices"]]; times = [*run["tool"].values(
 print(round(sum(times) - run["seconds"], 3) == 0, [row["go_back"] >= .003 for row in rows]))";
     EXPECT_EQ(shell("orvin-recording summary --json recording | python3 -c '" + sums + "'").output,
               "True [False, True]\n");
-    EXPECT_EQ(shell("PYTHONPATH=" PREFIX
-                    "/share/orvin-firmware-upgrade-sim python3 " RECORDING_TEST " recording")
+    EXPECT_EQ(shell("PYTHONPATH=" PREFIX "/share/orvin-firmware-upgrade-sim python3 " RECORDING_TEST
+                    " recording")
                   .output,
               "");
     const Result picture = shell(
