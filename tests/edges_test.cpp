@@ -22,7 +22,7 @@ ToolSetup upgrade(std::size_t contentSize) {
 }
 
 bool isAccepted(const std::string& commandLine) {
-    return checkedRun(describedRun(R"({"run": ")" + commandLine + "\"}")).exitStatus != 129;
+    return runTool(describedRun(R"({"run": ")" + commandLine + "\"}")).exitStatus != 129;
 }
 
 TEST(Edges, TheCommandLineHasToDescribeAMode) {
@@ -41,14 +41,14 @@ TEST(Edges, TheBudgetOfAGroupGrowsMoreSteeplyFrom41DevicesOn) {
     for (int number = 1; number <= 40; ++number) {
         run.bus.members.push_back(orvin(number));
     }
-    EXPECT_TRUE(checkedRun(run).printed("Will wait 1250 seconds"));
+    EXPECT_TRUE(runTool(run).printed("Will wait 1250 seconds"));
     run.bus.members.push_back(orvin(41));
-    EXPECT_TRUE(checkedRun(run).printed("Will wait 5202 seconds"));
+    EXPECT_TRUE(runTool(run).printed("Will wait 5202 seconds"));
 }
 
 std::string progress(const ToolSetup& run) {
     std::string percents;
-    for (const std::string& message : checkedRun(run).messages) {
+    for (const std::string& message : runTool(run).messages) {
         const std::size_t at = message.find(" firmware, ");
         percents += at == std::string::npos
                         ? ""
@@ -79,12 +79,11 @@ TEST(Edges, ADeviceGoesBackAtAnyMoment) {
         sim::Bus* bus = nullptr;
         described.onOpen = [&](sim::Bus& opened) { bus = &opened; };
         int count = 0;
-        const ToolRun run = checkedRun(described, {}, [&](SystemCall call, const std::string&) {
-            const bool counts = call == SystemCall::Read || call == SystemCall::Rename;
+        const ToolRun run = runTool(described, nullptr, [&](const std::string& call) {
+            const bool counts = call == "read" || call == "rename";
             if (counts && count++ == kBeforeTheFirst + moment) {
                 bus->requestGoBack(orvinId(1), 1);
             }
-            return 0;
         });
         EXPECT_EQ(run.calls(Function::Data), kPackets + std::max(moment / 2 - 1, 0)) << moment;
     }
@@ -93,9 +92,8 @@ TEST(Edges, ADeviceGoesBackAtAnyMoment) {
 TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
     const int before = prctl(PR_GET_TIMERSLACK);
     int during = 0;
-    checkedRun(upgrade(64), {}, [&](SystemCall call, const std::string&) {
-        during = call == SystemCall::Read ? prctl(PR_GET_TIMERSLACK) : during;
-        return 0;
+    runTool(upgrade(64), nullptr, [&](const std::string& call) {
+        during = call == "read" ? prctl(PR_GET_TIMERSLACK) : during;
     });
     EXPECT_EQ(during, before > 0 ? 1 : before);
     EXPECT_EQ(prctl(PR_GET_TIMERSLACK), before);

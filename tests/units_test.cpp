@@ -41,7 +41,7 @@ class Group : public testing::Test {
 protected:
     Group() {
         memory.files = standardImages();
-        sim::VirtualTime::instance().reset();
+        sim::VirtualTime::reset();
         MessageWriter::init("");
         sim::BusDescription bus;
         bus.members = {orvin(1)};
@@ -179,7 +179,7 @@ TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
 
 TEST_F(Group, WithoutDevicesWaitsForNone) {
     captureOutput([&] { EXPECT_TRUE(group.waitForRejoin()); });
-    EXPECT_EQ(sim::VirtualTime::instance().now(), 0);
+    EXPECT_EQ(sim::VirtualTime::time, 0);
 }
 
 TEST_F(Group, TakesTheLibrarysAnswerToARequestToAllForSuccess) {
@@ -211,7 +211,7 @@ TEST(FirmwareImage, StandsAtItsFirstContentByteAndTellsWhyItCannotRead) {
     ASSERT_TRUE(image.open("mem:small-header"));
     EXPECT_EQ(image.read(&byte, 1), 1);
     EXPECT_EQ(byte, system.files["mem:small-header"][image.getHeader().headerSize]);
-    system.before = [](SystemCall, const std::string&) { return EIO; };
+    system.errors["read #" + std::to_string(system.calls["read"] + 1)] = EIO;
     EXPECT_EQ(image.read(&byte, 1), -1);
     EXPECT_EQ(error.code, transfer_result::kImageReadFailed);
     image.close();
@@ -230,11 +230,8 @@ std::string thrownBy(const std::function<void()>& action) {
 TEST(MessageWriter, IsOneForTheProcess) {
     MemorySystem& system = MemorySystem::instance() = {};
     EXPECT_EQ(thrownBy([] { MessageWriter::instance(); }), "MessageWriter class not initialized");
-    system.before = [](SystemCall call, const std::string&) {
-        return call == SystemCall::InitMutex ? ENOMEM : 0;
-    };
+    system.errors["init 1 #1"] = ENOMEM;
     EXPECT_EQ(thrownBy([] { MessageWriter::init(""); }), "could not initialize message mutex!");
-    system.before = nullptr;
     MessageWriter* const writer = MessageWriter::init(MemorySystem::kStatusFile);
     EXPECT_EQ(MessageWriter::init("mem:other"), writer);
     writer->write(formatMessage("%s%c%s", "before", '\0', "after"));

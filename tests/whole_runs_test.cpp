@@ -13,17 +13,17 @@
 
 #include "support/described_run.h"
 #include "support/files.h"
-#include "support/recording_tool.h"
 #include "support/timeline.h"
 
 namespace {
 
 std::string storyOf(const ToolSetup& setup) {
-    const ToolRun run = checkedRun(setup);
+    const ToolRun run = runTool(setup);
     std::string text =
         std::regex_replace(timelineOf(run), std::regex(" v[0-9.]+\n"), " vVERSION\n") +
         "exit status " + std::to_string(run.exitStatus) +
-        (run.writerLeft ? ", message writer left" : "") + '\n';
+        (run.writerLeft ? ", message writer left" : "") +
+        (run.filesOpen > 0 ? ", files left open" : "") + '\n';
     for (const auto& file : run.filesNow) {
         text +=
             file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
@@ -56,7 +56,7 @@ class RecordingSummary : public Texts {};
 
 TEST_P(RecordingSummary, OfTheRunsRecordingIsExactlyAsExpected) {
     const std::filesystem::path run = RUNS / GetParam().path().filename();
-    const ToolRun recorded = checkedRun(describedRun(setUpOf(run)));
+    const ToolRun recorded = runTool(describedRun(setUpOf(run)));
     expectText(GetParam().path(), askRecordingTool(recorded, "summary").output);
 }
 

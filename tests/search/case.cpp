@@ -17,44 +17,40 @@ sim::Microseconds timeLimit(const Case& searched) {
 // Injects the faults at their calls.
 class Injector : public sim::Interceptor {
 public:
-    explicit Injector(const Case& searchedCase)
-        : searched(searchedCase), faults(searchedCase.faults) {}
+    explicit Injector(const std::vector<Fault>& ofTheCase) : faults(ofTheCase) {}
 
     void atAcquisition() {
         if (callbacks > 0) {
             return;  // a callback's own
         }
         const std::size_t index = acquisitions.size();
-        acquisitions.push_back({sim::VirtualTime::instance().pending(), packet, isRegistered});
+        acquisitions.push_back({sim::VirtualTime::events.size(), packet, isRegistered});
         ++callbacks;
         for (const Fault& fault : faults) {
             if (fault.place == Place::Lock && fault.call == index) {
-                fault.apply(bus, sim::Call(sim::Function::TransferCallback));
+                fault.strike(*bus);
             }
         }
         --callbacks;
     }
 
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
-        follow(call);
         constexpr std::size_t kMostCalls = 1'000'000;  // more than the longest wait makes
         const std::size_t index = calls++;
         if (index == kMostCalls) {
             throw sim::TimeLimitReached();
         }
-        std::optional<sim::InjectedResult> result;
-        if (searched.failsToClear && call.text == talm::slotText(false)) {
-            result = sim::InjectedResult{-1};
+        if (sim::isCallback(call.function)) {
+            ++callbacks;
+            return std::nullopt;
         }
-        for (const Fault& fault : faults) {
-            const bool applies = fault.place != Place::Lock && fault.call <= index &&
-                                 index <= std::max(fault.call, fault.last);
-            if (applies && !sim::isCallback(call.function)) {
-                const auto injected = fault.apply(bus, call);
-                result = injected ? injected : result;
-            }
+        if (call.function == sim::Function::SetTransferCallback) {
+            packet.reset();
+        } else if (call.function == sim::Function::Data) {
+            packet = call.given[0];
         }
-        return result;
+        isRegistered |= call.text == talm::slotText(true);
+        return strike(call, index);
     }
 
     void after(const sim::Call& call) override {
@@ -65,17 +61,22 @@ public:
     std::vector<Acquisition> acquisitions;
 
 private:
-    void follow(const sim::Call& call) {
-        callbacks += sim::isCallback(call.function) ? 1 : 0;
-        if (call.function == sim::Function::SetTransferCallback) {
-            packet.reset();
-        } else if (call.function == sim::Function::Data) {
-            packet = call.given[0];
+    std::optional<sim::InjectedResult> strike(const sim::Call& call, std::size_t index) {
+        std::optional<sim::InjectedResult> result;
+        for (const Fault& fault : faults) {
+            if (fault.place == Place::Lock || index < fault.call ||
+                index > std::max(fault.call, fault.last)) {
+                continue;
+            }
+            if (fault.strike) {
+                fault.strike(*bus);
+            } else if (fault.function == call.function && fault.device == deviceOf(call)) {
+                result = fault.result;
+            }
         }
-        isRegistered |= call.text == talm::slotText(true);
+        return result;
     }
 
-    const Case& searched;
     const std::vector<Fault>& faults;
     std::size_t calls = 0;
     int callbacks = 0;                   // under way
@@ -85,12 +86,17 @@ private:
 
 }  // namespace
 
-Fault busFault(Place place, const std::string& device, Harm harm, const std::string& what,
-               const std::function<void(sim::Bus&)>& action) {
-    return {place, device, harm, what, [action](sim::Bus* bus, const sim::Call& /*call*/) {
-                action(*bus);
-                return std::nullopt;
-            }};
+Case::Case(const std::string& itsName, int orvins, const std::vector<std::string>& arguments,
+           const std::vector<Image>& itsImages)
+    : name(itsName) {
+    setup.arguments = arguments;
+    setup.arguments.insert(setup.arguments.end(), {"-m", MemorySystem::kStatusFile});
+    for (int number = 1; number <= orvins; ++number) {
+        setup.bus.members.push_back(orvin(number));
+    }
+    for (const Image& image : itsImages) {
+        addImage(image);
+    }
 }
 
 bool Case::has(const std::string& argument) const {
@@ -101,9 +107,7 @@ bool Case::has(const std::string& argument) const {
 void Case::addImage(const Image& image) {
     images.push_back(image);
     setup.arguments.push_back(image.name);
-    if (!image.file.empty()) {
-        setup.files[image.name] = image.file;
-    }
+    setup.files[image.name] = image.file;
 }
 
 Case Case::with(const Fault& fault) const {
@@ -127,18 +131,14 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
 }
 
 ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions) {
-    constexpr char kListMutex[] = "2";  // the message writer's is the first
-    Injector injector(searched);
+    Injector injector(searched.faults);
     ToolSetup setup = searched.setup;
     setup.timeLimit = timeLimit(searched);
     setup.onOpen = [&](sim::Bus& bus) { injector.bus = &bus; };
-    int calls = 0;
-    ToolRun run = runTool(setup, {&injector}, [&](SystemCall call, const std::string& what) {
-        if (call == SystemCall::LockMutex && what == kListMutex) {
+    ToolRun run = runTool(setup, &injector, [&](const std::string& call) {
+        if (call == "lock 2") {  // the message writer's mutex is the first
             injector.atAcquisition();
         }
-        const StatusFault& fault = searched.statusFault;
-        return call == fault.call && ++calls == fault.number ? fault.error : 0;
     });
     if (acquisitions != nullptr) {
         *acquisitions = std::move(injector.acquisitions);

@@ -17,7 +17,7 @@ struct Image {
     std::string name;
     std::uint32_t target = 0;
     std::uint32_t version = 0;
-    std::string file;     // all bytes; empty: the file does not exist
+    std::string file;     // all bytes
     std::string content;  // the bytes that are sent; empty: the file is invalid
 };
 
@@ -36,25 +36,14 @@ enum class Place { Result, Link, Power, Packet, Lock };
 // A fault at one of the tool's calls.
 struct Fault {
     Place place = Place::Result;
-    std::string device;  // empty: none
+    std::string device = {};  // empty: none
     Harm harm = Harm::None;
-    std::string what;
-    // Runs at each of its calls. Gives the result of the call, if the fault has one. There is no
-    // bus before the connection is open.
-    std::function<std::optional<sim::InjectedResult>(sim::Bus* bus, const sim::Call& call)> apply;
+    std::string what = {};
+    std::function<void(sim::Bus&)> strike = {};  // at each of its calls; empty: it is a result
+    sim::Function function = {};                 // whose calls to the device have that result
+    sim::InjectedResult result = {};
     std::size_t call = 0;  // counted from 0, callbacks as well; at a lock, the acquisition
     std::size_t last = 0;  // the call until which it stays; before its own: it does not
-};
-
-// A fault that only does something to the bus.
-Fault busFault(Place place, const std::string& device, Harm harm, const std::string& what,
-               const std::function<void(sim::Bus&)>& action);
-
-// The nth system call of its kind for a status message fails; error 0: no failure.
-struct StatusFault {
-    SystemCall call = SystemCall::Rename;
-    int error = 0;
-    int number = 0;
 };
 
 struct Case {
@@ -62,10 +51,12 @@ struct Case {
     ToolSetup setup;
     std::vector<Image> images;
     std::vector<Fault> faults;
-    StatusFault statusFault;
-    bool failsToClear = false;      // the library clears no callback
     std::set<std::string> spoiled;  // devices that may be dropped, or left without the upgrade
     Harm harm = Harm::None;         // the worst harm to all devices
+
+    // With that many Orvins with old firmware, and a status file.
+    Case(const std::string& itsName, int orvins, const std::vector<std::string>& arguments,
+         const std::vector<Image>& itsImages);
 
     bool has(const std::string& argument) const;
     void addImage(const Image& image);
@@ -87,5 +78,29 @@ ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions = n
 
 // The identifier of the device that a call goes to; empty for none.
 std::string deviceOf(const sim::Call& call);
+
+// Each starts at the call, or acquisition, with the number `from`, and goes in their order.
+using FaultsOf = std::vector<Fault> (*)(const Case& searched, std::size_t from);
+
+// Every fault that can strike at a call of the case's run.
+std::vector<Case> baseCases();
+std::vector<Fault> faultsOf(const Case& searched, std::size_t from);
+
+// Every callback that may come when the tool takes the lock of the device list. In these small
+// cases, the library clears no callback.
+std::vector<Case> interleavingCases();
+std::vector<Fault> callbacksOf(const Case& searched, std::size_t from);
+
+// What is wrong with the run of a case, one line each.
+using Findings = std::vector<std::string>;
+
+// The promises of docs/reliability.md that it breaks.
+Findings brokenPromises(const Case& searched, const ToolRun& run);
+
+// The differences of a second run, on the bus that `orvin-recording bus` makes of a recording.
+Findings differencesWhenRepeated(const Case& searched, const ToolRun& run);
+
+// What `orvin-recording check` says against the bus libraries without a fault that causes it.
+Findings wrongAccusations(const Case& searched, const ToolRun& run);
 
 #endif

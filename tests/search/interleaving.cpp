@@ -1,50 +1,27 @@
 // All that the threads share is atomic or guarded by the lock of the device list. So what a
 // callback does to the tool depends only on the acquisition that it comes before.
 
-#include "search/interleaving.h"
-
 #include "common/transfer_result.h"
 #include "common/vanid_text.h"
+#include "search/case.h"
 
 namespace {
 
 using sim::PacketFault;
 
-std::vector<Case> baseCases() {
-    const Image dsp = imageOf("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes + 1);
-    const Image arm = imageOf("arm", kArm, kNewVersion, sim::kPacketBytes + 1);
-    const Case equal = baseCase("equal", 2, {"-B"}, {dsp});
-    Case slow = equal;
-    slow.name = "slow";
-    slow.setup.bus.members[1].timing.acknowledge = 2'300;
-    Case goesBack = equal;
-    goesBack.name = "goes back";
-    goesBack.setup.bus.members[0].faults.packets = {PacketFault::next(PacketFault::Kind::GoBack)};
-    goesBack.setup.bus.members[0].faults.packets[0].number = 1;
-    const Image booster = imageOf("booster", kBooster, kNewVersion, 12);
-    std::vector<Case> all = {
-        equal, slow, goesBack, baseCase("returns", 2, {"-B"}, {arm}),
-        baseCase("again", 1, {"-B"}, {booster, imageOf("short", kDsp, kNewVersion, 12)})};
-    for (Case& base : all) {
-        base.failsToClear = true;
-    }
-    return all;
-}
-
 // Events of the bus come early, and devices report at any moment, as nothing clears the callback. A
 // device that asks to go back while the transfer goes on is served.
-std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
-                               const Acquisition& acquisition) {
-    std::vector<Fault> all;
-    const auto add = [&all](const std::string& device, Harm harm, const std::string& what,
-                            const std::function<void(sim::Bus&)>& action) {
-        all.push_back(busFault(Place::Lock, device, harm, what, action));
+void addCallbacks(std::vector<Fault>& all, const Case& searched, const Acquisition& acquisition,
+                  std::size_t index) {
+    const auto add = [&](const std::string& device, Harm harm, const std::string& what,
+                         const std::function<void(sim::Bus&)>& strike) {
+        all.push_back({Place::Lock, device, harm, what, strike, {}, {}, index});
     };
     for (std::size_t event = 0; event < acquisition.pending; ++event) {
         add("", Harm::None, "brings forward event " + std::to_string(event),
-            [=](sim::Bus& /*bus*/) { sim::VirtualTime::instance().runEarly(event); });
+            [=](sim::Bus& /*bus*/) { sim::VirtualTime::runEarly(event); });
     }
-    for (const sim::MemberDescription& member : base.setup.bus.members) {
+    for (const sim::MemberDescription& member : searched.setup.bus.members) {
         const vanid_t id = member.id;
         const std::string device = formatVanid(id);
         for (std::int64_t to = 0; to <= acquisition.packet.value_or(-1); ++to) {
@@ -65,33 +42,40 @@ std::vector<Fault> callbacksAt(const Case& base, std::size_t index,
             });
         }
     }
-    for (Fault& fault : all) {
-        fault.call = index;
-    }
-    return all;
-}
-
-void forEachCallback(const Case& base, std::size_t first,
-                     const std::function<void(const Fault&)>& use) {
-    std::vector<Acquisition> acquisitions;
-    runCase(base, &acquisitions);
-    for (std::size_t index = first; index < acquisitions.size(); ++index) {
-        for (const Fault& callback : callbacksAt(base, index, acquisitions[index])) {
-            use(callback);
-        }
-    }
 }
 
 }  // namespace
 
-void forEachInterleaving(const Visit& visit) {
-    for (const Case& base : baseCases()) {
-        visit([&] { return base; });
-        forEachCallback(base, 0, [&](const Fault& first) {
-            const Case one = base.with(first);
-            visit([&] { return base.with(first); });
-            forEachCallback(one, first.call,
-                            [&](const Fault& second) { visit([&] { return one.with(second); }); });
-        });
+std::vector<Case> interleavingCases() {
+    const Image dsp = imageOf("dsp", kDsp, kNewVersion, 2 * sim::kPacketBytes + 1);
+    const Image arm = imageOf("arm", kArm, kNewVersion, sim::kPacketBytes + 1);
+    const Image booster = imageOf("booster", kBooster, kNewVersion, 12);
+    Case slow("slow", 2, {"-B"}, {dsp});
+    slow.setup.bus.members[1].timing.acknowledge = 2'300;
+    Case goesBack("goes back", 2, {"-B"}, {dsp});
+    goesBack.setup.bus.members[0].faults.packets = {PacketFault::next(PacketFault::Kind::GoBack)};
+    goesBack.setup.bus.members[0].faults.packets[0].number = 1;
+    std::vector<Case> all = {
+        {"equal", 2, {"-B"}, {dsp}},
+        slow,
+        goesBack,
+        {"returns", 2, {"-B"}, {arm}},
+        {"again", 1, {"-B"}, {booster, imageOf("short", kDsp, kNewVersion, 12)}}};
+    for (Case& base : all) {
+        for (const sim::Function function :
+             {sim::Function::SetTransferCallback, sim::Function::SetBusChangeCallback}) {
+            base.setup.bus.callFaults.push_back({function, {}, {false, 2, {}}});
+        }
     }
+    return all;
+}
+
+std::vector<Fault> callbacksOf(const Case& searched, std::size_t from) {
+    std::vector<Fault> all;
+    std::vector<Acquisition> acquisitions;
+    runCase(searched, &acquisitions);
+    for (std::size_t index = from; index < acquisitions.size(); ++index) {
+        addCallbacks(all, searched, acquisitions[index], index);
+    }
+    return all;
 }

@@ -1,13 +1,12 @@
 // The promises of docs/reliability.md, one function each, in the same order. They check only the
 // bus calls, the files and the output of a run.
 
-#include "search/promises.h"
-
 #include <algorithm>
 #include <map>
 #include <sstream>
 
 #include "common/vanid_text.h"
+#include "search/case.h"
 
 namespace {
 
@@ -52,7 +51,7 @@ public:
     Checker(const Case& searchedCase, const ToolRun& checked)
         : searched(searchedCase), run(checked) {}
 
-    std::vector<std::string> check() {
+    Findings check() {
         for (const Record& record : run.records) {
             follow(record.call);
         }
@@ -62,7 +61,7 @@ public:
         itSendsWhatIsInTheFile();
         theStatusFileIsComplete();
         itCleansUpTheBus();
-        itSurvivesItsEnvironment();
+        require(run.filesOpen == 0, "a file left open");  // it survives its environment
         return broken;
     }
 
@@ -127,7 +126,7 @@ private:
                     "not a whole message", message);
         }
         const bool wanted = searched.has("-m") && hasSession && expectedStatus() != 128;
-        require(wanted == !run.messages.empty() || searched.statusFault.number == 1,
+        require(wanted == !run.messages.empty() || !searched.setup.errors.empty(),
                 "messages without -m, or none with it");
         const bool failed = run.printed("Error at write message: ") ||
                             run.printed("Incomplete write for message: ");
@@ -156,8 +155,6 @@ private:
         require(!hasSession || run.records.back().call.function == Function::Close,
                 "a call after the session's end");
     }
-
-    void itSurvivesItsEnvironment() { require(run.filesOpen == 0, "a file left open"); }
 
     // ---- what the calls tell ----
 
@@ -295,16 +292,16 @@ private:
     bool sendsOtherContent = false;
     bool isRefused = false;
     std::set<std::string> checkedTooEarly;
-    std::vector<std::string> broken;
+    Findings broken;
 };
 
 }  // namespace
 
-std::vector<std::string> brokenPromises(const Case& searched, const ToolRun& run) {
+Findings brokenPromises(const Case& searched, const ToolRun& run) {
     if (run.lacksMemory) {  // the process ends, from which nothing more can be expected
         const auto isTemporary = [](const auto& file) { return file.first.rfind("mem:", 0) != 0; };
         const bool left = std::any_of(run.filesNow.begin(), run.filesNow.end(), isTemporary);
-        return std::vector<std::string>(left ? 1 : 0, "a temporary file left");
+        return Findings(left ? 1 : 0, "a temporary file left");
     }
     if (!run.ended) {
         return {"does not end in time"};

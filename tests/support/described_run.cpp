@@ -1,7 +1,5 @@
 #include "support/described_run.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
@@ -79,11 +77,4 @@ std::map<std::string, std::string> standardImages() {
         {"mem:shorter", arm.substr(0, arm.size() - 1)},
         {"mem:overflow", patched(arm.substr(0, 149), 4, largestSize)},  // of the sum of the sizes
     };
-}
-
-ToolRun checkedRun(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors,
-                   const std::function<int(SystemCall, const std::string&)>& system) {
-    ToolRun run = runTool(setup, interceptors, system);
-    EXPECT_EQ(run.filesOpen, 0U);
-    return run;
 }

@@ -12,8 +12,4 @@ ToolSetup describedRun(const std::string& json);
 // Valid and invalid image files by name.
 std::map<std::string, std::string> standardImages();
 
-// Runs the tool and expects that it leaves no file open.
-ToolRun checkedRun(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
-                   const std::function<int(SystemCall, const std::string&)>& system = {});
-
 #endif

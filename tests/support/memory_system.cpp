@@ -11,6 +11,8 @@
 #include <cstring>
 #include <new>
 
+#include "support/virtual_time.h"
+
 using namespace std::string_literals;
 
 namespace {
@@ -19,28 +21,15 @@ MemorySystem& memory() {
     return MemorySystem::instance();
 }
 
-// Whether the call fails, with errno set.
-bool fails(SystemCall call, const std::string& what) {
-    errno = memory().before ? memory().before(call, what) : 0;
-    return errno != 0;
-}
-
-// Empty for the program's other mutexes.
+// Empty for the program's other mutexes, which never fail.
 std::string numberOf(const pthread_mutex_t* mutex) {
     const auto found = memory().mutexes.find(mutex);
     return found == memory().mutexes.end() ? "" : found->second;
 }
 
-// Other mutexes never fail.
-bool fails(SystemCall call, const pthread_mutex_t* mutex) {
+bool fails(const char* call, const pthread_mutex_t* mutex) {
     const std::string number = numberOf(mutex);
-    return !number.empty() && fails(call, number);
-}
-
-void tell(const std::string& event) {
-    if (MemorySystem::listener) {
-        MemorySystem::listener(event);
-    }
+    return !number.empty() && memory().fails(call + number);
 }
 
 int openNew(const std::string& name) {
@@ -50,9 +39,9 @@ int openNew(const std::string& name) {
 }
 
 // How many of the bytes to read or write; -1 with errno set.
-ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
+ssize_t countOf(const char* call, std::size_t bytes) {
     const auto all = static_cast<ssize_t>(bytes);
-    if (!fails(call, name)) {
+    if (!memory().fails(call)) {
         return all;
     }
     return errno == MemorySystem::kHalfOfIt ? all / 2 : -1;
@@ -61,8 +50,8 @@ ssize_t countOf(SystemCall call, const std::string& name, std::size_t bytes) {
 ssize_t writeConsole(void* /*cookie*/, const char* bytes, std::size_t length) {
     const OutsideTheTool outside;
     memory().console.append(bytes, length);
-    tell('|' + std::string(bytes, length));
-    fails(SystemCall::Print, {bytes, length});
+    memory().tell('|' + std::string(bytes, length));
+    memory().fails("print");
     return static_cast<ssize_t>(length);
 }
 
@@ -71,6 +60,19 @@ ssize_t writeConsole(void* /*cookie*/, const char* bytes, std::size_t length) {
 MemorySystem& MemorySystem::instance() {
     static MemorySystem system;
     return system;
+}
+
+void MemorySystem::tell(const std::string& event) {
+    events.push_back({sim::VirtualTime::time, held, event});
+}
+
+bool MemorySystem::fails(const std::string& call) {
+    if (before) {
+        before(call);
+    }
+    const auto found = errors.find(call + " #" + std::to_string(++calls[call]));
+    errno = found == errors.end() ? 0 : found->second;
+    return errno != 0;
 }
 
 std::string captureOutput(const std::function<void()>& action) {
@@ -110,16 +112,16 @@ extern "C" {
 int __wrap_open64(const char* name, int flags, ...) {
     const OutsideTheTool outside;
     const int missing = memory().files.count(name) == 0 ? ENOENT : 0;
-    const int error = fails(SystemCall::Open, name) ? errno : missing;
-    tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing") +
-         (error == 0 ? "" : ", which fails"));
+    const int error = memory().fails("open") ? errno : missing;
+    memory().tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing") +
+                  (error == 0 ? "" : ", which fails"));
     errno = error;
     return error == 0 ? openNew(name) : -1;
 }
 
 int __wrap_mkstemp64(char* name) {
     const OutsideTheTool outside;
-    if (fails(SystemCall::CreateTemporary, name)) {
+    if (memory().fails("mkstemp")) {
         return -1;
     }
     const std::string digits = std::to_string(100'000 + memory().files.size());
@@ -131,7 +133,7 @@ int __wrap_mkstemp64(char* name) {
 off64_t __wrap_lseek64(int number, off64_t offset, int origin) {
     const OutsideTheTool outside;
     MemorySystem::OpenFile& file = memory().openFiles.at(number);
-    if (fails(SystemCall::Seek, file.name)) {
+    if (memory().fails("seek")) {
         return -1;
     }
     const auto content = static_cast<off64_t>(memory().files[file.name].size());
@@ -146,7 +148,7 @@ ssize_t __wrap_read(int number, void* buffer, std::size_t length) {
     const std::string& content = memory().files[file.name];
     const std::size_t start = std::min(file.position, content.size());
     const std::size_t available = content.copy(static_cast<char*>(buffer), length, start);
-    const ssize_t count = countOf(SystemCall::Read, file.name, available);
+    const ssize_t count = countOf("read", available);
     file.position = start + static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     return count;
 }
@@ -154,7 +156,7 @@ ssize_t __wrap_read(int number, void* buffer, std::size_t length) {
 ssize_t __wrap_write(int number, const void* bytes, std::size_t length) {
     const OutsideTheTool outside;
     const std::string& name = memory().openFiles.at(number).name;
-    const ssize_t count = countOf(SystemCall::Write, name, length);
+    const ssize_t count = countOf("write", length);
     memory().files[name].append(static_cast<const char*>(bytes),
                                 static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return count;
@@ -167,7 +169,7 @@ int __wrap_close(int number) {
         return -1;
     }
     if (found->second.name.rfind("mem:", 0) == 0) {  // no temporary file
-        tell("close " + found->second.name);
+        memory().tell("close " + found->second.name);
     }
     memory().openFiles.erase(found);
     return 0;
@@ -175,7 +177,7 @@ int __wrap_close(int number) {
 
 int __wrap_rename(const char* from, const char* to) {
     const OutsideTheTool outside;
-    if (fails(SystemCall::Rename, from)) {
+    if (memory().fails("rename")) {
         return -1;
     }
     const std::string content = memory().files[from];
@@ -186,7 +188,7 @@ int __wrap_rename(const char* from, const char* to) {
         const bool isOpen =
             std::any_of(memory().openFiles.begin(), memory().openFiles.end(),
                         [from](const auto& file) { return file.second.name == from; });
-        tell("= " + content + (isOpen ? " (the file is still open)" : ""));
+        memory().tell("= " + content + (isOpen ? " (the file is still open)" : ""));
     }
     return 0;
 }
@@ -204,13 +206,12 @@ int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     const OutsideTheTool outside;
     memory().mutexes[mutex] = std::to_string(memory().mutexes.size() + 1);
-    return fails(SystemCall::InitMutex, mutex) ? errno
-                                               : __real_pthread_mutex_init(mutex, attributes);
+    return fails("init ", mutex) ? errno : __real_pthread_mutex_init(mutex, attributes);
 }
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     const OutsideTheTool outside;
-    if (fails(SystemCall::LockMutex, mutex)) {
+    if (fails("lock ", mutex)) {
         return errno;
     }
     memory().held += numberOf(mutex);
@@ -226,7 +227,7 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     if (at != std::string::npos) {  // it is not there when locking it has failed
         memory().held.erase(at, number.size());
     }
-    return fails(SystemCall::UnlockMutex, mutex) ? errno : result;
+    return fails("unlock ", mutex) ? errno : result;
 }
 
 }  // extern "C"

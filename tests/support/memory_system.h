@@ -10,17 +10,12 @@
 #include <string>
 #include <vector>
 
-enum class SystemCall {
-    Open,
-    CreateTemporary,
-    Seek,
-    Read,
-    Write,
-    Rename,
-    Print,
-    InitMutex,
-    LockMutex,
-    UnlockMutex,
+// What happened in a run besides bus calls: text that is printed ("|" and the text), a message in
+// the status file ("= " and the message), a file that is opened or closed, a sleep.
+struct Event {
+    std::int64_t time = 0;  // in microseconds
+    std::string held;       // the numbers of the mutexes that were locked
+    std::string text;       // empty: the next bus call or callback
 };
 
 struct MemorySystem {
@@ -34,10 +29,6 @@ struct MemorySystem {
     static inline int allocationsUntilFailure = 0;
     static inline int outside = 0;
 
-    // Hears of what happens: text that is printed ("|" and the text), a message in the status file
-    // ("= " and the message), files that are opened or closed.
-    static inline std::function<void(const std::string& event)> listener;
-
     struct OpenFile {
         std::string name;
         std::size_t position = 0;
@@ -50,10 +41,16 @@ struct MemorySystem {
     std::map<int, OpenFile> openFiles;
     std::map<const void*, std::string> mutexes;  // their numbers, as they were initialised: "1"...
     std::string held;  // the numbers of those that are locked, in that order
+    std::vector<Event> events;
 
-    // Called at each system call with the name of its file, the printed text, or the number of the
-    // mutex. Returns the error number of the call; 0: the call succeeds.
-    std::function<int(SystemCall call, const std::string& what)> before;
+    // Runs at each call: open, mkstemp, seek, read, write, rename, print, or init, lock or unlock
+    // with the number of the mutex ("lock 1").
+    std::function<void(const std::string& call)> before;
+    std::map<std::string, int> errors;  // error numbers, of "read #5" or "lock 1 #2"
+    std::map<std::string, int> calls;   // how many there were
+
+    void tell(const std::string& event);
+    bool fails(const std::string& call);  // with errno set
 };
 
 // Does not count as the tool's own, for a scope.

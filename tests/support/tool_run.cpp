@@ -1,6 +1,7 @@
 #include "support/tool_run.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "recording/lines.h"
 #include "sim/library/bus_opener.h"
 #include "status/message_writer.h"
+#include "support/files.h"
 
 namespace {
 
@@ -29,63 +31,31 @@ bool dropMessageWriter() {
 // Records what happens. Asked first of the interceptors, so that no memory of theirs is the tool's.
 class Recorder : public sim::Interceptor {
 public:
-    explicit Recorder(bool isWithoutHandle) : withoutHandle(isWithoutHandle) {
-        MemorySystem::listener = [this](const std::string& text) { add(text); };
-        sim::VirtualTime::instance().beforeSleep = [this](sim::Microseconds duration) {
-            constexpr sim::Microseconds kPoll = 1'000;  // of the packet loop
-            if (duration != kPoll) {
-                add("sleep " + std::to_string(duration / 1'000) + " ms");
-            }
-        };
-    }
-    ~Recorder() override {
-        MemorySystem::listener = nullptr;
-        sim::VirtualTime::instance().beforeSleep = nullptr;
-    }
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
+    explicit Recorder(bool isWithoutHandle) : withoutHandle(isWithoutHandle) {}
 
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         ++MemorySystem::outside;
-        add("");
+        MemorySystem::instance().tell("");
         underWay.push_back(records.size());
         records.push_back(
-            {sim::VirtualTime::instance().now(), 0, MemorySystem::instance().console.size(), call});
+            {sim::VirtualTime::time, 0, MemorySystem::instance().console.size(), call});
         const bool fails = withoutHandle && call.function == sim::Function::Initialize;
         return fails ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
     }
     void after(const sim::Call& call) override {
         Record& record = records[underWay.back()];
         record.call = call;
-        record.took = sim::VirtualTime::instance().now() - record.time;
+        record.took = sim::VirtualTime::time - record.time;
         underWay.pop_back();
         --MemorySystem::outside;
     }
 
     std::vector<Record> records;
-    std::vector<Event> events;
 
 private:
-    void add(const std::string& text) {
-        events.push_back({sim::VirtualTime::instance().now(), MemorySystem::instance().held, text});
-    }
-
     const bool withoutHandle;           // TalmApiInitialize fails, for which there is no bus yet
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
-
-// Whether a system call fails, by the errors of the setup.
-std::function<int(SystemCall, const std::string&)> errorsOf(const ToolSetup& setup) {
-    return [&setup, counts = std::map<std::string, int>()](SystemCall call,
-                                                           const std::string& mutex) mutable {
-        constexpr const char* kNames[] = {"open",   "mkstemp", "seek",  "read",  "write",
-                                          "rename", "print",   "init ", "lock ", "unlock "};
-        const std::string name =
-            kNames[static_cast<int>(call)] + (call < SystemCall::InitMutex ? "" : mutex);
-        const auto found = setup.errors.find(name + " #" + std::to_string(++counts[name]));
-        return found == setup.errors.end() ? 0 : found->second;
-    };
-}
 
 void runMain(const ToolSetup& setup, ToolRun& run) {
     std::vector<std::string> arguments = {"/usr/bin/orvin-firmware-upgrade", "-c", "sim:bus"};
@@ -127,19 +97,18 @@ std::string ToolRun::trace() const {
     return lines.take(true);
 }
 
-ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors,
-                const std::function<int(SystemCall, const std::string&)>& system) {
-    MemorySystem& memory = MemorySystem::instance();
-    memory = {};
+ToolRun runTool(const ToolSetup& setup, sim::Interceptor* interceptor,
+                const std::function<void(const std::string& call)>& before) {
+    MemorySystem& memory = MemorySystem::instance() = {};
     memory.files = setup.files;
-    memory.before = system || setup.errors.empty() ? system : errorsOf(setup);
-    ToolRun run;
-    sim::VirtualTime& time = sim::VirtualTime::instance();
-    time.reset();
-    time.limit = setup.timeLimit;
+    memory.errors = setup.errors;
+    memory.before = before;
+    sim::VirtualTime::reset(setup.timeLimit);
     Recorder recorder(setup.errors.count("initialize") != 0);
     sim::interceptors() = {&recorder};
-    sim::interceptors().insert(sim::interceptors().end(), interceptors.begin(), interceptors.end());
+    if (interceptor != nullptr) {
+        sim::interceptors().push_back(interceptor);
+    }
     auto bus = std::make_shared<sim::Bus>(setup.bus);
     sim::busOpener() = [&](const std::string&) {
         if (setup.onOpen) {
@@ -148,6 +117,7 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
         return bus;
     };
 
+    ToolRun run;
     run.console = captureOutput([&] { runMain(setup, run); });
     memory.before = nullptr;
     sim::busOpener() = nullptr;
@@ -159,8 +129,18 @@ ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& in
         run.versions.push_back(bus->findDevice(member.id)->installedVersions());
     }
     run.records = std::move(recorder.records);
-    run.events = std::move(recorder.events);
+    run.events = memory.events;
     return run;
+}
+
+RecordingAnswer askRecordingTool(const ToolRun& run, const std::string& subcommand) {
+    static const TemporaryDirectory directory;
+    const std::string recording = directory / "recording";
+    writeText(recording, "{\"orvin-recording\":1}\n" + run.trace());
+    const std::string command = "'" ORVIN_RECORDING "' " + subcommand + ' ' + recording + " >" +
+                                directory / "output" + " 2>" + directory / "complaint";
+    static_cast<void>(std::system(command.c_str()));  // a complaint tells of a failure
+    return {readText(directory / "output"), readText(directory / "complaint")};
 }
 
 vanid_t orvinId(int number) {

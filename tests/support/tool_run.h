@@ -23,8 +23,7 @@ struct ToolSetup {
     std::vector<std::string> arguments;        // runTool adds the connection in front
     std::map<std::string, std::string> files;  // content by name, "mem:..."
     sim::BusDescription bus;
-    // Of system calls: "read #5", "lock 1 #2" (mutex 1); "initialize": TalmApiInitialize fails.
-    std::map<std::string, int> errors;
+    std::map<std::string, int> errors;  // of MemorySystem; "initialize": TalmApiInitialize fails
     std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
     int failingAllocation = 0;              // of the tool, counted from 1; 0: none
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
@@ -38,13 +37,6 @@ struct Record {
     sim::Call call;
 };
 
-// What else happened in a run, as MemorySystem's listener hears it, or a sleep.
-struct Event {
-    sim::Microseconds time = 0;
-    std::string held;  // the numbers of the mutexes that were locked
-    std::string text;  // empty: the next of the records
-};
-
 // The visible result of a run.
 struct ToolRun {
     bool ended = false;        // within the time limit
@@ -54,7 +46,7 @@ struct ToolRun {
     std::string console;
     std::vector<std::string> messages;            // all that the status file held, in order
     std::map<std::string, std::string> filesNow;  // all files after the run
-    std::size_t filesOpen = 0;                    // files that the tool has not closed
+    std::size_t filesOpen = 0;                    // that the tool has not closed
     bool writerLeft = false;                      // the tool's message writer still existed
     std::vector<Record> records;
     std::vector<Event> events;            // the records among them
@@ -65,10 +57,18 @@ struct ToolRun {
     std::string trace() const;  // the records as lines of a recording
 };
 
-// Runs are deterministic. `interceptors` see each call; `system` replaces `errors` and runs at each
-// system call. Both are used only during the run.
-ToolRun runTool(const ToolSetup& setup, const std::vector<sim::Interceptor*>& interceptors = {},
-                const std::function<int(SystemCall, const std::string&)>& system = {});
+// Runs are deterministic. The interceptor, if there is one, sees each bus call; `before` runs
+// before each system call.
+ToolRun runTool(const ToolSetup& setup, sim::Interceptor* interceptor = nullptr,
+                const std::function<void(const std::string& call)>& before = {});
+
+struct RecordingAnswer {
+    std::string output;
+    std::string complaint;  // standard error
+};
+
+// What `orvin-recording SUBCOMMAND` says of a recording of the run.
+RecordingAnswer askRecordingTool(const ToolRun& run, const std::string& subcommand);
 
 // ---- parts of buses ----
 

@@ -10,77 +10,39 @@
 
 namespace sim {
 
-namespace {
-
-constexpr std::time_t kEpoch = 1'700'000'000;
-constexpr Microseconds kSecond = 1'000'000;
-
-}  // namespace
-
-class VirtualTimeQueue : public EventQueue {
-public:
-    ~VirtualTimeQueue() override { VirtualTimeQueue::stop(); }
-
-    void stop() override {
-        stopped = true;
-        auto& events = VirtualTime::instance().events;
-        for (auto entry = events.begin(); entry != events.end();) {
-            entry = entry->second.owner == this ? events.erase(entry) : std::next(entry);
-        }
-    }
-
-    Microseconds now() const override { return VirtualTime::instance().now(); }
-
-    void sleep(Microseconds duration) override { VirtualTime::instance().advance(duration); }
-
-    void schedule(Microseconds when, Event event) override {
-        if (!stopped) {
-            VirtualTime::instance().events.emplace(when,
-                                                   VirtualTime::Entry{this, std::move(event)});
-        }
-    }
-
-private:
-    bool stopped = false;
-};
-
-VirtualTime& VirtualTime::instance() {
-    static VirtualTime time;
-    return time;
+void VirtualTime::reset(Microseconds newLimit) {
+    events.clear();
+    time = 0;
+    limit = newLimit;
 }
 
-void VirtualTime::advance(Microseconds duration) {
+void VirtualTime::runEarly(std::size_t number) {
+    if (number < events.size()) {
+        const auto entry = std::next(events.begin(), static_cast<std::ptrdiff_t>(number));
+        const Event event = std::move(entry->second);
+        events.erase(entry);
+        event();
+    }
+}
+
+void VirtualTime::sleep(Microseconds duration) {
     const Microseconds end = time + duration;
     if (end > limit) {
         throw TimeLimitReached();
     }
     while (!events.empty() && events.begin()->first <= end) {
         time = std::max(time, events.begin()->first);
-        run(events.begin());
+        runEarly(0);
     }
     time = std::max(time, end);  // an event may itself have slept
 }
 
-void VirtualTime::run(std::multimap<Microseconds, Entry>::iterator entry) {
-    const Event event = std::move(entry->second.event);
-    events.erase(entry);
-    event();
-}
-
-void VirtualTime::runEarly(std::size_t number) {
-    if (number < events.size()) {
-        run(std::next(events.begin(), static_cast<std::ptrdiff_t>(number)));
-    }
-}
-
-void VirtualTime::reset() {
-    events.clear();
-    time = 0;
-    limit = kNoLimit;
+void VirtualTime::schedule(Microseconds when, Event event) {
+    events.emplace(when, std::move(event));
 }
 
 std::unique_ptr<EventQueue> makeEventQueue() {
-    return std::make_unique<VirtualTimeQueue>();
+    return std::make_unique<VirtualTime>();
 }
 
 }  // namespace sim
@@ -89,18 +51,17 @@ std::unique_ptr<EventQueue> makeEventQueue() {
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int usleep(useconds_t duration) {
     const OutsideTheTool outside;
-    sim::VirtualTime& time = sim::VirtualTime::instance();
-    if (time.beforeSleep) {
-        time.beforeSleep(duration);
+    constexpr useconds_t kPoll = 1'000;  // of the packet loop
+    if (duration != kPoll) {
+        MemorySystem::instance().tell("sleep " + std::to_string(duration / 1'000) + " ms");
     }
-    time.advance(duration);
+    sim::VirtualTime().sleep(duration);
     return 0;
 }
 
 extern "C" std::time_t time(std::time_t* out) noexcept {
-    const auto seconds =
-        static_cast<std::time_t>(sim::VirtualTime::instance().now() / sim::kSecond);
-    const std::time_t now = sim::kEpoch + seconds;
+    constexpr std::time_t kEpoch = 1'700'000'000;
+    const std::time_t now = kEpoch + static_cast<std::time_t>(sim::VirtualTime::time / 1'000'000);
     if (out != nullptr) {
         *out = now;
     }

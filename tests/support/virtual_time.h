@@ -2,7 +2,6 @@
 #define TESTS_SUPPORT_VIRTUAL_TIME_H
 
 #include <cstddef>
-#include <functional>
 #include <limits>
 #include <map>
 
@@ -15,43 +14,25 @@ struct TimeLimitReached {};
 
 // A clock that advances only when the program sleeps. It replaces usleep and time in the program
 // that links it. A sleep runs every event that becomes due, on the same thread, so that a run takes
-// no real time and is deterministic. Only for single-threaded programs.
-class VirtualTime {
+// no real time and is deterministic. Only for single-threaded programs, and for one bus at a time.
+class VirtualTime : public EventQueue {
 public:
     static constexpr Microseconds kNoLimit = std::numeric_limits<Microseconds>::max();
 
-    static VirtualTime& instance();
+    static inline Microseconds time = 0;  // since the last reset
+    static inline Microseconds limit = kNoLimit;
+    static inline std::multimap<Microseconds, Event> events;  // that are still to happen
 
-    // Microseconds since the last reset.
-    Microseconds now() const { return time; }
+    // Sets the clock to its start, with that limit, and drops all events.
+    static void reset(Microseconds newLimit = kNoLimit);
 
-    // Throws TimeLimitReached if the time would exceed the limit.
-    void advance(Microseconds duration);
+    // Runs the nth of the events, from 0, now.
+    static void runEarly(std::size_t number);
 
-    // How many events are still to happen, and runs the nth of them, from 0, now.
-    std::size_t pending() const { return events.size(); }
-    void runEarly(std::size_t number);
-
-    // Runs before each sleep of the program; none if empty. A reset leaves it.
-    std::function<void(Microseconds duration)> beforeSleep;
-
-    // The latest time of the clock. A reset sets it to kNoLimit.
-    Microseconds limit = kNoLimit;
-
-    // Sets the clock to its start and drops all pending events.
-    void reset();
-
-private:
-    friend class VirtualTimeQueue;
-    struct Entry {
-        const EventQueue* owner;
-        Event event;
-    };
-
-    void run(std::multimap<Microseconds, Entry>::iterator entry);
-
-    Microseconds time = 0;
-    std::multimap<Microseconds, Entry> events;
+    void stop() override { events.clear(); }
+    Microseconds now() const override { return time; }
+    void sleep(Microseconds duration) override;
+    void schedule(Microseconds when, Event event) override;
 };
 
 }  // namespace sim
