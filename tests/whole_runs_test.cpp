@@ -1,12 +1,14 @@
 // Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
 // what came of it: the exit status, and what happened in which order, as in support/timeline.h,
-// with VERSION for the tool's version. After a change that is meant, ORVIN_UPDATE_EXPECTED=1 writes
-// the outcomes anew; read the difference before you commit it.
+// with VERSION for the tool's version, ..: for what the identifiers have in common, and ~ NAME for
+// the lines of phases/NAME.txt, which many runs have. After a change that is meant,
+// ORVIN_UPDATE_EXPECTED=1 writes the outcomes anew; read the difference before you commit it.
 //
 // A file of the same name in summaries/ has what orvin-recording tells of the run.
 
 #include <gtest/gtest.h>
 
+#include <boost/algorithm/string/replace.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -19,14 +21,18 @@ namespace {
 
 std::string storyOf(const ToolSetup& setup) {
     const ToolRun run = runTool(setup);
-    std::string text =
-        std::regex_replace(timelineOf(run), std::regex(" v[0-9.]+\n"), " vVERSION\n") +
-        "exit status " + std::to_string(run.exitStatus) +
-        (run.writerLeft ? ", message writer left" : "") +
-        (run.filesOpen > 0 ? ", files left open" : "") + '\n';
+    std::string text = timelineOf(run) + "exit status " + std::to_string(run.exitStatus) +
+                       (run.writerLeft ? ", message writer left" : "") +
+                       (run.filesOpen > 0 ? ", files left open" : "") + '\n';
     for (const auto& file : run.filesNow) {
         text +=
             file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
+    }
+    boost::replace_all(text, orvinText(0).substr(0, 48), "..:");
+    text = std::regex_replace(text, std::regex(" v[0-9.]+\n"), " vVERSION\n");
+    for (const auto& phase : std::filesystem::directory_iterator(PHASES)) {
+        boost::replace_all(text, readText(phase.path()),
+                           "           ~ " + phase.path().stem().string() + '\n');
     }
     return text;
 }

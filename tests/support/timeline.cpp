@@ -4,46 +4,29 @@
 #include <boost/crc.hpp>
 #include <optional>
 #include <sstream>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "common/vanid_text.h"
+#include "status/format_message.h"
 
 namespace {
 
 constexpr std::size_t kTimeWidth = 11;
 
-// The part in which the identifiers of orvinId are alike.
-constexpr char kCommonPart[] = "00:11:22:33:44:55:66:77:88:99:aa:bb:cc:dd:ee:ff:";
-
-std::string shortened(std::string text) {
-    for (std::size_t at = 0; (at = text.find(kCommonPart, at)) != std::string::npos;) {
-        text.replace(at, sizeof kCommonPart - 1, "..:");
-    }
-    return text;
-}
-
 std::string idOf(const vanid_t& id) {
-    return ' ' + (isBroadcastVanid(id) ? "all" : shortened(formatVanid(id)));
+    return ' ' + (isBroadcastVanid(id) ? "all" : formatVanid(id));
 }
 
 std::string seconds(sim::Microseconds time) {
-    std::string text = std::to_string(1'000'000 + time % 1'000'000);
-    text.erase(text.find_last_not_of('0') + 1);
-    text[0] = '.';
-    return std::to_string(time / 1'000'000) + (text == "." ? "" : text);
-}
-
-std::string hexadecimal(std::int64_t number) {
-    std::ostringstream text;
-    text << std::hex << "0x" << number;
-    return text.str();
+    return formatMessage("%.12g", static_cast<double>(time) / 1e6);
 }
 
 std::string numbers(const std::vector<std::int64_t>& all) {
     std::string text;
     for (const std::int64_t number : all) {
-        text += ' ' + (number > 0xff ? hexadecimal(number) : std::to_string(number));
+        text += ' ' + formatMessage(number > 0xff ? "0x%lx" : "%ld", static_cast<long>(number));
     }
     return text;
 }
@@ -59,44 +42,32 @@ std::string outcomeOf(const sim::Call& call) {
 std::string crcOf(const std::string& content) {
     boost::crc_32_type crc;
     crc.process_bytes(content.data(), content.size());
-    return content.empty() ? "" : ", crc " + hexadecimal(crc.checksum());
+    return content.empty() ? "" : formatMessage(", crc 0x%x", crc.checksum());
 }
 
 struct Entry {
     sim::Microseconds time = 0;
-    std::string held;
-    std::string event;
-    std::string object;                  // the device, file or percentage of the event
-    std::string details;                 // what stands behind it
-    std::optional<std::int64_t> packet;  // that it is about
-    std::string content;                 // of the packet
+    std::string held = {};
+    std::string event = {};
+    std::string object = {};                  // the device, file or percentage of the event
+    std::string details = {};                 // what stands behind it
+    std::optional<std::int64_t> packet = {};  // that it is about
+    std::string content = {};                 // of the packet
 };
 using Entries = std::vector<Entry>;
 
-// Entries of that length that come again behind themselves, so many times.
-struct Repetition {
-    std::size_t length = 1;
-    std::size_t times = 0;
-};
-
 void describe(Entry& entry, const sim::Call& call) {
-    entry.event = sim::nameOf(call.function);
-    entry.object = call.device ? idOf(*call.device) : "";
-    if (call.function == sim::Function::TransferCallback) {
-        entry.event = '<';
-        entry.details = ' ' + std::to_string(call.given[0]);
-        entry.packet = call.given[1];
-    } else if (sim::isCallback(call.function)) {
-        entry.event.insert(0, "< ");
-        entry.details = numbers(call.given);
-    } else if (call.function == sim::Function::Data) {
-        entry.packet = call.given[0];
-        entry.content = call.content;
-        entry.details = outcomeOf(call);
-    } else {
-        entry.details =
-            (call.text.empty() ? "" : ' ' + call.text) + numbers(call.given) + outcomeOf(call);
+    const bool isCallback = sim::isCallback(call.function);
+    std::vector<std::int64_t> given = call.given;
+    if (call.function == sim::Function::Data || call.function == sim::Function::TransferCallback) {
+        entry.packet = given.back();
+        given.pop_back();
     }
+    entry.event = (isCallback ? "< " : "") + std::string(sim::nameOf(call.function));
+    entry.object = call.device ? idOf(*call.device) : "";
+    entry.details = (call.text.empty() ? "" : ' ' + call.text) + numbers(given) +
+                    (isCallback ? "" : outcomeOf(call));
+    entry.content = call.content;
 }
 
 // Whether the text could be added to the last entry, of the same moment.
@@ -129,30 +100,30 @@ Entries entriesOf(const ToolRun& run) {
     Entries all;
     auto record = run.records.begin();
     for (const Event& event : run.events) {
-        const bool isSameMoment =
-            !all.empty() && all.back().time == event.time && all.back().held == event.held;
+        Entry entry{event.time, event.held, event.text};
         if (event.text.empty()) {
-            all.push_back({event.time, event.held, "", "", "", {}, ""});
-            describe(all.back(), (record++)->call);
-        } else if (!isSameMoment || !join(all.back().event, event.text)) {
-            all.push_back({event.time, event.held, event.text, "", "", {}, ""});
+            describe(entry, (record++)->call);
+        }
+        const bool isSameMoment = !all.empty() && std::tie(all.back().time, all.back().held) ==
+                                                      std::tie(entry.time, entry.held);
+        if (!isSameMoment || !join(all.back().event, entry.event)) {
+            all.push_back(entry);
         }
     }
-    for (Entry& entry : all) {
-        separateObject(entry);
-    }
+    std::for_each(all.begin(), all.end(), separateObject);
     return all;
+}
+
+auto allButObject(const Entry& entry) {
+    return std::tie(entry.time, entry.held, entry.event, entry.details, entry.packet,
+                    entry.content);
 }
 
 Entries joined(const Entries& entries) {
     Entries result;
     for (const Entry& entry : entries) {
-        const auto isLike = [&entry](const Entry& other) {
-            return other.time == entry.time && other.held == entry.held &&
-                   other.event == entry.event && other.details == entry.details &&
-                   other.packet == entry.packet && other.content == entry.content;
-        };
-        if (!entry.object.empty() && !result.empty() && isLike(result.back())) {
+        if (!entry.object.empty() && !result.empty() &&
+            allButObject(result.back()) == allButObject(entry)) {
             result.back().object += entry.object;
         } else {
             result.push_back(entry);
@@ -215,7 +186,7 @@ std::vector<std::string> printedLines(const std::string& text) {
 std::string linesOf(const Entry& entry, bool withTime) {
     const bool isPrinted = entry.event[0] == '|';
     const std::vector<std::string> lines =
-        isPrinted ? printedLines(shortened(entry.event.substr(1)))
+        isPrinted ? printedLines(entry.event.substr(1))
                   : std::vector<std::string>{entry.event + entry.object + entry.details};
     std::string time = withTime ? seconds(entry.time) : "";
     std::string text;
@@ -229,32 +200,18 @@ std::string linesOf(const Entry& entry, bool withTime) {
     return text;
 }
 
-Repetition repetitionAt(const Entries& entries, std::size_t begin) {
-    constexpr std::size_t kLongest = 8;  // entries that repeat themselves
-    constexpr std::size_t kLeast = 3;    // entries that a line about repetitions replaces
-    for (std::size_t length = 1; length <= kLongest; ++length) {
-        const std::size_t times = repetitions(entries, begin, length);
-        if (times * length >= kLeast) {
-            return {length, times};
-        }
-    }
-    return {1, 0};
-}
-
-std::string lineOf(const Repetition& repetition, const Entry* first) {
-    const Entry* const end = first + repetition.times * repetition.length;
+// The line about the entries from `first` on that repeat those of that length before them.
+std::string repeatedLine(const Entry* first, std::size_t length, std::size_t times) {
+    const Entry* const end = first + times * length;
     std::string objects;
     std::string packet;
     std::string content;
     for (const Entry* entry = first; entry != end; ++entry) {
-        const bool isSame = entry->object == (entry - repetition.length)->object;
-        objects += isSame ? "" : entry->object;
+        objects += entry->object == (entry - length)->object ? "" : entry->object;
         packet = entry->packet ? ", packet " + std::to_string(*entry->packet) : packet;
         content += entry->content;
     }
-    const std::string times =
-        repetition.times == 1 ? "once" : std::to_string(repetition.times) + " times";
-    return std::string(kTimeWidth, ' ') + "... " + times + " more" +
+    return std::string(kTimeWidth, ' ') + "... " + std::to_string(times) + " more" +
            (objects.empty() ? "" : " for" + objects) + ", until " + seconds(end[-1].time) + packet +
            crcOf(content) + '\n';
 }
@@ -262,18 +219,25 @@ std::string lineOf(const Repetition& repetition, const Entry* first) {
 }  // namespace
 
 std::string timelineOf(const ToolRun& run) {
+    constexpr std::size_t kLongest = 8;  // entries that repeat themselves
+    constexpr std::size_t kLeast = 3;    // entries that a line about repetitions replaces
     const Entries entries = joined(entriesOf(run));
     std::string text;
     sim::Microseconds last = -1;
     for (std::size_t at = 0; at < entries.size();) {
-        const Repetition repetition = repetitionAt(entries, at);
-        for (const std::size_t end = at + repetition.length; at < end; ++at) {
+        std::size_t length = 1;
+        while (length <= kLongest && repetitions(entries, at, length) * length < kLeast) {
+            ++length;
+        }
+        const bool repeats = length <= kLongest;
+        const std::size_t times = repeats ? repetitions(entries, at, length) : 0;
+        for (const std::size_t end = at + (repeats ? length : 1); at < end; ++at) {
             text += linesOf(entries[at], entries[at].time != last);
             last = entries[at].time;
         }
-        if (repetition.times > 0) {
-            text += lineOf(repetition, &entries[at]);
-            at += repetition.times * repetition.length;
+        if (repeats) {
+            text += repeatedLine(&entries[at], length, times);
+            at += times * length;
             last = entries[at - 1].time;
         }
     }

@@ -13,12 +13,12 @@
 //
 //     | text        on the console; \n: a blank line before or after it; \: the line goes on
 //     = message     in the status file
-//     < result      of a transfer, or another callback, with its devices
+//     < callback    with its devices and numbers
 //     a bus call    with its devices and arguments, its result and what it wrote
 //     open, close, sleep; polls of the packet loop are left out, as all sleeps of 1 ms
 //
-// ..: stands for what the identifiers have in common. Lines that differ only in their device or
-// file are one. What repeats itself, packet by packet or poll by poll, is told and counted.
+// Lines that differ only in their device or file are one. What repeats itself, packet by packet or
+// poll by poll, is told and counted.
 std::string timelineOf(const ToolRun& run);
 
 #endif
