@@ -22,10 +22,10 @@ def _broken(text: str) -> list[str]:
 
 
 def _around_clearing(text: str, offset: float) -> str:
-    """With a callback so many seconds after the clearing of the transfer callback begins, which takes a second."""
+    """With a callback so many seconds after the clearing of the transfer callback begins, which takes 0.1 s."""
 
     def replace(match: re.Match[str]) -> str:
-        clearing = json.loads(match[0]) | {"took": 1}
+        clearing = json.loads(match[0]) | {"took": 0.1}
         return CALLBACK.format(clearing["t"] + offset) + json.dumps(clearing) + "\n"
 
     return re.sub(CLEARING, replace, text, count=1)
@@ -52,8 +52,8 @@ def test_check(path: str) -> None:
         (re.sub(r'(ImageTransfer_data.*"result":)-2', r"\g<1>0", text), ["to_all"]),
         (text.replace('17,"packet":0', '17,"packet":9'), ["go_back"]),
         (text.replace('1","result":3,', '9","result":3,', 1), ["known"]),
-        (_around_clearing(text, 0.9), ["forward"]),  # the next call comes too early
-        (_around_clearing(text, 1.1), ["cleared", "forward"]),
+        (_around_clearing(text, 0.09), ["forward"]),  # the next call comes too early
+        (_around_clearing(text, 0.11), ["cleared", "forward"]),
     ):
         found = _broken(edited)
         assert found == broken, f"{found}, not {broken}, in {EDITED}"
