@@ -36,17 +36,18 @@ extern "C" int __wrap_vanid_equal(const vanid_t* a, const vanid_t* b) {
 
 namespace {
 
-// A group on a bus with device 1, which keeps its old firmware.
+// A group on a bus with device 1, which has old firmware.
 class Group : public testing::Test {
 protected:
     Group() {
         memory.files = standardImages();
         sim::VirtualTime::reset();
         MessageWriter::init("");
-        sim::BusDescription bus;
-        bus.members = {orvin(1)};
-        bus.members[0].faults.keepsOldVersion = sim::KeepsOldVersion::Always;
-        sim::busOpener() = [bus](const std::string&) { return std::make_shared<sim::Bus>(bus); };
+        sim::busOpener() = [](const std::string&) {
+            sim::BusDescription bus;
+            bus.members = {orvin(1)};
+            return std::make_shared<sim::Bus>(bus);
+        };
         session.handle = TalmApiInitialize();
         session.open = TalmApiOpen(session.handle, "sim:", 0) == 0;
     }

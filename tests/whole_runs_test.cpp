@@ -7,6 +7,7 @@
 // A file of the same name in summaries/ has what orvin-recording tells of the run.
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 #include <boost/algorithm/string/replace.hpp>
 #include <cstdlib>
@@ -73,5 +74,55 @@ INSTANTIATE_TEST_SUITE_P(, WholeRun,
 INSTANTIATE_TEST_SUITE_P(, RecordingSummary,
                          testing::ValuesIn(std::filesystem::directory_iterator(SUMMARIES), {}),
                          [](const auto& run) { return run.param.path().stem().string(); });
+
+// ---- runs at the limits of times, sizes and counts, of which only a number or two matters ----
+
+TEST(Edges, TheCommandLineHasToDescribeAMode) {
+    const auto isAccepted = [](const std::string& commandLine) {
+        return runTool(describedRun(R"({"run": ")" + commandLine + "\"}")).exitStatus != 129;
+    };
+    for (const char* commandLine :
+         {"-d id x", "-B x", "-B -d id x", "-V -d id", "-l", "-l -d id x", "-B -- -x", "x -B"}) {
+        EXPECT_TRUE(isAccepted(commandLine)) << commandLine;
+    }
+    for (const char* commandLine : {"", "-d id", "-d '' x", "-B", "x", "-V", "-V -B -d id", "-l -B",
+                                    "-l -V -d id", "-l -x", "-l -c", "-B -x"}) {
+        EXPECT_FALSE(isAccepted(commandLine)) << commandLine;
+    }
+}
+
+TEST(Edges, TheBudgetOfAGroupGrowsMoreSteeplyFrom41DevicesOn) {
+    ToolSetup run = describedRun(R"({"run": "-B -p mem:arm"})");
+    for (int number = 1; number <= 41; ++number) {
+        run.bus.members.push_back(orvin(number));
+    }
+    EXPECT_TRUE(runTool(run).printed("Will wait 5202 seconds"));
+    run.bus.members.pop_back();
+    EXPECT_TRUE(runTool(run).printed("Will wait 1250 seconds"));
+}
+
+// Progress computes 100 times the rest of the content, which fits 32 bits up to 42,949,672 bytes.
+TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
+    ToolSetup run = describedRun(
+        R"({"run": "-B -m mem:status mem:dsp", "members": [{"id": 1}],
+            "faults": {"data": {"calls": "all", "result": 0}}})");
+    std::string& image = run.files["mem:dsp"];
+    for (const auto& [size, percent] : {std::pair{42'949'672U, " 0%"}, {42'949'673U, " 100%"}}) {
+        image.replace(20, 4, reinterpret_cast<const char*>(&size), 4).resize(36 + size);
+        const std::string message = runTool(run).messages.at(1);
+        EXPECT_NE(message.find(percent), std::string::npos) << message;
+    }
+}
+
+TEST(Edges, TheTransferSleepsWithoutTimerSlack) {
+    const int before = prctl(PR_GET_TIMERSLACK);
+    int during = 0;
+    const ToolSetup run = describedRun(R"({"run": "-B mem:dsp", "members": [{"id": 1}]})");
+    runTool(run, nullptr, [&](const std::string& call) {
+        during = call == "read" ? prctl(PR_GET_TIMERSLACK) : during;
+    });
+    EXPECT_EQ(during, before > 0 ? 1 : before);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK), before);
+}
 
 }  // namespace

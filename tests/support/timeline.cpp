@@ -133,35 +133,21 @@ Entries joined(const Entries& entries) {
 }
 
 // How often the entries of that length come again behind these: each time as much later, perhaps
-// with another packet, and one of them perhaps with another object.
+// with other objects or with another packet.
 std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t length) {
-    if (begin + 2 * length > entries.size()) {
-        return 0;
-    }
-    const auto hasPacket = [](const Entry& entry) { return entry.packet.has_value(); };
-    const Entry* const first = &entries[begin];
-    const Entry* const second = first + length;
-    const auto hasSameObject = [](const Entry& now, const Entry& again) {
-        return now.object == again.object;
+    const auto isLike = [](const Entry& now, const Entry& again, std::int64_t later) {
+        return std::tie(now.held, now.event, now.details) ==
+                   std::tie(again.held, again.event, again.details) &&
+               now.packet.has_value() == again.packet.has_value() && again.time - now.time == later;
     };
-    const Entry* const changing = std::mismatch(first, second, second, hasSameObject).first;
-    const Entry* const sent = std::find_if(first, second, hasPacket);
-    const std::int64_t step =
-        sent != second && hasPacket(sent[length]) ? *sent[length].packet - *sent->packet : 0;
-    const auto isRepeated = [&](const Entry& now, const Entry& again) {
-        return now.event == again.event && now.details == again.details &&
-               ((&now - changing) % static_cast<std::ptrdiff_t>(length) == 0 ||
-                hasSameObject(now, again)) &&
-               now.held == again.held && hasPacket(now) == hasPacket(again) &&
-               again.packet.value_or(step) - now.packet.value_or(0) == step &&
-               again.time - now.time == second->time - first->time;
-    };
-    std::size_t same = 0;
-    while (begin + same + length < entries.size() &&
-           isRepeated(first[same], first[same + length])) {
-        ++same;
+    std::size_t end = begin + length;
+    for (; end < entries.size(); ++end) {
+        const sim::Microseconds later = entries[begin + length].time - entries[begin].time;
+        if (!isLike(entries[end - length], entries[end], later)) {
+            break;
+        }
     }
-    return same / length;
+    return (end - begin) / length - 1;
 }
 
 // A blank line is a "\n" at the end of the line before it or, if it is the first, in front of the
