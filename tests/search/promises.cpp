@@ -1,5 +1,5 @@
-// The promises of docs/reliability.md, one function each, in the same order. They check only the
-// bus calls, the files and the output of a run.
+// The promises of docs/reliability.md. They check only the bus calls, the files and the output of a
+// run.
 
 #include <algorithm>
 #include <map>
@@ -38,7 +38,7 @@ struct Upgrade {
     const Image* image = nullptr;
     std::map<const Image*, int> attempts;
     std::map<std::uint32_t, const Image*> announced;  // the last one for each target
-    bool isAnnounced = false;                         // as the device accepted it
+    bool isAccepted = false;                          // by the device: the announcement
     bool isChecked = false;
     bool isAsked = false;              // for its version, since then
     std::size_t acknowledged = 0;      // bytes
@@ -53,29 +53,24 @@ public:
 
     Findings check() {
         for (const Record& record : run.records) {
-            follow(record.call);
+            follow(record.call, upgrades[deviceOf(record.call)]);
+            require(record.call.function != Function::Cleanup ||
+                        record.consoleLength == run.console.size(),
+                    "prints after the mode's end");
         }
-        itEnds();
+        require(notUpgraded.empty() || run.printed("Retrying upgrade on following "),
+                "not tried again");
         itTellsTheTruth();
         itReportsEachDeviceThatItDrops();
-        itSendsWhatIsInTheFile();
+        require(!isRefused || run.printed("Failed to transfer data to the Orvins"),
+                "a refused packet is not reported");
         theStatusFileIsComplete();
         itCleansUpTheBus();
-        require(run.filesOpen == 0, "a file left open");  // it survives its environment
+        require(run.filesOpen == 0, "a file left open");
         return broken;
     }
 
 private:
-    void itEnds() {
-        for (const auto& [device, upgrade] : upgrades) {
-            for (const auto& [image, attempts] : upgrade.attempts) {
-                require(attempts <= 2, "more than two attempts", device);
-            }
-        }
-        require(notUpgraded.empty() || run.printed("Retrying upgrade on following "),
-                "not tried again");
-    }
-
     void itTellsTheTruth() {
         require(run.exitStatus == expectedStatus(), "wrong exit status");
         for (const std::string& device : updated) {
@@ -110,15 +105,6 @@ private:
         }
     }
 
-    void itSendsWhatIsInTheFile() {
-        require(!sendsOtherContent, "another packet's content");
-        require(!isRefused || run.printed("Failed to transfer data to the Orvins"),
-                "a refused packet is not reported");
-        for (const std::string& device : checkedTooEarly) {
-            require(false, "checked, though it did not acknowledge each packet", device);
-        }
-    }
-
     void theStatusFileIsComplete() {
         for (const std::string& message : run.messages) {
             const std::string end = message.substr(message.find_last_not_of(".!") + 1);
@@ -136,17 +122,6 @@ private:
     }
 
     void itCleansUpTheBus() {
-        const bool readsOnly = searched.has("-p") || searched.has("-l") || searched.has("-V");
-        std::map<Function, bool> isSet;
-        for (const Record& record : run.records) {
-            const Function function = record.call.function;
-            require(
-                !readsOnly || function < Function::WriteRequest || function > Function::StartUpdate,
-                "writes though it must not");
-            isSet[function] = record.call.text == "set";
-            require(function != Function::Cleanup || record.consoleLength == run.console.size(),
-                    "prints after the mode's end");
-        }
         require(!isSet[Function::SetTransferCallback] && !isSet[Function::SetBusChangeCallback],
                 "a callback left set");
         const int sessions = hasSession ? 1 : 0;
@@ -158,30 +133,31 @@ private:
 
     // ---- what the calls tell ----
 
-    void follow(const Call& call) {
-        const std::string device = deviceOf(call);
-        if (call.function == Function::SetTransferCallback) {
+    void follow(const Call& call, Upgrade& upgrade) {
+        const Function function = call.function;
+        const bool succeeds = call.result == 0;
+        if (function == Function::SetTransferCallback) {
             sent = nullptr;
-        } else if (call.function == Function::WriteRequest) {
-            announce(call, upgrades[device]);
-        } else if (call.function == Function::Data) {
+        } else if (function == Function::WriteRequest) {
+            announce(call, upgrade);
+        } else if (function == Function::Data) {
             send(call);
-        } else if (call.function == Function::TransferCallback) {
-            upgrades[device].acknowledged += sim::kPacketBytes;
-        } else if (call.function == Function::CheckImage) {
-            Upgrade& upgrade = upgrades[device];
-            upgrade.isChecked = call.result == 0;
-            if (upgrade.image == nullptr || upgrade.acknowledged < upgrade.image->content.size()) {
-                checkedTooEarly.insert(device);
-            }
-        } else if (call.function == Function::StartUpdate) {
-            Upgrade& upgrade = upgrades[device];
-            const bool isStarted = upgrade.isAnnounced && upgrade.isChecked && call.result == 0;
-            upgrade.completions += isStarted ? 1 : 0;
-        } else if (call.function == Function::OrvinInfo) {
-            upgrades[device].isAsked = true;
-            upgrades[device].answer = call.result == 0 ? call.answer : std::vector<std::int64_t>();
+        } else if (function == Function::TransferCallback) {
+            upgrade.acknowledged += sim::kPacketBytes;
+        } else if (function == Function::CheckImage) {
+            upgrade.isChecked = succeeds;
+            const Image* const image = upgrade.image;
+            require(image != nullptr && upgrade.acknowledged >= image->content.size(),
+                    "checked, though it did not acknowledge each packet", deviceOf(call));
+        } else if (function == Function::StartUpdate) {
+            upgrade.completions += upgrade.isAccepted && upgrade.isChecked && succeeds ? 1 : 0;
+        } else if (function == Function::OrvinInfo) {
+            upgrade.isAsked = true;
+            upgrade.answer = succeeds ? call.answer : std::vector<std::int64_t>();
         }
+        require(!readsOnly || function < Function::WriteRequest || function > Function::StartUpdate,
+                "writes though it must not");
+        isSet[function] = call.text == talm::slotText(true);
     }
 
     void announce(const Call& call, Upgrade& upgrade) {
@@ -193,9 +169,9 @@ private:
         if (sent == nullptr) {
             return require(false, "announces what is in no file");
         }
-        ++upgrade.attempts[sent];
+        require(++upgrade.attempts[sent] <= 2, "more than two attempts", deviceOf(call));
         upgrade.image = upgrade.announced[sent->target] = sent;
-        upgrade.isAnnounced = call.result == 0;
+        upgrade.isAccepted = call.result == 0;
         upgrade.isChecked = upgrade.isAsked = false;
         upgrade.acknowledged = 0;
         packets.clear();
@@ -203,10 +179,11 @@ private:
 
     void send(const Call& data) {
         const std::size_t start = static_cast<std::size_t>(data.given[0]) * sim::kPacketBytes;
-        sendsOtherContent |=
-            sent != nullptr && (!isBroadcastVanid(*data.device) || start >= sent->content.size() ||
-                                sent->content.compare(start, sim::kPacketBytes, data.content, 0,
-                                                      sent->content.size() - start) != 0);
+        const bool isContent =
+            sent == nullptr || (start < sent->content.size() &&
+                                sent->content.substr(start, sim::kPacketBytes) ==
+                                    data.content.substr(0, sent->content.size() - start));
+        require(isContent && isBroadcastVanid(*data.device), "another packet's content");
         isRefused |= data.result != sim::result::kBroadcast;
         repeatsPackets |= !packets.insert(data.given[0]).second;
     }
@@ -282,16 +259,16 @@ private:
 
     const Case& searched;
     const ToolRun& run;
+    const bool readsOnly = searched.has("-p") || searched.has("-l") || searched.has("-V");
     const bool hasSession = !run.printed("Failed to initialize lumnet lib on ");
     const Texts updated = listedUnder("Successfully updated ", run.console);
     const Texts notUpgraded = listedUnder("could not be upgraded", run.console);
     std::map<std::string, Upgrade> upgrades;  // by device
     const Image* sent = nullptr;              // in the transfer
     std::set<std::int64_t> packets;           // sent in it
+    std::map<Function, bool> isSet;           // as the last call said
     bool repeatsPackets = false;
-    bool sendsOtherContent = false;
     bool isRefused = false;
-    std::set<std::string> checkedTooEarly;
     Findings broken;
 };
 
