@@ -24,8 +24,8 @@ std::string storyOf(const ToolSetup& setup) {
     const ToolRun run = runTool(setup);
     std::string text = timelineOf(run) + "exit status " + std::to_string(run.exitStatus) +
                        (run.writerLeft ? ", message writer left" : "") +
-                       (run.filesOpen > 0 ? ", files left open" : "") + '\n';
-    for (const auto& file : run.filesNow) {
+                       (!run.system.openFiles.empty() ? ", files left open" : "") + '\n';
+    for (const auto& file : run.system.files) {
         text +=
             file.first.rfind("mem:", 0) == 0 ? "" : "temporary file left: " + file.second + "\n";
     }
@@ -109,7 +109,7 @@ TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
     std::string& image = run.files["mem:dsp"];
     for (const auto& [size, percent] : {std::pair{42'949'672U, " 0%"}, {42'949'673U, " 100%"}}) {
         image.replace(20, 4, reinterpret_cast<const char*>(&size), 4).resize(36 + size);
-        const std::string message = runTool(run).messages.at(1);
+        const std::string message = runTool(run).system.messages.at(1);
         EXPECT_NE(message.find(percent), std::string::npos) << message;
     }
 }

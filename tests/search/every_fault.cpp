@@ -44,16 +44,13 @@ Harm harmOf(const sim::Call& call, int result) {
 // All faults of the packet with this number.
 std::vector<PacketFault> packetFaults(std::int64_t packet) {
     using Kind = PacketFault::Kind;
-    std::vector<PacketFault> faults = {PacketFault::next(Kind::Lost, 0, 2)};
-    for (const Kind kind : {Kind::Lost, Kind::Damaged, Kind::Twice}) {
-        faults.push_back(PacketFault::next(kind));
-    }
-    for (const int result : {1, -1, 18}) {
-        faults.push_back(PacketFault::next(Kind::Result, result));
-    }
-    for (const Microseconds delay : {kSecond / 500, 6 * kSecond, 11 * kSecond}) {
-        faults.push_back(PacketFault::next(Kind::Late, delay));
-    }
+    const auto next = PacketFault::next;
+    std::vector<PacketFault> faults = {
+        next(Kind::Lost, 0, 2),           next(Kind::Lost, 0, 1),
+        next(Kind::Damaged, 0, 1),        next(Kind::Twice, 0, 1),
+        next(Kind::Result, 1, 1),         next(Kind::Result, -1, 1),
+        next(Kind::Result, 18, 1),        next(Kind::Late, kSecond / 500, 1),
+        next(Kind::Late, 6 * kSecond, 1), next(Kind::Late, 11 * kSecond, 1)};
     for (std::int64_t to = 0; to <= packet; ++to) {
         faults.push_back(PacketFault::next(Kind::GoBack, to));
     }

@@ -62,7 +62,8 @@ struct Search {
             std::cerr << "WRONG: " << what << '\n';
         }
         if (++wrong == 1) {
-            std::cerr << run.trace() << run.console << "exit status: " << run.exitStatus << '\n';
+            std::cerr << run.trace() << run.system.console << "exit status: " << run.exitStatus
+                      << '\n';
         }
     }
 };

@@ -55,7 +55,7 @@ public:
         for (const Record& record : run.records) {
             follow(record.call, upgrades[deviceOf(record.call)]);
             require(record.call.function != Function::Cleanup ||
-                        record.consoleLength == run.console.size(),
+                        record.consoleLength == run.system.console.size(),
                     "prints after the mode's end");
         }
         require(notUpgraded.empty() || run.printed("Retrying upgrade on following "),
@@ -66,7 +66,7 @@ public:
                 "a refused packet is not reported");
         theStatusFileIsComplete();
         itCleansUpTheBus();
-        require(run.filesOpen == 0, "a file left open");
+        require(run.system.openFiles.empty(), "a file left open");
         return broken;
     }
 
@@ -106,18 +106,18 @@ private:
     }
 
     void theStatusFileIsComplete() {
-        for (const std::string& message : run.messages) {
+        for (const std::string& message : run.system.messages) {
             const std::string end = message.substr(message.find_last_not_of(".!") + 1);
             require(end == "..." || end == "!" || message.find(" completed") != std::string::npos,
                     "not a whole message", message);
         }
         const bool wanted = searched.has("-m") && hasSession && expectedStatus() != 128;
-        require(wanted == !run.messages.empty() || !searched.setup.errors.empty(),
+        require(wanted == !run.system.messages.empty() || !searched.setup.errors.empty(),
                 "messages without -m, or none with it");
         const bool failed = run.printed("Error at write message: ") ||
                             run.printed("Incomplete write for message: ");
-        const std::size_t status = run.filesNow.count(MemorySystem::kStatusFile);
-        require(run.filesNow.size() == searched.setup.files.size() + status + (failed ? 1 : 0),
+        const std::size_t status = run.system.files.count(MemorySystem::kStatusFile);
+        require(run.system.files.size() == searched.setup.files.size() + status + (failed ? 1 : 0),
                 "temporary files left");
     }
 
@@ -261,8 +261,8 @@ private:
     const ToolRun& run;
     const bool readsOnly = searched.has("-p") || searched.has("-l") || searched.has("-V");
     const bool hasSession = !run.printed("Failed to initialize lumnet lib on ");
-    const Texts updated = listedUnder("Successfully updated ", run.console);
-    const Texts notUpgraded = listedUnder("could not be upgraded", run.console);
+    const Texts updated = listedUnder("Successfully updated ", run.system.console);
+    const Texts notUpgraded = listedUnder("could not be upgraded", run.system.console);
     std::map<std::string, Upgrade> upgrades;  // by device
     const Image* sent = nullptr;              // in the transfer
     std::set<std::int64_t> packets;           // sent in it
@@ -277,7 +277,8 @@ private:
 Findings brokenPromises(const Case& searched, const ToolRun& run) {
     if (run.lacksMemory) {  // the process ends, from which nothing more can be expected
         const auto isTemporary = [](const auto& file) { return file.first.rfind("mem:", 0) != 0; };
-        const bool left = std::any_of(run.filesNow.begin(), run.filesNow.end(), isTemporary);
+        const bool left =
+            std::any_of(run.system.files.begin(), run.system.files.end(), isTemporary);
         return Findings(left ? 1 : 0, "a temporary file left");
     }
     if (!run.ended) {

@@ -30,10 +30,10 @@ Findings differencesWhenRepeated(const Case& searched, const ToolRun& run) {
     repeated.faults.clear();
     const ToolRun second = runCase(repeated);
     Findings differences;
-    if (second.console != run.console) {
-        differences.push_back("repeated, the console is:\n" + second.console);
+    if (second.system.console != run.system.console) {
+        differences.push_back("repeated, the console is:\n" + second.system.console);
     }
-    if (second.messages != run.messages) {
+    if (second.system.messages != run.system.messages) {
         differences.emplace_back("repeated, the status messages are different");
     }
     if (second.ended != run.ended || second.exitStatus != run.exitStatus) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/erase.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -111,12 +112,12 @@ extern "C" {
 
 int __wrap_open64(const char* name, int flags, ...) {
     const OutsideTheTool outside;
-    const int missing = memory().files.count(name) == 0 ? ENOENT : 0;
-    const int error = memory().fails("open") ? errno : missing;
+    const bool fails = memory().fails("open") || memory().files.count(name) == 0;
+    const int error = errno != 0 ? errno : ENOENT;
     memory().tell("open "s + name + ((flags & O_ACCMODE) == O_RDONLY ? "" : " for writing") +
-                  (error == 0 ? "" : ", which fails"));
+                  (fails ? ", which fails" : ""));
     errno = error;
-    return error == 0 ? openNew(name) : -1;
+    return fails ? -1 : openNew(name);
 }
 
 int __wrap_mkstemp64(char* name) {
@@ -180,14 +181,12 @@ int __wrap_rename(const char* from, const char* to) {
     if (memory().fails("rename")) {
         return -1;
     }
-    const std::string content = memory().files[from];
-    memory().files.erase(from);
+    const std::string content = memory().files.extract(from).mapped();
     memory().files[to] = content;
-    if (std::strcmp(to, MemorySystem::kStatusFile) == 0) {
+    if (to == std::string(MemorySystem::kStatusFile)) {
+        const auto& open = memory().openFiles;
+        const bool isOpen = !open.empty() && open.rbegin()->second.name == from;
         memory().messages.push_back(content);
-        const bool isOpen =
-            std::any_of(memory().openFiles.begin(), memory().openFiles.end(),
-                        [from](const auto& file) { return file.second.name == from; });
         memory().tell("= " + content + (isOpen ? " (the file is still open)" : ""));
     }
     return 0;
@@ -222,11 +221,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     const OutsideTheTool outside;
     const int result = __real_pthread_mutex_unlock(mutex);
-    const std::string number = numberOf(mutex);
-    const std::size_t at = number.empty() ? std::string::npos : memory().held.rfind(number);
-    if (at != std::string::npos) {  // it is not there when locking it has failed
-        memory().held.erase(at, number.size());
-    }
+    boost::erase_last(memory().held, numberOf(mutex));  // not there if locking it has failed
     return fails("unlock ", mutex) ? errno : result;
 }
 

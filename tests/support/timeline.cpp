@@ -99,7 +99,7 @@ void separateObject(Entry& entry) {
 Entries entriesOf(const ToolRun& run) {
     Entries all;
     auto record = run.records.begin();
-    for (const Event& event : run.events) {
+    for (const Event& event : run.system.events) {
         Entry entry{event.time, event.held, event.text};
         if (event.text.empty()) {
             describe(entry, (record++)->call);

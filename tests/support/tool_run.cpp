@@ -118,18 +118,15 @@ ToolRun runTool(const ToolSetup& setup, sim::Interceptor* interceptor,
     };
 
     ToolRun run;
-    run.console = captureOutput([&] { runMain(setup, run); });
+    captureOutput([&] { runMain(setup, run); });
     memory.before = nullptr;
     sim::busOpener() = nullptr;
     sim::interceptors().clear();
-    run.messages = memory.messages;
-    run.filesNow = memory.files;
-    run.filesOpen = memory.openFiles.size();
     for (const sim::MemberDescription& member : setup.bus.members) {
         run.versions.push_back(bus->findDevice(member.id)->installedVersions());
     }
     run.records = std::move(recorder.records);
-    run.events = memory.events;
+    run.system = memory;
     return run;
 }
 

@@ -39,20 +39,18 @@ struct Record {
 
 // The visible result of a run.
 struct ToolRun {
-    bool ended = false;        // within the time limit
-    bool lacksMemory = false;  // which ended it, as nothing caught std::bad_alloc
-    int allocationsLeft = 0;   // until the failing one
-    int exitStatus = 0;        // as the system gives it to the caller
-    std::string console;
-    std::vector<std::string> messages;            // all that the status file held, in order
-    std::map<std::string, std::string> filesNow;  // all files after the run
-    std::size_t filesOpen = 0;                    // that the tool has not closed
-    bool writerLeft = false;                      // the tool's message writer still existed
-    std::vector<Record> records;
-    std::vector<Event> events;            // the records among them
+    bool ended = false;                   // within the time limit
+    bool lacksMemory = false;             // which ended it, as nothing caught std::bad_alloc
+    int allocationsLeft = 0;              // until the failing one
+    int exitStatus = 0;                   // as the system gives it to the caller
+    MemorySystem system;                  // as the run leaves it
+    bool writerLeft = false;              // the tool's message writer still existed
+    std::vector<Record> records;          // among the events of the system
     std::vector<sim::Versions> versions;  // that the members of the bus run at the end
 
-    bool printed(const std::string& text) const { return console.find(text) != std::string::npos; }
+    bool printed(const std::string& text) const {
+        return system.console.find(text) != std::string::npos;
+    }
     int calls(sim::Function function) const;
     std::string trace() const;  // the records as lines of a recording
 };
