@@ -152,6 +152,26 @@ RecordingShowsWhatWentWrongAndBringsItBack() {
     contains_only stdout ''
 }
 
+BusFileNamesThePlaceOfWhatIsWrong() {
+    local orvin='{"id": "0a:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:01", "type": 64, "versions": {}' content reason
+    while IFS='|' read -r content reason; do
+        printf '%b' "${content//ORVIN/$orvin}" >bus.json
+        expect 132 "$listing" "bus.json': $reason"
+    done <<'CASES'
+{\n  "members": [\n|line 3, column 1: 
+{"members": [], "sed": 1}|/sed: unknown field
+{"members": [], "seed": "0x1ffffffff"}|/seed: expected a number or a string like
+{"members": [ORVIN, "faults": {"go_back": [{"at": 1}]}}]}|/members/0/faults/go_back/0: missing "to"
+{"members": [], "faults": {"get_members": {"calls": "all", "result": 5}}}|/faults/get_members/result: more than 0 members
+{"members": [ORVIN, "replay": {"packets": [[[1, 2]]]}}]}|/members/0/replay/packets/0/0: expected 3 numbers
+{"members": [ORVIN}, ORVIN}]}|/members/1/id: duplicate id
+CASES
+    expect 132 "flock bus.json $listing" 'in use by another connection'
+    expect 132 'orvin-firmware-upgrade -l -c sim:/dev/zero' 'not a regular file'
+    truncate -s 67108865 bus.json
+    expect 132 "$listing" 'larger than 64 MiB'
+}
+
 OrvinImageShowsWhatItCreatesWithADescriptorOrWithout() {
     local command='orvin-image create image --target dsp --version 1.2.3.4 --content content'
     head -c 100000 /dev/zero | tr '\0' x >content # more than one piece

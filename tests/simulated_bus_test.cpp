@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <set>
 #include <sstream>
 
@@ -65,37 +64,6 @@ std::string reasonOf(const std::string& text) {
 std::string busWithOrvin(const std::string& fields) {
     return R"({"members": [{"id": ")" + orvinText(1) + R"(", "type": 64, "versions": {})" + fields +
            "}]}";
-}
-
-TEST(BusFile, NamesThePlaceOfWhatIsWrong) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"{\n  \"members\": [\n", "line 3, column 1: "},
-        {R"({"members": [], "sed": 1})", "/sed: unknown field"},
-        {R"({"members": [], "seed": "0x1ffffffff"})", "/seed: expected a number or a string like"},
-        {busWithOrvin(R"(, "faults": {"go_back": [{"at": 1}]})"),
-         "/members/0/faults/go_back/0: missing \"to\""},
-        {R"({"members": [], "faults": {"get_members": {"calls": "all", "result": 5}}})",
-         "/faults/get_members/result: more than 0 members"},
-        {busWithOrvin(R"(, "replay": {"packets": [[[1, 2]]]})"),
-         "/members/0/replay/packets/0/0: expected 3 numbers"},
-        {busWithOrvin(R"(}, {"id": ")" + orvinText(1) + R"(", "type": 1)"),
-         "/members/1/id: duplicate id"},
-    };
-    for (const auto& [text, reason] : cases) {
-        EXPECT_EQ(reasonOf(text).substr(0, std::string(reason).size()), reason);
-    }
-}
-
-TEST(BusFile, HasOneUserAndAnEnd) {
-    const TemporaryDirectory directory;
-    const std::string path = directory / "bus.json";
-    writeText(path, R"({"members": []})");
-    const sim::BusFile user(path);
-    EXPECT_THROW(sim::BusFile second(path), sim::BusFileError);
-    EXPECT_THROW(sim::BusFile endless("/dev/zero"), sim::BusFileError);
-    writeText(directory / "long.json", "{");
-    std::filesystem::resize_file(directory / "long.json", (64U << 20U) + 1);
-    EXPECT_THROW(sim::BusFile tooLong(directory / "long.json"), sim::BusFileError);
 }
 
 // 1 MiB has 16,384 packets. The devices answer in turn, or all at once and in any order, on several

@@ -17,7 +17,7 @@
 #include "sim/library/bus_opener.h"
 #include "status/format_message.h"
 #include "status/message_writer.h"
-#include "support/described_run.h"
+#include "support/tool_run.h"
 #include "transfer/transfer_primitives.h"
 #include "transfer/upgrade_image.h"
 
@@ -72,9 +72,9 @@ protected:
         return group.allAcknowledged();
     }
 
-    void expectRestart() {
+    void expectRestart(const std::string& vanidText = orvinText(1)) {
         group.lockList();
-        group.setRestartPending(orvinText(1), true);
+        group.setRestartPending(vanidText, true);
         group.unlockList();
     }
 
@@ -166,9 +166,7 @@ TEST_F(Group, ForgivesRequestsToGoBackWithEachPacketOfEachTransfer) {
 
 TEST_F(Group, TakesAReportForTheFirstRecordOfADevice) {
     add({2, 1, 1});
-    group.lockList();
-    group.setRestartPending(orvinText(1).substr(1), true);
-    group.unlockList();
+    expectRestart(orvinText(1).substr(1));
     EXPECT_TRUE(group.allRejoined()) << "only the whole text is a device's";
     expectRestart();
     group.markRejoined(orvinId(2));

@@ -1,4 +1,4 @@
-// Whole runs, each in a file of runs/: how it is set up, as in support/described_run.h, and exactly
+// Whole runs, each in a file of runs/: how it is set up, as in support/tool_run.h, and exactly
 // what came of it: the exit status, and what happened in which order, as in support/timeline.h,
 // with VERSION for the tool's version, ..: for what the identifiers have in common, and ~ NAME for
 // the lines of phases/NAME.txt, which many runs have. After a change that is meant,
@@ -14,9 +14,9 @@
 #include <filesystem>
 #include <regex>
 
-#include "support/described_run.h"
 #include "support/files.h"
 #include "support/timeline.h"
+#include "support/tool_run.h"
 
 namespace {
 

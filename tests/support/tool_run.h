@@ -29,6 +29,14 @@ struct ToolSetup {
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
 };
 
+// The fields: "run", the command line; "errors", as in ToolSetup; and those of a bus file. A
+// member's "id" may be a number (see orvinText); by default a member is an Orvin with old firmware.
+// The files have all standardImages.
+ToolSetup describedRun(const std::string& json);
+
+// Valid and invalid image files by name.
+std::map<std::string, std::string> standardImages();
+
 // A bus call or a callback of a run.
 struct Record {
     sim::Microseconds time = 0;
