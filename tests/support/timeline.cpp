@@ -1,11 +1,10 @@
 #include "support/timeline.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/crc.hpp>
 #include <optional>
-#include <sstream>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "common/vanid_text.h"
@@ -55,6 +54,10 @@ struct Entry {
     std::string content = {};                 // of the packet
 };
 using Entries = std::vector<Entry>;
+
+std::string packetOf(const Entry& entry) {
+    return entry.packet ? ", packet " + std::to_string(*entry.packet) : "";
+}
 
 void describe(Entry& entry, const sim::Call& call) {
     const bool isCallback = sim::isCallback(call.function);
@@ -150,40 +153,31 @@ std::size_t repetitions(const Entries& entries, std::size_t begin, std::size_t l
     return (end - begin) / length - 1;
 }
 
-// A blank line is a "\n" at the end of the line before it or, if it is the first, in front of the
-// next one.
-std::vector<std::string> printedLines(const std::string& text) {
-    std::istringstream stream(text);
-    std::vector<std::string> lines;
-    std::string blank;
-    for (std::string line; std::getline(stream, line);) {
-        if (!line.empty()) {
-            lines.push_back("| " + std::exchange(blank, "") + line + (stream.eof() ? "\\" : ""));
-        } else {
-            (lines.empty() ? blank : lines.back()) += "\\n";
-        }
+// Each line gets that margin. A blank line is a "\n" at the end of the line before it or, if it is
+// the first, in front of the next one.
+std::string printedLines(std::string text, const std::string& margin) {
+    boost::replace_all(text, "\n\n", "\\n\n");
+    if (text[0] == '\n') {
+        text.replace(0, 1, "\\n");
     }
-    if (!blank.empty()) {
-        lines.push_back("| " + blank);
+    if (text.back() == '\n') {
+        text.pop_back();
+    } else {
+        text += '\\';
     }
-    return lines;
+    boost::replace_all(text, "\n", '\n' + margin + "| ");
+    return "| " + text;
 }
 
 std::string linesOf(const Entry& entry, bool withTime) {
-    const bool isPrinted = entry.event[0] == '|';
-    const std::vector<std::string> lines =
-        isPrinted ? printedLines(entry.event.substr(1))
-                  : std::vector<std::string>{entry.event + entry.object + entry.details};
-    std::string time = withTime ? seconds(entry.time) : "";
-    std::string text;
-    for (const std::string& line : lines) {
-        text += time + std::string(kTimeWidth - time.size(), ' ');
-        text += entry.held.empty() ? "" : '[' + entry.held + "] ";
-        text += line + (entry.packet ? ", packet " + std::to_string(*entry.packet) : "");
-        text += crcOf(entry.content) + '\n';
-        time.clear();
-    }
-    return text;
+    const std::string time = withTime ? seconds(entry.time) : "";
+    const std::string held = entry.held.empty() ? "" : '[' + entry.held + "] ";
+    const std::string margin(kTimeWidth, ' ');
+    const std::string text =
+        entry.event[0] == '|'
+            ? printedLines(entry.event.substr(1), margin + held)
+            : entry.event + entry.object + entry.details + packetOf(entry) + crcOf(entry.content);
+    return time + margin.substr(time.size()) + held + text + '\n';
 }
 
 // The line about the entries from `first` on that repeat those of that length before them.
@@ -194,7 +188,7 @@ std::string repeatedLine(const Entry* first, std::size_t length, std::size_t tim
     std::string content;
     for (const Entry* entry = first; entry != end; ++entry) {
         objects += entry->object == (entry - length)->object ? "" : entry->object;
-        packet = entry->packet ? ", packet " + std::to_string(*entry->packet) : packet;
+        packet = entry->packet ? packetOf(*entry) : packet;
         content += entry->content;
     }
     return std::string(kTimeWidth, ' ') + "... " + std::to_string(times) + " more" +
