@@ -186,22 +186,7 @@ TEST_F(Group, TakesTheLibrarysAnswerToARequestToAllForSuccess) {
     EXPECT_FALSE(startUpdate(session, orvinId(1), kArm));
 }
 
-// Truncated to 32 bits, the length would fit the header.
-TEST(FirmwareImage, IsRefusedFromTwoGibibytesOn) {
-    constexpr std::int64_t kLimit = (std::int64_t{1} << 31) - 36;
-    ErrorInfo error;
-    FirmwareImage image(&error);
-    for (const std::int64_t content : {kLimit - 1, kLimit, 2 * kLimit + 100}) {
-        const auto inHeader = static_cast<std::uint32_t>(content);
-        MemorySystem::instance().files["mem:image"] =
-            makeImage(kArm, kNewVersion, 0)
-                .replace(20, 4, reinterpret_cast<const char*>(&inHeader), 4);
-        MemorySystem::instance().missing = content;
-        EXPECT_EQ(image.open("mem:image"), content < kLimit) << content;
-    }
-}
-
-TEST(FirmwareImage, StandsAtItsFirstContentByteAndTellsWhyItCannotRead) {
+TEST(FirmwareImage, StandsAtItsFirstContentByteAndTellsWhyItIsRefused) {
     MemorySystem& system = MemorySystem::instance() = {};
     system.files = standardImages();
     ErrorInfo error;
@@ -215,6 +200,14 @@ TEST(FirmwareImage, StandsAtItsFirstContentByteAndTellsWhyItCannotRead) {
     EXPECT_EQ(error.code, transfer_result::kImageReadFailed);
     image.close();
     EXPECT_EQ(error.message, "File not open");
+    // From two gibibytes on. Truncated to 32 bits, the last length would fit the header.
+    constexpr std::int64_t kLimit = (std::int64_t{1} << 31) - 36;
+    for (const std::int64_t content : {kLimit - 1, kLimit, 2 * kLimit + 100}) {
+        const auto inHeader = static_cast<std::uint32_t>(content);
+        system.files["mem:empty"].replace(20, 4, reinterpret_cast<const char*>(&inHeader), 4);
+        system.missing = content;
+        EXPECT_EQ(image.open("mem:empty"), content < kLimit) << content;
+    }
 }
 
 std::string thrownBy(const std::function<void()>& action) {

@@ -65,15 +65,14 @@ bool dropMessageWriter() {
 // Records what happens. Asked first of the interceptors, so that no memory of theirs is the tool's.
 class Recorder : public sim::Interceptor {
 public:
-    explicit Recorder(bool isWithoutHandle) : withoutHandle(isWithoutHandle) {}
-
     std::optional<sim::InjectedResult> before(const sim::Call& call) override {
         ++MemorySystem::outside;
         MemorySystem::instance().tell("");
         underWay.push_back(records.size());
         records.push_back(
             {sim::VirtualTime::time, 0, MemorySystem::instance().console.size(), call});
-        const bool fails = withoutHandle && call.function == sim::Function::Initialize;
+        const bool fails = call.function == sim::Function::Initialize &&
+                           MemorySystem::instance().fails("initialize");
         return fails ? std::optional(sim::InjectedResult{-1}) : std::nullopt;
     }
     void after(const sim::Call& call) override {
@@ -87,7 +86,6 @@ public:
     std::vector<Record> records;
 
 private:
-    const bool withoutHandle;           // TalmApiInitialize fails, for which there is no bus yet
     std::vector<std::size_t> underWay;  // a callback may come while a call sleeps
 };
 
@@ -138,7 +136,7 @@ ToolRun runTool(const ToolSetup& setup, sim::Interceptor* interceptor,
     memory.errors = setup.errors;
     memory.before = before;
     sim::VirtualTime::reset(setup.timeLimit);
-    Recorder recorder(setup.errors.count("initialize") != 0);
+    Recorder recorder;
     sim::interceptors() = {&recorder};
     if (interceptor != nullptr) {
         sim::interceptors().push_back(interceptor);

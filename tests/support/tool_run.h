@@ -23,7 +23,7 @@ struct ToolSetup {
     std::vector<std::string> arguments;        // runTool adds the connection in front
     std::map<std::string, std::string> files;  // content by name, "mem:..."
     sim::BusDescription bus;
-    std::map<std::string, int> errors;  // of MemorySystem; "initialize": TalmApiInitialize fails
+    std::map<std::string, int> errors;      // of MemorySystem; "initialize #1": TalmApiInitialize
     std::function<void(sim::Bus&)> onOpen;  // sees the bus that the tool opens
     int failingAllocation = 0;              // of the tool, counted from 1; 0: none
     sim::Microseconds timeLimit = sim::VirtualTime::kNoLimit;
