@@ -12,6 +12,7 @@
 #include "sim/bus_file/bus_file_error.h"
 #include "support/files.h"
 #include "support/tool_run.h"
+#include "transfer/transfer_primitives.h"
 
 namespace {
 
@@ -69,26 +70,21 @@ std::string busWithOrvin(const std::string& fields) {
 // 1 MiB has 16,384 packets. The devices answer in turn, or all at once and in any order, on several
 // threads. The lines are taken five times a second.
 TEST(RecordingLines, OfAMebibyteTo63DevicesFitTenMegabytes) {
-    constexpr std::uint32_t kDevices = 63;
     constexpr std::uint32_t kPackets = 256;
-    vanid_t toAll{};
-    std::fill(std::begin(toAll.bytes), std::end(toAll.bytes), std::uint8_t{0xff});
     constexpr std::size_t kMost = std::size_t{10'000'000} / 16'384 * kPackets;
     for (const int apart : {1, 150, 1'100}) {
         recording::Lines lines;
         std::size_t size = 0;
         sim::Microseconds now = 1'000'000'000;
         for (std::uint32_t packet = 16'000; packet < 16'000 + kPackets; ++packet) {
-            talm::Call data(sim::Function::Data, toAll, {packet});
+            talm::Call data(sim::Function::Data, broadcastVanid, {packet});
             data.content.assign(sim::kPacketBytes, 'x');
             lines.add({now, 100, 1}, data);
-            for (std::uint32_t i = 0; i < kDevices; ++i) {
-                const sim::Microseconds before = now;
+            for (std::uint32_t i = 0; i < 63; ++i) {
+                const auto device = static_cast<int>(apart == 1 ? i * packet % 63 : i);
                 now += apart;
-                const std::uint32_t device = apart == 1 ? i * packet % kDevices : i;
-                lines.addAcknowledgement({now, 0, 2 + packet * i % 3},
-                                         orvinId(static_cast<int>(device)), packet);
-                size += now / 200'000 == before / 200'000 ? 0 : lines.take(false).size();
+                lines.addAcknowledgement({now, 0, 2 + packet * i % 3}, orvinId(device), packet);
+                size += now % 200'000 < apart ? lines.take(false).size() : 0;
             }
         }
         size += lines.take(true).size();
