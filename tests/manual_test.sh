@@ -8,10 +8,8 @@ failed=0
 
 finding() { echo "$1"; failed=1; }
 compare() { # WHAT SOURCE-LIST LIST, one item a line
-    local item
     [ -n "$2" ] || finding "$1: the source has none"
-    while IFS= read -r item; do finding "$1: '$item' is missing"; done < <(comm -23 <(items "$2") <(items "$3"))
-    while IFS= read -r item; do finding "$1: '$item' is not in the source"; done < <(comm -13 <(items "$2") <(items "$3"))
+    diff <(items "$2") <(items "$3") || finding "$1: differs from the source (<)"
 }
 items() { sort -u <<<"$1" | grep .; }
 offers() { # FUNCTION WORD...: what bash offers for the last word

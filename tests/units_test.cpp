@@ -234,24 +234,6 @@ TEST(MessageWriter, IsOneForTheProcess) {
     delete writer;
 }
 
-TEST(VanidText, IsReadFieldByField) {
-    vanid_t id{};
-    for (const auto& [field, byte] : {std::pair{"AB", 0xab},
-                                      {"zz", 0},
-                                      {" f", 0x0f},
-                                      {"-1", 0xff},
-                                      {"+7", 7},
-                                      {"1g", 1},
-                                      {"0x", 0}}) {
-        // Reading beyond the field would change the number.
-        ASSERT_TRUE(parseVanid(id, field + ("9" + orvinText(1).substr(3))));
-        EXPECT_EQ(id.bytes[0], byte) << field;
-        EXPECT_EQ(formatVanid(id).substr(2), orvinText(1).substr(2));
-    }
-    EXPECT_FALSE(parseVanid(id, orvinText(1).substr(1)));
-    EXPECT_FALSE(parseVanid(id, orvinText(1) + "0"));
-}
-
 std::string summaryOf(std::time_t elapsed) {
     constexpr std::time_t kEnd = std::numeric_limits<std::int32_t>::max() - 61;
     OrvinGroup group(nullptr, false);
