@@ -125,7 +125,7 @@ private:
         require(!isSet[Function::SetTransferCallback] && !isSet[Function::SetBusChangeCallback],
                 "a callback left set");
         const int sessions = hasSession ? 1 : 0;
-        require(run.calls(Function::Cleanup) == sessions && run.calls(Function::Close) == sessions,
+        require(calls[Function::Cleanup] == sessions && calls[Function::Close] == sessions,
                 "the session is not closed once");
         require(!hasSession || run.records.back().call.function == Function::Close,
                 "a call after the session's end");
@@ -157,6 +157,7 @@ private:
         }
         require(!readsOnly || function < Function::WriteRequest || function > Function::StartUpdate,
                 "writes though it must not");
+        ++calls[function];
         isSet[function] = call.text == talm::slotText(true);
     }
 
@@ -266,7 +267,8 @@ private:
     std::map<std::string, Upgrade> upgrades;  // by device
     const Image* sent = nullptr;              // in the transfer
     std::set<std::int64_t> packets;           // sent in it
-    std::map<Function, bool> isSet;           // as the last call said
+    std::map<Function, int> calls;
+    std::map<Function, bool> isSet;  // as the last call said
     bool repeatsPackets = false;
     bool isRefused = false;
     Findings broken;

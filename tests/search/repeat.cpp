@@ -1,4 +1,5 @@
 #include <map>
+#include <tuple>
 
 #include "search/case.h"
 #include "sim/bus_file/bus_file.h"
@@ -29,17 +30,11 @@ Findings differencesWhenRepeated(const Case& searched, const ToolRun& run) {
     repeated.setup.bus = sim::describeBus(sim::parseBusFile(answer.output));
     repeated.faults.clear();
     const ToolRun second = runCase(repeated);
-    Findings differences;
-    if (second.system.console != run.system.console) {
-        differences.push_back("repeated, the console is:\n" + second.system.console);
-    }
-    if (second.system.messages != run.system.messages) {
-        differences.emplace_back("repeated, the status messages are different");
-    }
-    if (second.ended != run.ended || second.exitStatus != run.exitStatus) {
-        differences.emplace_back("repeated, the run ends in another way");
-    }
-    return differences;
+    const auto outcome = [](const ToolRun& one) {
+        return std::tie(one.system.console, one.system.messages, one.ended, one.exitStatus);
+    };
+    return Findings(outcome(second) == outcome(run) ? 0 : 1,
+                    "repeated, it ends in another way:\n" + second.system.console);
 }
 
 Findings wrongAccusations(const Case& searched, const ToolRun& run) {

@@ -33,16 +33,11 @@ std::vector<std::string> wordsOf(const std::string& commandLine) {
 }
 
 Json completed(const Json& member) {
-    const Json& id = member.at("id");
-    Json whole;
-    if (!member.contains("type")) {
-        const Json old = {{"arm", kOldVersion},
-                          {"dsp", kOldVersion},
-                          {"booster_arm", kOldVersion},
-                          {"api", 0x30a}};
-        whole = {{"type", kOrvinType}, {"name", "Orvin"}, {"versions", old}};
-    }
+    const char* const old = member.contains("type") ? "{}" : R"({"type": 64, "name": "Orvin",
+        "versions": {"arm": "0x10000", "dsp": "0x10000", "booster_arm": "0x10000", "api": "0x30a"}})";
+    Json whole = Json::parse(old);
     whole.update(member);
+    const Json& id = member.at("id");
     whole["id"] = id.is_number() ? Json(orvinText(id)) : id;
     return whole;
 }
@@ -114,12 +109,6 @@ void runMain(const ToolSetup& setup, ToolRun& run) {
 
 }  // namespace
 
-int ToolRun::calls(sim::Function function) const {
-    return static_cast<int>(
-        std::count_if(records.begin(), records.end(),
-                      [&](const Record& record) { return record.call.function == function; }));
-}
-
 std::string ToolRun::trace() const {
     recording::Lines lines;
     for (const Record& record : records) {
@@ -182,12 +171,8 @@ std::string orvinText(int number) {
 }
 
 sim::MemberDescription orvin(int number) {
-    sim::MemberDescription orvin;
-    orvin.id = orvinId(number);
-    orvin.type = kOrvinType;
-    orvin.name = "Orvin " + std::to_string(number);
-    orvin.versions = {1, kOldVersion, kOldVersion, kOldVersion, 0x30a};
-    return orvin;
+    const std::string id = std::to_string(number);
+    return describedRun(R"({"run": "", "members": [{"id": )" + id + "}]}").bus.members[0];
 }
 
 std::string makeImage(std::uint32_t target, std::uint32_t version, std::size_t contentSize) {

@@ -59,7 +59,6 @@ struct ToolRun {
     bool printed(const std::string& text) const {
         return system.console.find(text) != std::string::npos;
     }
-    int calls(sim::Function function) const;
     std::string trace() const;  // the records as lines of a recording
 };
 
