@@ -17,7 +17,7 @@ sim::Microseconds timeLimit(const Case& searched) {
 // Injects the faults at their calls.
 class Injector : public sim::Interceptor {
 public:
-    explicit Injector(const std::vector<Fault>& ofTheCase) : faults(ofTheCase) {}
+    explicit Injector(const Case& searchedCase) : searched(searchedCase) {}
 
     void atAcquisition() {
         if (callbacks > 0) {
@@ -26,7 +26,7 @@ public:
         const std::size_t index = acquisitions.size();
         acquisitions.push_back({sim::VirtualTime::events.size(), packet, isRegistered});
         ++callbacks;
-        for (const Fault& fault : faults) {
+        for (const Fault& fault : searched.faults) {
             if (fault.place == Place::Lock && fault.call == index) {
                 fault.strike(*bus);
             }
@@ -63,7 +63,10 @@ public:
 private:
     std::optional<sim::InjectedResult> strike(const sim::Call& call, std::size_t index) {
         std::optional<sim::InjectedResult> result;
-        for (const Fault& fault : faults) {
+        if (searched.failsToClear && call.text == talm::slotText(false)) {
+            result = sim::InjectedResult{-1};
+        }
+        for (const Fault& fault : searched.faults) {
             if (fault.place == Place::Lock || index < fault.call ||
                 index > std::max(fault.call, fault.last)) {
                 continue;
@@ -77,7 +80,7 @@ private:
         return result;
     }
 
-    const std::vector<Fault>& faults;
+    const Case& searched;
     std::size_t calls = 0;
     int callbacks = 0;                   // under way
     std::optional<std::int64_t> packet;  // in flight
@@ -131,7 +134,7 @@ Image imageOf(const std::string& name, std::uint32_t target, std::uint32_t versi
 }
 
 ToolRun runCase(const Case& searched, std::vector<Acquisition>* acquisitions) {
-    Injector injector(searched.faults);
+    Injector injector(searched);
     ToolSetup setup = searched.setup;
     setup.timeLimit = timeLimit(searched);
     setup.onOpen = [&](sim::Bus& bus) { injector.bus = &bus; };

@@ -51,6 +51,7 @@ struct Case {
     ToolSetup setup;
     std::vector<Image> images;
     std::vector<Fault> faults;
+    bool failsToClear = false;      // the library clears no callback
     std::set<std::string> spoiled;  // devices that may be dropped, or left without the upgrade
     Harm harm = Harm::None;         // the worst harm to all devices
 
