@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/replace.hpp>
 #include <cstdlib>
 #include <filesystem>
@@ -98,6 +99,31 @@ TEST(Edges, ProgressOfALargeImageIsCountedIn32Bits) {
         image.replace(20, 4, reinterpret_cast<const char*>(&size), 4).resize(36 + size);
         const std::string message = runTool(run).system.messages.at(1);
         EXPECT_NE(message.find(percent), std::string::npos) << message;
+    }
+}
+
+// A request may come after the loop has checked for one and before it takes the next number: while
+// it writes its progress, which it does for each packet here, or while it reads the packet.
+TEST(Edges, ADeviceGoesBackAtAnyMoment) {
+    constexpr int kPackets = 20;
+    constexpr int kBeforeTheFirst = 31;  // reads of headers, writes of messages
+    ToolSetup setup =
+        describedRun(R"({"run": "-B -m mem:status mem:dsp", "members": [{"id": 1}]})");
+    setup.files["mem:dsp"] = makeImage(kDsp, kNewVersion, std::size_t{64} * kPackets);
+    sim::Bus* bus = nullptr;
+    setup.onOpen = [&](sim::Bus& opened) { bus = &opened; };
+    for (int moment = 0; moment < 2 * kPackets; ++moment) {
+        int count = 0;
+        const ToolRun run = runTool(setup, nullptr, [&](const std::string& call) {
+            const bool counts = call == "read" || call == "rename";
+            if (counts && count++ == kBeforeTheFirst + moment) {
+                bus->requestGoBack(orvinId(1), 1);
+            }
+        });
+        const auto sent = std::count_if(
+            run.records.begin(), run.records.end(),
+            [](const Record& record) { return record.call.function == sim::Function::Data; });
+        EXPECT_EQ(sent, kPackets + std::max(moment / 2 - 1, 0)) << moment;
     }
 }
 
