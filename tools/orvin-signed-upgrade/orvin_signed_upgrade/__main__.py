@@ -1,6 +1,7 @@
 """orvin-signed-upgrade: upgrades all Orvins on the bus with signed images, image by image, and reports."""
 
 import argparse
+import io
 import json
 import os
 import shutil
@@ -8,14 +9,16 @@ import signal
 import sys
 import tempfile
 import time
+from contextlib import ExitStack, suppress
 from datetime import date, datetime, timezone
 from typing import Any
 
 from . import files, images, notices, tool
-from .report import MISSING, OLD, Report, Run
+from .report import MISSING, OLD, UNKNOWN, Report, Run
 
 DIRECTORY = "/var/lib/orvin-signed-upgrade"
 KEY = "/etc/orvin-firmware.pub"
+METRICS = "/var/lib/prometheus/node-exporter/orvin-firmware-upgrade.prom"
 
 # Exit statuses. After 2 and 4, there is no report of this upgrade.
 ALL_NEW = 0
@@ -29,7 +32,6 @@ STOPPED = 128 + signal.SIGTERM
 
 MOST_DEVICES = 63  # the tool ends with the number of updated devices
 NOT_ALL_UPGRADED = 139  # of the tool; the next image may still be sent
-NOT_READY = 132, 133  # of the tool
 
 
 def _parse(version: str) -> argparse.Namespace:
@@ -43,22 +45,9 @@ def _parse(version: str) -> argparse.Namespace:
     parser.add_argument("--connection", metavar="URI", help="the bus, as orvin-firmware-upgrade -c has it")
     parser.add_argument("--pretend", action="store_true", help="send nothing, and tell what would be new")
     parser.add_argument("--record", action="store_true", help="record the bus in DIRECTORY/recording.jsonl")
-    parser.add_argument("--metrics", metavar="FILE", help="write metrics for node_exporter's textfile collector")
+    parser.add_argument("--metrics", metavar="FILE", help=f"metrics for node_exporter's textfile collector ({METRICS})")
     parser.add_argument("images", nargs="+", metavar="IMAGE", help="an image; its signature is in IMAGE.minisig")
     return parser.parse_args()
-
-
-def _say(line: str) -> None:
-    """The upgrade goes on when its reader is gone."""
-    try:
-        print(line, flush=True)
-    except OSError:
-        sys.stdout = open(os.devnull, "w", encoding="utf-8")
-
-
-def _tell(message: str) -> None:
-    _say(message)
-    notices.tell_service_manager(message)
 
 
 class Upgrade:
@@ -69,7 +58,8 @@ class Upgrade:
         self._lock = lock
         self._stop = stop
         self._options = ["-c", arguments.connection] if arguments.connection else []
-        self._began = time.time()
+        self._began = datetime.now(timezone.utc)
+        self._clock = time.monotonic()
         self._status = BROKEN_OFF
         self._report = Report({}, {}, [], is_pretended=arguments.pretend)
 
@@ -77,22 +67,22 @@ class Upgrade:
         """The exit status. Leaves the report and the metrics."""
         self._write_metrics({"in_progress": 1})
         try:
+            with suppress(FileNotFoundError):
+                os.unlink(self._path(self._report_name()))  # that of the last upgrade
             self._status = self._try()
         except files.Refused as refused:
             self._status, self._report.problem = REFUSED, f"nothing is upgraded: {refused}"
         except tool.NoListing as problem:
-            self._status, self._report.problem = BUS_NOT_READY, str(problem)
+            self._status, self._report.problem = self._status_of(problem), str(problem)
         except OSError as error:
             what = f"{error.filename or self._arguments.directory}: {error.strerror}"
             self._status, self._report.problem = REFUSED, f"nothing is upgraded: {what}"
-            if self._report.runs:
-                self._status, self._report.problem = BROKEN_OFF, what
         self._leave()
         return self._status
 
     def _try(self) -> int:
         report = self._report
-        directory = self._path("images")
+        directory = self._path(".verified")
         shutil.rmtree(directory, ignore_errors=True)
         os.mkdir(directory, 0o700)
         arguments = self._arguments
@@ -103,37 +93,56 @@ class Upgrade:
             raise files.Refused("there is no Orvin on the bus")
         files.replace(self._path("expected.json"), json.dumps(report.expected, indent=2))
         status = self._send_all()
+        if not report.runs:
+            return status
         try:
             report.after = tool.list_orvins(self._options)
         except tool.NoListing as problem:
             report.problem = report.problem or str(problem)
-            return status or BUS_NOT_READY
+            status = status or self._status_of(problem)
         self._keep()
         return status or self._judge()
+
+    def _status_of(self, problem: tool.NoListing) -> int:
+        if self._stop.requested:
+            return STOPPED
+        if problem.is_bus_not_ready:
+            return BUS_NOT_READY
+        return BROKEN_OFF if self._report.runs else REFUSED
 
     def _send_all(self) -> int:
         """0 unless an image could not be sent for a reason that is no device's."""
         for image in self._report.images:
             if not self._stop.requested:
-                self._report.runs.append(Run(image, self._send(image)))
+                try:
+                    self._report.runs.append(Run(image, self._send(image)))
+                except OSError as error:
+                    self._report.problem = f"{image.name} was not sent: {error.strerror}"
+                    return BROKEN_OFF if self._report.runs else REFUSED
             if self._stop.requested:
                 self._report.problem = "stopped"
                 return STOPPED
             outcome = self._report.runs[-1].outcome
             if outcome.status not in (*range(MOST_DEVICES + 1), NOT_ALL_UPGRADED):
                 self._report.problem = f"{tool.TOOL} ended with {outcome.status} for {image.name}"
-                return BUS_NOT_READY if outcome.status in NOT_READY else BROKEN_OFF
+                return BUS_NOT_READY if outcome.status in tool.NOT_READY else BROKEN_OFF
         return 0
 
     def _send(self, image: images.SignedImage) -> tool.Outcome:
-        # The tool replaces the status file from /tmp, so it must be on that file system.
-        with tempfile.TemporaryDirectory(prefix="orvin-signed-upgrade-", dir="/tmp") as directory:
-            status_file = os.path.join(directory, "status")
+        # The tool replaces the status file from /tmp, so it must be on that file system. It may be full.
+        with ExitStack() as stack:
+            status_file, messages = "", []
+            with suppress(OSError):
+                temporary = tempfile.TemporaryDirectory(prefix="orvin-signed-upgrade-", dir="/tmp")
+                status_file = os.path.join(stack.enter_context(temporary), "status")
+                messages = ["-m", status_file]
             recorder = ["orvin-record", self._path("recording.jsonl")] if self._arguments.record else []
             pretend = ["-p"] if self._arguments.pretend else []
-            command = [*recorder, tool.TOOL, "-B", "-m", status_file, *pretend, *self._options, "--", image.path]
+            command = [*recorder, tool.TOOL, "-B", *messages, *pretend, *self._options, "--", image.path]
             console = self._path("console")
-            return tool.upgrade(command, console, status_file, self._lock, self._stop, say=_say, tell=_tell)
+            follow = {"say": notices.say, "tell": notices.tell}
+            outcome = tool.upgrade(command, console, status_file, self._lock, self._stop, **follow)
+        return outcome
 
     def _judge(self) -> int:
         report = self._report
@@ -144,7 +153,7 @@ class Upgrade:
         """What the next upgrade must know: the release that a device has, and the devices that it must find."""
         if self._arguments.pretend:
             return
-        if self._report.has_new_device():
+        if self._report.is_installed():
             serial = max(self._least_serial(), self._report.images[0].serial)
             files.replace(self._path("serial"), f"{serial}\n")
         if self._report.is_complete():
@@ -170,34 +179,39 @@ class Upgrade:
             raise files.Refused(f"{self._path('expected.json')} is damaged") from None
 
     def _leave(self) -> None:
-        report, ended = self._report, time.time()
+        report, ended = self._report, datetime.now(timezone.utc)
         entry: dict[str, Any] = {
             "status": self._status,
-            "began": datetime.fromtimestamp(self._began, timezone.utc).isoformat(timespec="seconds"),
-            "ended": datetime.fromtimestamp(ended, timezone.utc).isoformat(timespec="seconds"),
+            "began": self._began.isoformat(timespec="seconds"),
+            "ended": ended.isoformat(timespec="seconds"),
             **report.as_object(),
         }
+        try:
+            files.replace(self._path(self._report_name()), json.dumps(entry, indent=2) + "\n")
+        except OSError as error:
+            notices.say(f"Attention: the report cannot be written: {error.strerror}")
         self._write_metrics(
             {
                 "in_progress": 0,
-                "end_timestamp_seconds": int(ended),
-                "duration_seconds": round(ended - self._began, 3),
+                "end_timestamp_seconds": int(ended.timestamp()),
+                "duration_seconds": round(time.monotonic() - self._clock, 3),
                 "exit_status": self._status,
                 'devices{state="updated"}': len(report.updated()),
-                'devices{state="failed"}': len(report.those(OLD)),
+                'devices{state="failed"}': len(report.those(OLD)) + len(report.those(UNKNOWN)),
                 'devices{state="missing"}': len(report.those(MISSING)),
             }
         )
-        _tell(report.summary())
+        notices.tell(report.summary())
         notices.tell_journal(report.summary(), self._status)
-        try:
-            files.replace(self._path("report.json"), json.dumps(entry, indent=2) + "\n")
-        except OSError as error:
-            print(f"Attention: the report cannot be written: {error.strerror}", file=sys.stderr, flush=True)
+
+    def _report_name(self) -> str:
+        return "pretended.json" if self._arguments.pretend else "report.json"
 
     def _write_metrics(self, values: dict[str, float]) -> None:
-        if self._arguments.metrics:
-            notices.write_metrics(self._arguments.metrics, values)
+        path = self._arguments.metrics or METRICS
+        has_collector = self._arguments.metrics or os.path.isdir(os.path.dirname(METRICS))
+        if has_collector and not self._arguments.pretend:
+            notices.write_metrics(path, values)
 
     def _path(self, name: str) -> str:
         return os.path.join(self._arguments.directory, name)
@@ -206,6 +220,8 @@ class Upgrade:
 def main(version: str) -> int:
     arguments = _parse(version)
     os.umask(0o077)
+    if isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
+        sys.stdout.reconfigure(errors="backslashreplace")  # names of devices and files may have any character
     signal.signal(signal.SIGHUP, signal.SIG_IGN)  # a connection that is lost stops no upgrade
     try:
         files.make_private(arguments.directory)

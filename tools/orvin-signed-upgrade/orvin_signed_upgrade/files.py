@@ -16,13 +16,13 @@ class Busy(Exception):
 
 
 def make_private(path: str) -> None:
-    """Makes the directory, or closes it to other users. Raises Refused if it is another user's, and OSError."""
+    """Makes the directory. Raises Refused if it is there and other users can reach it, and OSError."""
     os.makedirs(path, mode=0o700, exist_ok=True)
     directory = os.open(path, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC)
     try:
-        if os.fstat(directory).st_uid != os.geteuid():
-            raise Refused(f"{path} belongs to another user")
-        os.fchmod(directory, 0o700)
+        status = os.fstat(directory)
+        if status.st_uid != os.geteuid() or status.st_mode & 0o077:
+            raise Refused(f"other users can reach {path}")
     finally:
         os.close(directory)
 
@@ -40,11 +40,11 @@ def lock(path: str) -> int:
 
 def open_regular(path: str, flags: int = 0) -> BinaryIO:
     """For reading. Raises OSError, also for a file that is not regular: a pipe would block."""
-    file = open(os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC | flags), "rb", buffering=0)
-    if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
-        file.close()
+    number = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC | flags)
+    if not stat.S_ISREG(os.fstat(number).st_mode):
+        os.close(number)
         raise OSError(0, "not a regular file", path)
-    return file
+    return open(number, "rb", buffering=0)
 
 
 def replace(path: str, text: str, mode: int = 0o600) -> None:

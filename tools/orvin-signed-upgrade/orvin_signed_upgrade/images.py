@@ -7,8 +7,10 @@ import subprocess
 from collections.abc import Iterable
 from dataclasses import dataclass
 from datetime import date
+from typing import Any
 
 from .files import Refused, open_regular
+from .notices import say
 
 ARM = 0x200
 VERSIONS = {ARM: "arm", 0x201: "dsp", 0x202: "booster_arm"}  # by target: which version of a device the image changes
@@ -16,6 +18,7 @@ MOST_BYTES = 1 << 31  # an image has fewer
 MOST_SIGNATURE_BYTES = 1 << 16
 PIECE = 1 << 20
 COMMENT = re.compile(r"serial=(\d{1,15}) file=(.+) until=(\d{4}-\d\d-\d\d)")
+COMMAND_LASTS = 300  # seconds; for 2 GiB on a slow host
 UNSET_CLOCK = date(2026, 1, 1)  # earlier than this program
 
 
@@ -49,6 +52,7 @@ def take(paths: list[str], key: str, directory: str, least_serial: int, today: d
 
 
 def _take_one(path: str, key: str, copy: str, today: date) -> SignedImage:
+    open_regular(key).close()
     _copy(path, copy, MOST_BYTES)
     _copy(path + ".minisig", copy + ".minisig", MOST_SIGNATURE_BYTES)
     name = os.path.basename(path)
@@ -87,16 +91,18 @@ def _verify(name: str, copy: str, key: str, today: date) -> int:
     if signed_name != name:
         raise Refused(f"{name} was signed as {signed_name}")
     if today < UNSET_CLOCK:
-        print(f"Attention: the clock says {today}, so the date of {name} is not checked.", flush=True)
+        say(f"Attention: the clock says {today}, so the date of {name} is not checked.")
     elif until < today.isoformat():
         raise Refused(f"{name} may be installed until {until} only")
     return int(serial)
 
 
 def _run(command: Iterable[str]) -> "subprocess.CompletedProcess[str]":
-    return subprocess.run(
-        [*command], stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", errors="surrogateescape"
-    )
+    options: dict[str, Any] = {"encoding": "utf-8", "errors": "surrogateescape", "timeout": COMMAND_LASTS}
+    try:
+        return subprocess.run([*command], stdin=subprocess.DEVNULL, capture_output=True, **options)
+    except subprocess.TimeoutExpired as expired:
+        raise Refused(f"{expired.cmd[0]} did not end within {COMMAND_LASTS} s") from None
 
 
 def _last_line(text: str) -> str:

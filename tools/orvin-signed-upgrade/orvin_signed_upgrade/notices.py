@@ -10,7 +10,17 @@ from . import files
 JOURNAL = "/run/systemd/journal/socket"
 
 
-def tell_service_manager(message: str) -> None:
+def say(line: str) -> None:
+    """The upgrade goes on when its reader is gone."""
+    try:
+        print(line, flush=True)
+    except OSError:
+        sys.stdout = open(os.devnull, "w", encoding="utf-8")
+
+
+def tell(message: str) -> None:
+    """The reader and the service manager."""
+    say(message)
     address = os.environ.get("NOTIFY_SOCKET", "")
     _send(address.replace("@", "\0", 1) if address.startswith("@") else address, f"STATUS={_one_line(message)}")
 
@@ -34,7 +44,7 @@ def write_metrics(path: str, values: Mapping[str, float]) -> None:
     try:
         files.replace(path, "\n".join(lines) + "\n", mode=0o644)
     except OSError as error:
-        print(f"Attention: {path} cannot be written: {error.strerror}", file=sys.stderr, flush=True)
+        say(f"Attention: {path} cannot be written: {error.strerror}")
 
 
 HELP = {

@@ -19,6 +19,7 @@ STEPS = {  # of the tool, by what it says when it removes a device
     "getVersion failed": "version query",
 }
 NEW, OLD, MISSING = "new", "old", "missing"
+UNKNOWN = "unknown"  # the device gave no version, or the bus could not be listed again
 
 
 @dataclass
@@ -30,10 +31,12 @@ class Run:
     failures: dict[str, str] = field(default_factory=dict)  # by device: the step that it failed last
     passed_over: set[str] = field(default_factory=set)
     was_sent: bool = False  # to those that were not passed over
+    was_installed: bool = False  # on a device, as far as the tool knows
 
     def __post_init__(self) -> None:
         for line in self.outcome.console:
             self.was_sent = self.was_sent or line.startswith("Upgrading ")
+            self.was_installed = self.was_installed or line.startswith("Successfully updated ")
             if found := PASSED_OVER.match(line):
                 self.passed_over.add(found[1])
             elif found := REMOVED.match(line):
@@ -53,13 +56,15 @@ class Report:
 
     def state(self, id: str, image: SignedImage) -> str:
         orvin = (self.after or {}).get(id)
+        if self.after is None or orvin and not orvin.versions:
+            return UNKNOWN
         if orvin is None:
             return MISSING
         return NEW if orvin.versions.get(VERSIONS[image.target]) == image.version else OLD
 
     def worst(self, id: str) -> str:
         states = [self.state(id, image) for image in self.images]
-        return next((state for state in (MISSING, OLD) if state in states), NEW)
+        return next((state for state in (MISSING, UNKNOWN, OLD) if state in states), NEW)
 
     def those(self, state: str) -> list[str]:
         return [id for id in self.expected if self.worst(id) == state]
@@ -73,21 +78,25 @@ class Report:
         is_old = versions.get(VERSIONS[image.target]) != image.version
         return is_old and self.state(id, image) == NEW
 
-    def has_new_device(self) -> bool:
-        return bool(self.those(NEW))
+    def is_installed(self) -> bool:
+        """Whether a device has an image of this release."""
+        is_seen = any(self.state(id, image) == NEW for id in self.expected for image in self.images)
+        return is_seen or any(run.was_installed for run in self.runs)
 
     def is_complete(self) -> bool:
         return self.after is not None and not self.problem and len(self.those(NEW)) == len(self.expected)
 
     def title(self, id: str) -> str:
-        name = "".join(character if character.isprintable() else "?" for character in self.expected[id])
-        return f"{id} {name}".rstrip()
+        return f"{id} {self.expected[id]}".rstrip()
 
     def summary(self) -> str:
         """One line. Names devices only where something is wrong."""
+        return "".join(character if character.isprintable() else "?" for character in self._summary())
+
+    def _summary(self) -> str:
         if self.after is None:
             return self.problem or "the bus was not listed again"
-        wrong = {OLD: "not new", MISSING: "missing"}
+        wrong = {OLD: "not new", UNKNOWN: "without a version", MISSING: "missing"}
         parts = [f"{len(self.those(NEW))} new ({len(self.updated())} updated)"]
         if self.is_pretended:
             parts = [f"{len(self.those(NEW))} new, {len(self.those(OLD))} would be updated"]
@@ -117,7 +126,7 @@ class Report:
         )
         if state == NEW:
             failed = None
-        elif was_sent and failed is None:
+        elif was_sent and failed is None and state != UNKNOWN:
             failed = "return" if state == MISSING else "new version"
         return {
             "file": image.name,

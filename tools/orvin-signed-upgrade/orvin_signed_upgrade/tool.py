@@ -13,20 +13,25 @@ from typing import Any, BinaryIO, Optional
 from .files import open_regular
 
 TOOL = "orvin-firmware-upgrade"
+NOT_READY = 132, 133  # of the tool: the bus controller or its bus
 LISTING_LASTS = 900  # seconds; it takes minutes at most, up to 100 s of them for the link
 BETWEEN_LOOKS = 0.2  # seconds
 MOST_STATUS_BYTES = 4096
 ID = "[0-9a-f:]{50}"
-# A name has at most 32 bytes, too few to feign a line.
+# A name has at most 32 bytes, any ones; too few to feign a line.
 LISTED = re.compile(
     rf"(?m)^ *\d+\)  ({ID}) Pellix   (?:\(hw:(\w{{8}}), arm:(\w{{8}}), dsp:(\w{{8}}), "
-    r"booster arm:(\w{8}), api:(\w{8}), '([^\n]*)'\))?"
+    r"booster arm:(\w{8}), api:(\w{8}), '((?s:.){0,32}?)'\))?"
 )
 VERSION_NAMES = "hw", "arm", "dsp", "booster_arm", "api"
 
 
 class NoListing(Exception):
     """Says why the Orvins on the bus are not known."""
+
+    def __init__(self, problem: str, status: int = 0) -> None:
+        super().__init__(problem)
+        self.is_bus_not_ready = status in NOT_READY
 
 
 @dataclass(frozen=True)
@@ -62,18 +67,17 @@ def list_orvins(options: list[str]) -> dict[str, Orvin]:
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
             timeout=LISTING_LASTS,
-            encoding="utf-8",
-            errors="replace",
             start_new_session=True,
         )
     except subprocess.TimeoutExpired:
         raise NoListing(f"the bus was not listed in {LISTING_LASTS} s") from None
+    text = listing.stdout.decode(errors="replace")
     if listing.returncode != 0:
-        last = (listing.stdout.strip().splitlines() or [""])[-1]
-        raise NoListing(f"the bus was not listed, {TOOL} ended with {listing.returncode}: {last}")
+        last = (text.strip().splitlines() or [""])[-1]
+        raise NoListing(f"the bus was not listed, {TOOL} ended with {listing.returncode}: {last}", listing.returncode)
     return {
         id: Orvin(name, dict(zip(VERSION_NAMES, (int(text, 16) for text in versions))) if versions[0] else {})
-        for id, *versions, name in LISTED.findall(listing.stdout)
+        for id, *versions, name in LISTED.findall(text)
     }
 
 
