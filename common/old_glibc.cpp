@@ -36,6 +36,7 @@ constexpr int kStatVersion = 3;
         return old_##name arguments;                       \
     }
 
+// The names are those of the C library.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
 extern "C" {
 

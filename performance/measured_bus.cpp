@@ -1,6 +1,6 @@
-// Bus libraries in virtual time, in which everything comes at the microsecond that it is due: what
-// a program does on them is the same on every run. The connection says how many Orvins there are,
-// after how many microseconds they acknowledge a packet, and the last one of them:
+// Bus libraries in virtual time: each callback comes at its exact microsecond, so a program does
+// the same on every run. The connection gives the number of Orvins, the microseconds after which
+// they acknowledge a packet, and those of the last Orvin:
 //
 //     63,300,1001
 //
@@ -38,7 +38,7 @@ vanid_t idOf(int device) {
 
 extern "C" {
 
-// The program's callback. Costs are told by the names of the functions, so this is one of its own.
+// Makes the program's callback. A function of its own, because the costs are counted by function.
 __attribute__((noinline, used, visibility("default"))) void deliver(int device) {
     due[device] = kNever;
     const auto callback = reinterpret_cast<TransferCallback>(transferSlot.function);

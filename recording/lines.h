@@ -54,7 +54,7 @@ private:
         std::string after;      // microseconds, each followed by a comma
         std::string threads;    // one character for each acknowledgement
         bool oneThread = true;  // all came on the same thread
-        int timesLeft = 0;      // how often take() kept them back
+        int timesLeft = 0;      // calls of take() that left them pending
     };
     Acknowledgements pending;
     std::string lastBy;  // the value of "by" in the last line that has it

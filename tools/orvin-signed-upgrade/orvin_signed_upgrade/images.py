@@ -32,9 +32,9 @@ class SignedImage:
 
 
 def take(paths: list[str], key: str, directory: str, least_serial: int, today: date) -> list[SignedImage]:
-    """Copies the images into the directory. In the order in which the tool takes them. Raises Refused and OSError.
+    """Copies the images into the directory, and returns them in the order in which the tool sends them.
 
-    The images must be of one release, whose serial is not below the least one.
+    The images must be of one release, whose serial is not below the least one. Raises Refused and OSError.
     """
     names = [os.path.basename(path) for path in paths]
     if len({*names}) != len(names):

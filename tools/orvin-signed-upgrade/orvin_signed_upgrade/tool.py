@@ -124,8 +124,8 @@ def upgrade(
 ) -> Outcome:
     """Runs the command, whose output goes into the file `console`. It has the lock, too, until it ends.
 
-    A file, not a pipe: the command then survives this program. Its session is its own, so it gets no signal of a
-    terminal.
+    The output is a file, not a pipe, so that the command survives this program. A session of its own protects it from
+    the signals of a terminal.
     """
     options: dict[str, Any] = {"stdin": subprocess.DEVNULL, "stderr": subprocess.STDOUT, "start_new_session": True}
     with open(console, "wb") as output, open(console, "rb") as seen:
