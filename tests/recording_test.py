@@ -4,8 +4,8 @@ import json
 import re
 import sys
 
-from orvin_recording.axis import Axis
 from orvin_recording.check import Check
+from orvin_recording.plot import Axis
 from orvin_recording.reader import Recording
 
 EDITED = "edited"
@@ -17,7 +17,7 @@ CALLBACK = '{{"t":{:f},"thread":2,"callback":"TransferCallback","device":"%s","r
 def _broken(text: str) -> list[str]:
     with open(EDITED, "w", encoding="utf-8") as file:
         file.write(text)
-    states = {entry["name"]: entry["state"] for entry in Check(Recording(EDITED)).as_objects()}
+    states = {entry["name"]: entry["state"] for entry in Check(Recording(EDITED)).results.values()}
     return sorted(name for name, state in states.items() if state == "broken" and name != "polls")
 
 

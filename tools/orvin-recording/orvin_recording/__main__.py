@@ -6,13 +6,15 @@ import json
 import os
 import sys
 from math import inf
+from pathlib import Path
 
-from . import bus, plot, reader, summary
+from . import plot, summary
 from .analysis import Analysis, printable
-from .check import Check
+from .bus import Bus
+from .check import Check, in_words
+from .reader import Recording, Unusable
 
-DAMAGED = BROKEN = 1
-FAILED = 2
+FLAWED, FAILED = 1, 2  # the recording is damaged, or shows a broken assumption; there is nothing to show
 
 
 def _parse(version: str) -> argparse.Namespace:
@@ -40,59 +42,47 @@ def _complain(file: str, what: object) -> None:
     print(printable(f"orvin-recording: {file}: {what}"), file=sys.stderr)
 
 
-def _show(recording: reader.Recording, arguments: argparse.Namespace) -> tuple[str, int]:
-    """The output, and the exit status."""
+def _show(recording: Recording, arguments: argparse.Namespace) -> tuple[str, bool]:
+    """The output, and whether the exit status tells of a flaw."""
     if arguments.subcommand == "check":
-        check = Check(recording)
-        text = json.dumps(check.as_objects(), indent=2) if arguments.json else check.as_text()
-        return text, BROKEN if check.broken else 0
+        results = [*Check(recording).results.values()]
+        text = json.dumps(results, indent=2) if arguments.json else "\n".join(map(in_words, results))
+        return text, any(result["state"] == "broken" for result in results)
     if arguments.subcommand == "bus":
-        text = bus.Bus(recording).as_text()
+        text = Bus(recording).as_text()
     elif arguments.subcommand == "plot":
         text = plot.as_text(Analysis(recording), getattr(arguments, "from") * 1e6, arguments.to * 1e6)
-    elif arguments.json:
-        text = json.dumps(summary.as_object(Analysis(recording)), indent=2)
     else:
-        text = summary.as_text(Analysis(recording))
-    return text, DAMAGED if recording.problem else 0
+        analysis = Analysis(recording)
+        text = json.dumps(summary.as_object(analysis), indent=2) if arguments.json else summary.as_text(analysis)
+    return text, bool(recording.problem)
 
 
 def _write(text: str, arguments: argparse.Namespace) -> None:
     if arguments.subcommand == "plot":
-        with open(arguments.output, "w", encoding="utf-8") as file:
-            file.write(text)
-        return
-    if not isinstance(sys.stdout, io.TextIOWrapper):  # None, if it is closed
+        Path(arguments.output).write_text(text, encoding="utf-8")
+    elif isinstance(sys.stdout, io.TextIOWrapper):
+        sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
+        print(text, flush=True)
+    else:  # None
         raise OSError("closed")
-    sys.stdout.reconfigure(errors="replace")  # where the terminal has no such character
-    print(text, flush=True)
-
-
-def _run(arguments: argparse.Namespace) -> int:
-    file = arguments.recording
-    try:
-        recording = reader.Recording(file)
-        try:
-            text, status = _show(recording, arguments)
-        finally:
-            if recording.problem:
-                _complain(file, recording.problem)
-        file = getattr(arguments, "output", "standard output")
-        _write(text, arguments)
-    except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
-        return FAILED
-    except (OSError, reader.Unreadable) as error:
-        _complain(file, getattr(error, "strerror", None) or error)
-        return FAILED
-    except bus.CannotBeRepeated as error:
-        _complain(arguments.recording, "line {}: cannot be repeated: {}".format(*error.args))
-        return DAMAGED
-    return status
 
 
 def main(version: str) -> int:
+    arguments = _parse(version)
+    file = arguments.recording
     try:
-        return _run(_parse(version))
+        recording = Recording(file)
+        text, is_flawed = _show(recording, arguments)
+        if recording.problem:
+            _complain(file, recording.problem)
+        file = getattr(arguments, "output", "standard output")
+        _write(text, arguments)
+        return FLAWED if is_flawed else 0
     except KeyboardInterrupt:
         return 130
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left to flush goes there
+    except (OSError, Unusable) as error:
+        _complain(file, getattr(error, "strerror", None) or error)
+    return FAILED

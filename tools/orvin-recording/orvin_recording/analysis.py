@@ -1,40 +1,24 @@
 """Shares out the time of a run to the devices that the tool waits for, and the tool itself. Times are microseconds."""
 
+from bisect import bisect
 from collections import Counter, defaultdict
 from collections.abc import Collection
 from dataclasses import dataclass, field
 from itertools import accumulate
 
-from .reader import TRANSFER, VERSIONS, Call, Callbacks, Recording
+from .reader import LINK, RETURN, TRANSFER, TRANSFERRING, VERSIONS, Call, Callbacks, Recording
 
 ARM = 0x200
 TARGETS = {ARM: "ARM", 0x201: "DSP", 0x202: "Booster ARM"}
-SENT_TO_ALL = -2  # what ImageTransfer_data answers when the library took the packet
+SENT_TO_ALL = -2  # what a call of ImageTransfer_data returns when the library took the packet
 GO_BACK = 17
 QUIET = 100_000
 FINE = 10_000  # longer times are rounded to tenths of a millisecond
 MOST_MARKS = 4_000  # of a kind that lasts for a moment; then they are merged, two and two
 MOMENTS = "resend", "go_back", "fault"
 ENDLESS = 1_000  # requests to go back without progress, after which the tool drops a device
-LINK, TRANSFERRING, RETURN = "waiting for the link", "transferring", "waiting for the return"
-PHASE_OF_CALL = {
-    "TalmApiGetBusMembers": "looking for devices",
-    "OrvinInfo": "asking versions",
-    "ImageTransfer_write_request": "announcing",
-    "ImageTransfer_data": TRANSFERRING,
-    "TalmApiSetCallback": "pausing",
-    "OrvinImageMaintenance_check_image": "checking",
-    "OrvinImageMaintenance_start_update": RETURN,
-    "TalmApiGetLinkState": RETURN,
-    "TalmApiCleanup": "closing",
-    "TalmApiClose": "closing",
-}
-REFUSABLE = {
-    "ImageTransfer_write_request": "announcement",
-    "OrvinImageMaintenance_check_image": "check",
-    "OrvinImageMaintenance_start_update": "start",
-}
-PART_OF_PHASE = (LINK, "TalmApiGetLinkState"), (RETURN, "TalmApiGetBusMembers"), (RETURN, "OrvinInfo")
+REFUSABLE = {"write_request": "announcement", "check": "check", "start": "start"}
+PART_OF_PHASE = (LINK, "link_state"), (RETURN, "get_members"), (RETURN, "version_query")
 
 
 def printable(text: str) -> str:
@@ -45,7 +29,7 @@ def printable(text: str) -> str:
 class Mark:
     begin: int
     end: int
-    text: str
+    text: str = ""
     count: int = 1
 
 
@@ -53,8 +37,7 @@ def percentile(histogram: Counter[int], part: int) -> int:
     """The value below which that part of the values lies, in percent."""
     rank = (histogram.total() - 1) * part // 100
     values = sorted(histogram)
-    counts = accumulate(histogram[value] for value in values)
-    return next(value for value, count in zip(values, counts) if count > rank)
+    return values[bisect([*accumulate(histogram[value] for value in values)], rank)]
 
 
 @dataclass(eq=False)
@@ -80,22 +63,19 @@ class Device:
     def total(self) -> float:
         return sum(self.cost.values())
 
-    def mark(self, kind: str, begin: int, end: int, text: str) -> Mark:
+    def mark(self, kind: str, at: int, text: str, took: int = 0) -> Mark:
         marks = self.marks[kind]
-        marks.append(Mark(begin, end, text))
+        marks.append(Mark(at, at + took, text))
         if kind in MOMENTS and len(marks) == MOST_MARKS:
             both = zip(marks[::2], marks[1::2], strict=True)
             marks[:] = [Mark(a.begin, b.end, a.text, a.count + b.count) for a, b in both]
         return marks[-1]
 
-    def count(self, kind: str) -> int:
-        return sum(mark.count for mark in self.marks[kind])
-
     def turn(self, at: int, kind: str = "", text: str = "") -> None:
         """Begins an installation or an absence of the device, or ends it, if the kind is empty."""
         if self.state:
             self.state.end = at
-        self.state = self.mark(kind, at, at, text) if kind else None
+        self.state = self.mark(kind, at, text) if kind else None
 
 
 @dataclass
@@ -117,7 +97,7 @@ class Analysis:
         self.tool = Device("", "the tool")  # its cost is by step; stands for calls to all devices or to none
         self.end = 0
         self.phases = [Phase(LINK, LINK, 0)]
-        self.answers = [(0, 0)]  # when packets were answered: begins and ends, QUIET or more apart
+        self.answers = [Mark(0, 0)]  # when packets were answered, QUIET or more apart
         self._clock = 0  # what is before is shared out
         self._waited: set[Device] = set()  # those that the tool waits for
         self._receivers: set[Device] = set()  # those of the attempt that are not dropped
@@ -140,20 +120,19 @@ class Analysis:
         for device in self.devices.values():
             device.turn(self.end)
 
-    def _device(self, name: str | None) -> Device:
-        return self.devices.get(name or "", self.tool)
+    def _device(self, name: str) -> Device:
+        return self.devices.get(name, self.tool)
 
     def _called(self, call: Call, device: Device) -> None:
         end = call.at + call.took
         self.end = max(self.end, end)
         self._spend(call.at, self._waited)
         self._enter_phase(call)
-        handler = getattr(self, f"_on_{call.name}", None)
-        if handler:
+        if handler := getattr(self, f"_on_{call.name}", None):
             handler(call, device)
         if call.result != 0 and call.name in REFUSABLE:
             self._drop(device, end, f"{REFUSABLE[call.name]} refused, {call.result}")
-        device.failed_calls += call.result != 0 and call.name != "TalmApiIsTalm"
+        device.failed_calls += call.result != 0 and call.name != "is_talm"
         self._spend(end, [device], "calls")
 
     def _spend(self, until: int, owners: Collection[Device], column: str = "") -> None:
@@ -168,9 +147,8 @@ class Analysis:
 
     def _enter_phase(self, call: Call) -> None:
         phase = self.phases[-1]
-        name = PHASE_OF_CALL.get(call.name, phase.name)
         is_part = (phase.name, call.name) in PART_OF_PHASE or call.fields.get("callback") == "set"
-        if is_part or name == phase.name:
+        if is_part or call.step in ("", phase.name):
             return
         phase.end = call.at
         self._end_packet(call.at)
@@ -178,10 +156,10 @@ class Analysis:
         if phase.name == RETURN and not self.recording.first_damaged:  # else it may only lack the answer
             for device in [device for device in self._receivers if not device.answered]:
                 self._drop(device, call.at, "not back")
-        attempt = "" if name == "closing" else phase.title[: -len(phase.name)]
-        if name == "announcing":
+        attempt = "" if call.step == "closing" else phase.title[: -len(phase.name)]
+        if call.step == "announcing":
             attempt = self._begin_attempt(call)
-        self.phases.append(Phase(name, attempt + name, call.at))
+        self.phases.append(Phase(call.step, attempt + call.step, call.at))
 
     def _begin_attempt(self, call: Call) -> str:
         content = tuple(call.fields.get(key, 0) for key in ("target", "content_size", "content_checksum"))
@@ -192,11 +170,11 @@ class Analysis:
 
     def _drop(self, device: Device, at: int, reason: str) -> None:
         if device in self._receivers:
-            device.mark("removed", at, at, f"{reason} (attempt {self._attempt})" if self._attempt > 1 else reason)
+            device.mark("removed", at, f"{reason} (attempt {self._attempt})" if self._attempt > 1 else reason)
         for devices in (self._receivers, self._started, self._waited):
             devices.discard(device)
 
-    def _on_OrvinInfo(self, call: Call, device: Device) -> None:
+    def _on_version_query(self, call: Call, device: Device) -> None:
         device.answered = call.result == 0
         device.name = call.fields.get("name") or device.name
         versions = {key: call.fields[key] for key in VERSIONS if key in call.fields}
@@ -206,14 +184,14 @@ class Analysis:
             device.turn(call.at, "" if is_up else "away", "DSP down")
         self._waited = set() if is_up else {device}
 
-    def _on_ImageTransfer_write_request(self, _: Call, device: Device) -> None:
+    def _on_write_request(self, _: Call, device: Device) -> None:
         self._receivers.add(device)
 
-    def _on_ImageTransfer_data(self, call: Call, _: Device) -> None:
+    def _on_data(self, call: Call, _: Device) -> None:
         if call.packet == self._packet and self._waited and not self._is_resent:
             self._is_resent = True
             for device in self._waited:
-                device.mark("resend", call.at, call.at, f"packet {call.packet} sent again")
+                device.mark("resend", call.at, f"packet {call.packet} sent again")
         else:
             self._end_packet(call.at)
             self._packet, self._next, self._sent = call.packet, call.packet + 1, call.at
@@ -234,11 +212,9 @@ class Analysis:
     def _answered(self, answers: Callbacks) -> None:
         """Each counts for the packet in flight, whatever its number. Until the last but one, the time is the tool's."""
         self.end = max(self.end, answers.times[-1])
-        begin, end = self.answers[-1]
-        if answers.times[0] - end < QUIET:
-            self.answers[-1] = begin, answers.times[-1]
-        else:
-            self.answers.append((answers.times[0], answers.times[-1]))
+        if answers.times[0] - self.answers[-1].end >= QUIET:
+            self.answers.append(Mark(answers.times[0], 0))
+        self.answers[-1].end = answers.times[-1]
         waited = self._waited if self.phases[-1].name == TRANSFERRING else set()
         is_acknowledged = answers.result == 0 and answers.number == self._packet
         last = self._clock
@@ -256,19 +232,17 @@ class Analysis:
                 device.needed[needed if needed < FINE else round(needed, -2)] += 1
         self._spend(last, [])
         if answers.result != 0:
-            self._faulty(answers, self._device(answers.devices[0]))
+            self._faulty(answers.times[0], answers, self._device(answers.devices[0]))
 
-    def _faulty(self, answer: Callbacks, device: Device) -> None:
-        at, number = answer.times[0], answer.number
+    def _faulty(self, at: int, answer: Callbacks, device: Device) -> None:
+        packet = answer.number
         if answer.result != GO_BACK:
-            device.mark("fault", at, at, f"result {answer.result}, packet {number}")
+            device.mark("fault", at, f"result {answer.result}, packet {packet}")
             self._drop(device, at, f"fault {answer.result}")
             return
-        device.mark("go_back", at, at, f"asks for packet {number}")
-        if self.phases[-1].name == TRANSFERRING and device in self._receivers and number < self._next:
-            self._go_back(at, number, device)
-
-    def _go_back(self, at: int, packet: int, device: Device) -> None:
+        device.mark("go_back", at, f"asks for packet {packet}")
+        if self.phases[-1].name != TRANSFERRING or device not in self._receivers or packet >= self._next:
+            return
         self._spend(at, self._waited)
         self._next = packet
         if not self._back or packet < self._back[0]:
@@ -277,13 +251,13 @@ class Analysis:
         if self._requests[device] == ENDLESS:
             self._drop(device, at, "endless go back")
 
-    def _on_OrvinImageMaintenance_check_image(self, call: Call, device: Device) -> None:
-        device.mark("check", call.at, call.at + call.took, f"{call.took / 1e6:.3f} s")
+    def _on_check(self, call: Call, device: Device) -> None:
+        device.mark("check", call.at, f"{call.took / 1e6:.3f} s", call.took)
         first, second = call.fields.get("first_output", 0), call.fields.get("second_output", 1)
         if call.result == 0 and first != second:
             self._drop(device, call.at + call.took, f"sums differ, {first} and {second}")
 
-    def _on_OrvinImageMaintenance_start_update(self, call: Call, device: Device) -> None:
+    def _on_start(self, call: Call, device: Device) -> None:
         device.turn(call.at, "install" if call.result == 0 else "", "installs")
         self._started.add(device)
 
@@ -293,24 +267,24 @@ class Analysis:
         self._spend(at, self._waited)
         device.turn(at, "" if is_back else "away", "off the bus")
         if is_back:
-            device.mark("joined", at, at, "back on the bus")
+            device.mark("joined", at, "back on the bus")
             self._started.discard(device)
 
-    def _on_TalmApiGetLinkState(self, call: Call, _: Device) -> None:
+    def _on_link_state(self, call: Call, _: Device) -> None:
         self._waited = self._started if call.fields.get("active") else set()
 
-    def _on_TalmApiSetBusChangeCallback(self, *_: object) -> None:
+    def _on_set_bus_change_callback(self, *_: object) -> None:
         self._started, self._waited = set(), set()
 
-    def _on_TalmApiGetBusMembers(self, call: Call, _: Device) -> None:
+    def _on_get_members(self, call: Call, _: Device) -> None:
         listed = self.devices if call.result < 0 else {*call.fields.get("members", [])}
         self._waited = {device for name, device in self.devices.items() if name not in listed}
 
 
 def _upgraded(recording: Recording) -> dict[str, Device]:
     """The devices that the tool asks for versions or sends an image, with identifiers that are short but different."""
-    calls = recording.calls("OrvinInfo", "ImageTransfer_write_request")
-    names = dict.fromkeys(call.device for call in calls if call.device and call.device != "all")
+    calls = (event for event in recording.events() if event.name in ("version_query", "write_request"))
+    names = dict.fromkeys(call.device for call in calls if isinstance(call, Call) and call.device not in ("", "all"))
     different = (n for n in range(2, 45, 3) if len({name[-n:] for name in names}) == len(names))
     length = next(different, 0)
     return {name: Device(name, f"{name[:2]}:..:{name[-length:]}" if length else name) for name in names}

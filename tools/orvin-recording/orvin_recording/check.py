@@ -2,12 +2,10 @@
 
 from bisect import bisect
 from collections import Counter
-from dataclasses import dataclass, field
 from math import inf
-from typing import Any
 
 from .analysis import ARM, GO_BACK, percentile, printable
-from .reader import BUS_CHANGE, TRANSFER, VERSIONS, Call, Callbacks, Recording
+from .reader import BUS_CHANGE, TRANSFER, VERSIONS, Call, Callbacks, Fields, Recording
 
 MOST_MEMBERS = 63
 LONGEST_CALL = 1_000_000
@@ -36,183 +34,150 @@ ASSUMPTIONS = {
     "forward": ("times run forward", "no time in this recording can be trusted"),
     "polls": (f"a wait of 1 ms takes less than {LATE_POLL // 1000} ms", "each packet takes as much longer"),
 }
-MAY_BE_POSITIVE = "TalmApiOpen", "TalmApiGetBusMembers", "TalmApiIsTalm", "ImageTransfer_data"
-CALLBACK_OF = {"TalmApiSetCallback": TRANSFER, "TalmApiSetBusChangeCallback": BUS_CHANGE}
-
-
-@dataclass
-class Packet:
-    """The packet in flight."""
-
-    number: int = -1
-    sent: int = 0
-    answered: int = -1  # when a device last answered
-    acknowledged: set[str] = field(default_factory=set)  # by these devices
+MAY_BE_POSITIVE = "open", "get_members", "is_talm", "data"
+CALLBACK_OF = {"set_transfer_callback": TRANSFER, "set_bus_change_callback": BUS_CHANGE}
 
 
 class Check:
-    """`tried` has the names of the assumptions that the recording shows; `broken` the first line against each."""
+    """`results` has what a recording shows of each assumption, by name, as an object for JSON."""
 
     def __init__(self, recording: Recording) -> None:
-        self.tried: set[str] = set()
-        self.broken: dict[str, tuple[int, str]] = {}
-        self.polls: Counter[int] = Counter()  # how long those between two packets took
+        self.results: dict[str, Fields] = {
+            name: {"name": name, "assumed": assumed, "state": "not tried"} for name, (assumed, _) in ASSUMPTIONS.items()
+        }
+        self._polls: Counter[int] = Counter()  # how long those between two packets took
         self._callers: dict[int, Call] = {}  # the last call of each thread
         self._callback_threads: dict[int, int] = {}  # the first line of each
         self._until: dict[str, float] = {}  # when the clearing of each callback returned
         self._known: set[str] = set()
         self._versions: dict[str, list[int]] = {}
         self._restarts: dict[str, tuple[int, list[int]]] = {}  # the line of the start, and the bus changes after it
-        self._packet, self._highest = Packet(), -1
+        self._packet, self._highest = -1, -1  # the one in flight, the highest one
+        self._sent, self._answered = 0, -1  # when the packet in flight was sent, and when a device last answered
+        self._acknowledged: set[str] = set()  # the packet in flight, by these devices
         self._have: dict[str, int] = {}  # how many packets, from the first on, each device acknowledged without a gap
         self._owed: dict[tuple[str, int], int] = {}  # acknowledgements of repeated packets: the line of the packet
         for event in recording.events():
             if isinstance(event, Call):
-                self._on_call(event, event.device or "")
+                self._on_call(event)
             else:
                 self._on_callbacks(event)
         assert recording.last
         self._end(recording.last)
 
-    def _expect(self, name: str, holds: bool, line: int, what: str) -> None:
-        self.tried.add(name)
-        if not holds:
-            self.broken.setdefault(name, (line, what))
+    def _expect(self, name: str, holds: bool, line: int, shown: str) -> None:
+        result = self.results[name]
+        if holds and result["state"] == "not tried":
+            result["state"] = "kept"
+        elif not holds and result["state"] != "broken":
+            result |= {"state": "broken", "line": line, "shown": shown, "means": ASSUMPTIONS[name][1]}
 
-    def _on_call(self, call: Call, device: str) -> None:
-        self._expect("returns", call.took <= LONGEST_CALL, call.line, f"{call.name} took {call.took / 1e6:.1f} s")
-        before = self._callers.get(call.thread)
-        if before:
-            is_later = call.line > before.line and call.at >= before.at + before.took - 1  # rounded
-            self._expect("forward", is_later, call.line, f"{call.name} at {call.at / 1e6:.6f} s")
+    def _on_call(self, call: Call) -> None:
+        name, line, result = call.fields["call"], call.line, call.result
+        self._expect("returns", call.took <= LONGEST_CALL, line, f"{name} took {call.took / 1e6:.1f} s")
+        if before := self._callers.get(call.thread):
+            is_later = line > before.line and call.at >= before.at + before.took - 1  # rounded
+            self._expect("forward", is_later, line, f"{name} at {call.at / 1e6:.6f} s")
         self._callers[call.thread] = call
-        allowed = call.result <= 0 or call.name in MAY_BE_POSITIVE
-        self._expect("results", allowed, call.line, f"{call.name} returned {call.result}")
-        if call.result >= 0 and device:
-            self._known.add(device)
-        handler = getattr(self, f"_on_{call.name}", None)
-        if handler:
-            handler(call, device)
+        self._expect("results", result <= 0 or call.name in MAY_BE_POSITIVE, line, f"{name} returned {result}")
+        if result >= 0:
+            self._known.add(call.device)
+        if result == 0 and call.name in CALLBACK_OF:
+            is_set = call.fields.get("callback") == "set"
+            self._until[CALLBACK_OF[call.name]] = inf if is_set else call.at + call.took
+        if handler := getattr(self, f"_on_{call.name}", None):
+            handler(call)
 
     def _on_callbacks(self, callbacks: Callbacks) -> None:
-        line, name, devices = callbacks.line, callbacks.name, callbacks.devices
-        for thread in {*callbacks.threads}:
+        line, name, number, devices = callbacks.line, callbacks.name, callbacks.number, callbacks.devices
+        for thread in callbacks.threads:
             self._callback_threads.setdefault(thread, line)
         late = bisect(callbacks.times, self._until.get(name, -1))
         self._expect("cleared", late == len(devices), line, f"{name} of {' '.join(devices[late:])}")
         unknown = [device for device in devices if device not in self._known]
         self._expect("known", not unknown, line, f"{name} of {' '.join(unknown)}")
-        if name == BUS_CHANGE:
-            if devices[0] in self._restarts:
-                self._restarts[devices[0]][1].append(callbacks.number)
-            else:
-                self._expect("reset", False, line, f"{devices[0]} left or came back without a restart")
-            return
-        self._packet.answered = callbacks.times[-1]
-        if callbacks.result == 0:
-            self._acknowledged(line, callbacks.number, devices)
-        elif callbacks.result == GO_BACK:
-            was_sent = callbacks.number <= max(self._packet.number, self._highest)
-            self._expect("go_back", was_sent, line, f"{devices[0]} asked for packet {callbacks.number}")
+        if name == TRANSFER:
+            self._answered = callbacks.times[-1]
+            if callbacks.result == 0:
+                self._on_acknowledgements(line, number, devices)
+            elif callbacks.result == GO_BACK:
+                was_sent = number <= max(self._packet, self._highest)
+                self._expect("go_back", was_sent, line, f"{devices[0]} asked for packet {number}")
+        elif devices[0] in self._restarts:
+            self._restarts[devices[0]][1].append(number)
+        else:
+            self._expect("reset", False, line, f"{devices[0]} left or came back without a restart")
 
-    def _acknowledged(self, line: int, number: int, devices: list[str]) -> None:
-        packet = self._packet
-        is_in_flight = number == packet.number
-        self._expect("in_flight", is_in_flight, line, f"{devices[0]} acknowledged packet {number}, not {packet.number}")
-        self.tried.add("once")
+    def _on_acknowledgements(self, line: int, number: int, devices: list[str]) -> None:
+        shown = f"{devices[0]} acknowledged packet {number}, not {self._packet}"
+        self._expect("in_flight", number == self._packet, line, shown)
         for device in devices:
-            if device in packet.acknowledged:
-                self._expect("once", False, line, f"{device} acknowledged packet {number} again")
-            packet.acknowledged.add(device)
+            is_first = device not in self._acknowledged
+            self._expect("once", is_first, line, f"{device} acknowledged packet {number} again")
+            self._acknowledged.add(device)
             if number == self._have.get(device, 0):
                 self._have[device] = number + 1
-            if self._owed:
-                self._owed.pop((device, number), None)
+            self._owed.pop((device, number), None)
 
-    def _set(self, call: Call) -> None:
-        if call.result == 0:
-            is_set = call.fields.get("callback") == "set"
-            self._until[CALLBACK_OF[call.name]] = inf if is_set else call.at + call.took
-
-    def _on_TalmApiSetCallback(self, call: Call, _: str) -> None:
-        self._set(call)
+    def _on_set_transfer_callback(self, _: Call) -> None:
         for (device, packet), line in self._owed.items():
             self._expect("repeats", False, line, f"{device} did not acknowledge packet {packet} again")
         self._highest = -1  # the last packet stays: an answer to it may come during the call
         self._have.clear()
         self._owed.clear()
 
-    def _on_TalmApiSetBusChangeCallback(self, call: Call, _: str) -> None:
-        self._set(call)
+    def _on_set_bus_change_callback(self, _: Call) -> None:
         for device, (line, changes) in self._restarts.items():
             joined = changes.count(0)
             left = len(changes) - joined
-            what = f"{device} left {left} and came back {joined} times"
-            self._expect("reset", left == joined == 1, line, what)
+            self._expect("reset", left == joined == 1, line, f"{device} left {left} and came back {joined} times")
         self._restarts.clear()
 
-    def _on_ImageTransfer_data(self, call: Call, _: str) -> None:
+    def _on_data(self, call: Call) -> None:
         self._expect("to_all", call.result < 0, call.line, f"packet {call.packet} returned {call.result}")
-        before = self._packet
-        is_next = call.packet == before.number + 1 and call.at < before.sent + LONGEST_POLL  # else it waited
-        if is_next and before.sent <= before.answered < before.sent + POLL:
-            self.polls[call.at - before.sent] += 1
+        took = call.at - self._sent
+        is_next = call.packet == self._packet + 1 and took < LONGEST_POLL  # else it waited
+        if is_next and 0 <= self._answered - self._sent < POLL:
+            self._polls[took] += 1
         if call.packet <= self._highest:
-            self.tried.add("repeats")
+            self._expect("repeats", True, call.line, "")
             owing = self._have.items() if len(self._owed) < MOST_OWED else ()
             self._owed |= {(device, call.packet): call.line for device, has in owing if call.packet < has}
-        self._packet, self._highest = Packet(call.packet, call.at), max(self._highest, call.packet)
+        self._packet, self._highest = call.packet, max(self._highest, call.packet)
+        self._sent, self._answered, self._acknowledged = call.at, -1, set()
 
-    def _on_TalmApiGetBusMembers(self, call: Call, _: str) -> None:
+    def _on_get_members(self, call: Call) -> None:
         members = call.fields.get("members", [])
         self._expect("most", call.result <= MOST_MEMBERS, call.line, f"{call.result} members")
         is_unique = len({*members}) == len(members) and FOR_ALL not in members
         self._expect("unique", is_unique, call.line, "one is listed twice, or is the identifier for all")
         self._known.update(members)
 
-    def _on_OrvinInfo(self, call: Call, device: str) -> None:
+    def _on_version_query(self, call: Call) -> None:
         versions = [call.fields.get(name, 0) for name in VERSIONS]
         if call.result == 0 and call.fields.get("dsp") != 0:  # else the DSP is not up
-            before = self._versions.setdefault(device, versions)
-            what = f"{device} has others than before, without an update"
-            self._expect("versions", versions == before, call.line, what)
+            is_same = versions == self._versions.setdefault(call.device, versions)
+            self._expect("versions", is_same, call.line, f"{call.device} has others than before, without an update")
 
-    def _on_OrvinImageMaintenance_start_update(self, call: Call, device: str) -> None:
-        self._versions.pop(device, None)
+    def _on_start(self, call: Call) -> None:
+        self._versions.pop(call.device, None)
         if call.result == 0 and call.fields.get("target") == ARM and self._until.get(BUS_CHANGE) == inf:
-            self._restarts[device] = call.line, []
+            self._restarts[call.device] = call.line, []
 
     def _end(self, last: Call | Callbacks) -> None:
-        is_over = last.name in ("TalmApiClose", "TalmApiInitialize", "TalmApiOpen")  # or has not begun
+        is_over = last.name in ("close", "initialize", "open")  # or has not begun
         self._expect("returns", is_over, last.line, "nothing follows: a call does not return, or the tool was killed")
         for thread, line in self._callback_threads.items():
-            what = f"a callback on thread {thread}, which makes calls"
-            self._expect("threads", thread not in self._callers, line, what)
-        if self.polls:
-            self._expect("polls", percentile(self.polls, 50) < LATE_POLL, last.line, self._poll_times())
-
-    def _poll_times(self) -> str:
-        median, most = percentile(self.polls, 50), percentile(self.polls, 99)
-        return f"median {median / 1e3:.2f} ms, 99 % {most / 1e3:.2f} ms"
-
-    def as_objects(self) -> list[dict[str, Any]]:
-        return [self._object(name, *texts) for name, texts in ASSUMPTIONS.items()]
-
-    def _object(self, name: str, assumed: str, means: str) -> dict[str, Any]:
-        state = "broken" if name in self.broken else "kept" if name in self.tried else "not tried"
-        result: dict[str, Any] = {"name": name, "assumed": assumed, "state": state}
-        if name in self.broken:
-            line, what = self.broken[name]
-            result |= {"line": line, "shown": what, "means": means}
-        elif name == "polls" and self.polls:
-            result["shown"] = self._poll_times()
-        return result
-
-    def as_text(self) -> str:
-        return "\n".join(_line(result) for result in self.as_objects())
+            shown = f"a callback on thread {thread}, which makes calls"
+            self._expect("threads", thread not in self._callers, line, shown)
+        if self._polls:
+            median, most = percentile(self._polls, 50), percentile(self._polls, 99)
+            shown = f"median {median / 1e3:.2f} ms, 99 % {most / 1e3:.2f} ms"
+            self._expect("polls", median < LATE_POLL, last.line, shown)
+            self.results["polls"]["shown"] = shown
 
 
-def _line(result: dict[str, Any]) -> str:
+def in_words(result: Fields) -> str:
     line = f"{result['state']:11}{result['assumed']}"
     if result["state"] == "broken":
         return printable(f"{line}: line {result['line']}: {result['shown']}; {result['means']}")

@@ -1,15 +1,15 @@
 """Draws a run: a lane for each device, time to the right. Times are microseconds, lengths pixels."""
 
 import textwrap
+from bisect import bisect
 from collections import Counter, defaultdict
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from itertools import chain, groupby
-from math import log1p
+from math import ceil, log1p
 from xml.sax.saxutils import escape
 
 from .analysis import Analysis, Device, Phase, printable
-from .axis import Axis
-from .reader import TRANSFER, Callbacks, Unreadable
+from .reader import TRANSFER, Callbacks, Unusable
 from .summary import about, answer
 
 WIDTH = 1400
@@ -18,6 +18,11 @@ FONT, LARGE = 11, 14
 ADVANCE = 0.61  # width of a character, as a part of the size of its font: the same in all fonts of a fixed width
 MOST_REASON = 50  # characters
 ROW = 20  # height, of the legend
+BREAK = 34  # what is left of a wait that is cut out
+SHORTEST = 100_000  # of the waits that are cut out
+SHARE = 40  # a wait is cut out if it takes more than this part of the axis
+MOST_BREAKS = 16
+MOST_TICKS = 14
 BAND = 18  # width, of the mark of a break
 MERGED = 7  # marks of a kind in a stretch of this length share one
 BAR = 0.7  # height, as a part of the lane
@@ -36,13 +41,54 @@ KINDS: dict[str, tuple[str, str, float | str]] = {
 }
 
 
+class Axis:
+    """Shows `begin` to `end`. `breaks` are the begins and ends of what is cut out: long waits, with nothing busy."""
+
+    def __init__(self, left: int, width: int, begin: float, end: float, busy: Iterable[tuple[float, float]]) -> None:
+        self.begin, self.end = begin, end
+        waits, last = [], begin
+        for start, stop in [*sorted(busy), (end, end)]:
+            start, stop = min(max(start, begin), end), min(max(stop, begin), end)
+            if start - last > SHORTEST:
+                waits.append((last, start))
+            last = max(last, stop)
+        self.breaks: list[tuple[float, float]] = []
+        self.shown = end - begin  # what is not cut out
+        for start, stop in sorted(waits, key=lambda wait: wait[0] - wait[1])[:MOST_BREAKS]:
+            if (stop - start) * SHARE > self.shown:
+                self.breaks.append((start, stop))
+                self.shown -= stop - start
+        self.breaks.sort()
+        scale = (width - BREAK * len(self.breaks)) / max(1, self.shown)
+        self._bends = [(begin, float(left))]  # times and their places; the axis is straight between them
+        for start, stop in self.breaks:
+            x = self._bends[-1][1] + scale * (start - self._bends[-1][0])
+            self._bends += [(start, x), (stop, x + BREAK)]
+        self._bends.append((end, left + width))
+
+    def x(self, time: float) -> float:
+        """The place of a time. What is not shown has the place of the nearest end."""
+        time = min(max(time, self.begin), self.end)
+        number = bisect(self._bends, (time,), hi=len(self._bends) - 1)
+        (t, x), (next_t, next_x) = self._bends[max(0, number - 1)], self._bends[number]
+        return x + (next_x - x) * (time - t) / max(1, next_t - t)
+
+    def ticks(self) -> Iterator[tuple[float, str]]:
+        """Places and their texts: where the axis begins or goes on after a break, and round seconds."""
+        steps = (digit * 10**power for power in range(16) for digit in (1, 2, 5))
+        step = next(step for step in steps if self.shown <= step * MOST_TICKS)
+        digits = max(1, 7 - len(str(step)))
+        for (start, _), (stop, _) in zip(self._bends[::2], self._bends[1::2]):
+            for time in sorted({start, *range(-int(-start // step) * step, int(stop) + 1, step)}):
+                yield self.x(time), f"{time / 1e6:.{digits}f} s"
+
+
 def _length(words: str, font: int = FONT) -> float:
     return len(words) * font * ADVANCE
 
 
 LEGEND_WIDTH = int(ROW + 3 * EDGE + max(_length(words) for words, *_ in KINDS.values()))
 LEGEND_COLUMNS = (WIDTH - EDGE) // LEGEND_WIDTH
-LEGEND_HEIGHT = ROW * -(-len(KINDS) // LEGEND_COLUMNS)
 
 
 def _text(x: float, y: float, words: str, style: str = "") -> str:
@@ -64,15 +110,6 @@ def _mark(kind: str, x: float, middle: float, width: float, lane: int, tooltip: 
     return _box(x, middle - lane * shape / 2, width, lane * shape, colour, tooltip)
 
 
-def _axis(analysis: Analysis, begin: float, end: float) -> Axis:
-    devices = analysis.devices.values()
-    marks = [mark for device in devices for kind in device.marks.values() for mark in kind]
-    busy = chain(analysis.answers, *(((mark.begin, mark.begin), (mark.end, mark.end)) for mark in marks))
-    left = 2 * EDGE + max((_length(device.title) for device in devices), default=0)
-    right = 3 * EDGE + max((_length(_reasons(device)) for device in devices), default=0)
-    return Axis(int(left), int(WIDTH - left - right), begin, end, busy)
-
-
 def _reasons(device: Device) -> str:
     return textwrap.shorten("; ".join(mark.text for mark in device.marks["removed"]), MOST_REASON, placeholder=" ...")
 
@@ -82,7 +119,7 @@ def _draw(analysis: Analysis, axis: Axis) -> Iterator[str]:
     top = 60 + 18 * len(words)
     lane = min(48, max(18, 640 // max(1, len(analysis.devices))))
     bottom = top + lane * len(analysis.devices)
-    height = bottom + 40 + LEGEND_HEIGHT
+    height = bottom + 40 + ROW * ceil(len(KINDS) / LEGEND_COLUMNS)
     size = f'viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}"'
     yield f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="monospace" font-size="{FONT}">'
     yield f'<rect width="100%" height="100%" fill="{WHITE}"/>'
@@ -139,7 +176,9 @@ def _lane(device: Device, columns: Counter[int], axis: Axis, y: float, lane: int
     yield _box(left, y + lane / 2, right - left, 0.5, GREY, printable(device.id))
     for kind in KINDS:
         if kind == "acknowledged":
-            yield _acknowledgements(columns, y + lane / 2, lane)
+            unit = lane * BAR / log1p(max(columns.values(), default=1))
+            bars = (f"M{x} {y + lane / 2:.0f}h1v-{unit * log1p(n):.0f}h-1z" for x, n in sorted(columns.items()))
+            yield _path("".join(bars), KINDS[kind][1])
         shown = (mark for mark in device.marks[kind] if mark.end >= axis.begin and mark.begin <= axis.end)
         for _, near in groupby(shown, lambda mark: axis.x(mark.begin) // MERGED):
             marks = [*near]
@@ -150,23 +189,15 @@ def _lane(device: Device, columns: Counter[int], axis: Axis, y: float, lane: int
 
 
 def _columns(analysis: Analysis, axis: Axis) -> defaultdict[str, Counter[int]]:
-    """For each device, how many acknowledgements each pixel has."""
+    """For each device, how many acknowledgements each pixel has. A column is the higher, the more there are."""
     columns: defaultdict[str, Counter[int]] = defaultdict(Counter)
     for event in analysis.recording.events():
-        if not isinstance(event, Callbacks) or event.name != TRANSFER or event.result != 0:
-            continue
-        first, last = int(axis.x(event.times[0])), int(axis.x(event.times[-1]))
-        for at, device in zip(event.times, event.devices):
-            if axis.begin <= at <= axis.end:
-                columns[device][first if first == last else int(axis.x(at))] += 1
+        if isinstance(event, Callbacks) and event.name == TRANSFER and event.result == 0:
+            first, last = int(axis.x(event.times[0])), int(axis.x(event.times[-1]))
+            for at, device in zip(event.times, event.devices):
+                if axis.begin <= at <= axis.end:
+                    columns[device][first if first == last else int(axis.x(at))] += 1
     return columns
-
-
-def _acknowledgements(columns: Counter[int], bottom: float, lane: int) -> str:
-    """A column for each pixel. It is the higher, the more there are."""
-    unit = lane * BAR / log1p(max(columns.values(), default=1))
-    d = "".join(f"M{x} {bottom:.0f}h1v-{unit * log1p(n):.0f}h-1z" for x, n in sorted(columns.items()))
-    return _path(d, KINDS["acknowledged"][1])
 
 
 def _legend(y: int) -> Iterator[str]:
@@ -178,8 +209,14 @@ def _legend(y: int) -> Iterator[str]:
 
 
 def as_text(analysis: Analysis, begin: float, end: float) -> str:
-    """The SVG of a part of the run. Raises Unreadable if there is none."""
+    """The SVG of a part of the run. Raises Unusable if there is none."""
     begin, end = max(begin, 0), min(end, analysis.end)
     if not begin < end:
-        raise Unreadable(f"nothing to draw: the run takes {analysis.end / 1e6:.3f} s")
-    return "\n".join(_draw(analysis, _axis(analysis, begin, end)))
+        raise Unusable(f"nothing to draw: the run takes {analysis.end / 1e6:.3f} s")
+    devices = analysis.devices.values()
+    marks = [mark for device in devices for kind in device.marks.values() for mark in kind]
+    ends = ((end, end) for mark in marks for end in (mark.begin, mark.end))
+    busy = chain(((answers.begin, answers.end) for answers in analysis.answers), ends)
+    left = 2 * EDGE + max((_length(device.title) for device in devices), default=0)
+    right = 3 * EDGE + max((_length(_reasons(device)) for device in devices), default=0)
+    return "\n".join(_draw(analysis, Axis(int(left), int(WIDTH - left - right), begin, end, busy)))

@@ -12,20 +12,38 @@ from typing import IO, Any
 
 VERSION = 1
 VERSIONS = "hw", "arm", "dsp", "booster_arm", "api"
+LINK, TRANSFERRING, RETURN = "waiting for the link", "transferring", "waiting for the return"
+# By its name in a recording: what a bus file calls a call, and the step of the tool that begins with it.
+CALLS = {
+    "TalmApiInitialize": ("initialize", ""),
+    "TalmApiOpen": ("open", ""),
+    "TalmApiGetLinkState": ("link_state", RETURN),
+    "TalmApiGetBusMembers": ("get_members", "looking for devices"),
+    "BusMember_get_type": ("type_query", ""),
+    "TalmApiIsTalm": ("is_talm", ""),
+    "OrvinInfo": ("version_query", "asking versions"),
+    "ImageTransfer_write_request": ("write_request", "announcing"),
+    "ImageTransfer_data": ("data", TRANSFERRING),
+    "TalmApiSetCallback": ("set_transfer_callback", "pausing"),
+    "OrvinImageMaintenance_check_image": ("check", "checking"),
+    "OrvinImageMaintenance_start_update": ("start", RETURN),
+    "TalmApiSetBusChangeCallback": ("set_bus_change_callback", ""),
+    "TalmApiCleanup": ("cleanup", "closing"),
+    "TalmApiClose": ("close", "closing"),
+}
 TRANSFER, BUS_CHANGE = "TransferCallback", "BusChangeCallback"
 LONGEST = 1e15  # microseconds
 MOST_DEVICES = 250  # a bus has 63 at most
 MOST_WAITING = 100_000  # lines of callbacks
-Fields = dict[str, Any]  # what stands on a line
+Fields = dict[str, Any]  # of an object in JSON
 LISTS = "members", "by", "after"
 TEXTS = "call", "callback", "device", "members", "name", "connection", "crc32", "threads"
-INTEGER: set[type] = {int}
 TYPES: dict[str, set[type]] = {**dict.fromkeys(TEXTS, {str}), **dict.fromkeys(("t", "took"), {int, float})}
 DAMAGE = ValueError, TypeError, KeyError, AttributeError, OverflowError, RecursionError
 
 
-class Unreadable(Exception):
-    """There is no recording in the file, or none of this version."""
+class Unusable(Exception):
+    """Why a recording cannot be used."""
 
 
 @dataclass(slots=True)
@@ -36,8 +54,9 @@ class Call:
     thread: int  # 0: unknown
     at: int
     took: int
-    name: str
-    device: str | None  # "all": every one
+    name: str  # in a bus file
+    step: str  # of the tool, which it begins
+    device: str  # "all": every one, "": none
     result: int
     packet: int  # that it sends
     fields: Fields  # all that stands on the line
@@ -45,85 +64,82 @@ class Call:
 
 @dataclass(slots=True)
 class Callbacks:
-    """Callbacks that share a line, at least one. The lists have the same length."""
+    """Callbacks that share a line, at least one."""
 
     line: int
     name: str  # TRANSFER or BUS_CHANGE
     result: int
     number: int  # of the packet, or what the bus change was
-    threads: list[int]
+    threads: set[int]  # of all that share the line
     times: list[int]  # in ascending order
     devices: list[str]  # the same object as on the line before, if the devices are the same
 
-    def part(self, begin: int, end: int) -> "Callbacks":
-        return replace(
-            self, threads=self.threads[begin:end], times=self.times[begin:end], devices=self.devices[begin:end]
-        )
+    def part(self, part: slice) -> "Callbacks":
+        return replace(self, times=self.times[part], devices=self.devices[part])
 
 
 class Recording:
-    """The first run in a file. Each use reads it anew, so it takes no memory."""
+    """The first run in a file. Each use reads it anew, so it takes no memory. Raises OSError or Unusable."""
 
     def __init__(self, path: str) -> None:
-        """Raises OSError or Unreadable."""
-        self._file = _open(path)
-        self.started, self.command = _header(self._file.readline())
+        self._file: IO[bytes] = open(path, "rb")
+        if not self._file.seekable():
+            with self._file as pipe:
+                self._file = tempfile.TemporaryFile()
+                shutil.copyfileobj(pipe, self._file)
+            self._file.seek(0)
+        try:
+            header = json.loads(self._file.readline())
+            version = header["orvin-recording"]
+            self.started = str(header.get("started", ""))
+            self.command = [str(word) for word in header.get("command", [])]
+        except DAMAGE:
+            raise Unusable("line 1: not a recording") from None
+        if version != VERSION:
+            raise Unusable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
         self._begin = self._file.tell()
-        self.problem = ""  # in one line; none: the recording is whole. Known when all events are read
+        self.problem = ""  # in one line, of what is read so far; none: it is whole
         self.first_damaged = 0  # line that is left out, of what is read so far
         self.last: Call | Callbacks | None = None  # that is read so far
 
     def events(self) -> Iterator[Call | Callbacks]:
-        """All, in the order in which they began. Raises Unreadable at the end if there are none."""
+        """All, in the order in which they began. Raises Unusable at the end if there are none."""
         yield from _in_order(self._read())
         if not self.last:
-            raise Unreadable("line 2: no call or callback follows")
-        if self.first_damaged:
-            more = f" and {self._damaged - 1} more" if self._damaged > 1 else ""
-            self.problem = f"line {self.first_damaged}{more}: damaged, and left out"
-        elif self._next_run:
-            self.problem = f"line {self._next_run}: another run begins, which is left out"
-        elif not self._is_closed:
-            self.problem = f"line {self.last.line}: cut off, the session does not end"
+            raise Unusable("line 2: no call or callback follows")
 
-    def calls(self, *names: str) -> Iterator[Call]:
-        """The calls of these names. Other lines are not looked at."""
-        events = self._read(tuple(f'"{name}"'.encode() for name in names))
-        return (event for event in events if isinstance(event, Call) and event.name in names)
-
-    def _read(self, words: tuple[bytes, ...] = ()) -> Iterator[Call | Callbacks]:
-        """The events in the order of the lines: of all, or of those with one of the words."""
+    def _read(self) -> Iterator[Call | Callbacks]:
+        """All, in the order of the lines."""
         self._names: dict[int, str] = {}  # the numbers that stand for devices
         self._by: list[str] = []  # the devices of the last acknowledgements
         self._known: set[str] = set()  # devices
-        self._damaged = self.first_damaged = 0  # how many lines, and the first one
-        self._next_run = 0  # the line where another run begins
-        self.last = None
-        self._is_closed = False
+        self.problem, self.first_damaged, self.last = "", 0, None
+        is_closed, damaged = False, 0
         self._file.seek(self._begin)
         for line, text in enumerate(self._file, start=2):
-            if words and not any(word in text for word in words) and b'"orvin-recording"' not in text:
-                continue
             try:
                 entry = json.loads(text)
                 if "orvin-recording" in entry:
-                    self._next_run = line
+                    self.problem = self.problem or f"line {line}: another run begins, which is left out"
                     return
                 event = self._event(line, entry)
             except DAMAGE:
                 self._by = []  # others may have stood there
                 if text.endswith(b"\n"):  # else the recording was cut off here
-                    self._damaged += 1
-                    self.first_damaged = self.first_damaged or line
+                    self.first_damaged, damaged = self.first_damaged or line, damaged + 1
+                    more = f" and {damaged - 1} more" if damaged > 1 else ""
+                    self.problem = f"line {self.first_damaged}{more}: damaged, and left out"
                 continue
             if event:
                 self.last = event
-                self._is_closed |= event.name == "TalmApiClose"
+                is_closed |= event.name == "close"
                 yield event
+        if self.last and not is_closed:
+            self.problem = self.problem or f"line {self.last.line}: cut off, the session does not end"
 
     def _event(self, line: int, entry: Fields) -> Call | Callbacks | None:
         for key, value in entry.items():
-            if not {*map(type, value if key in LISTS else (value,))} <= TYPES.get(key, INTEGER):
+            if not {*map(type, value if key in LISTS else (value,))} <= TYPES.get(key, {int}):
                 raise TypeError
         if "acknowledged" in entry:
             return self._acknowledgements(line, entry)
@@ -133,58 +149,29 @@ class Recording:
         if "number" in entry:
             self._names[entry["number"]] = entry["device"]
             return None
-        thread, at, took = entry.get("thread", 1), _microseconds(entry["t"]), _microseconds(entry.get("took", 0))
-        result = entry.get("result", 0)
+        thread, at, result = entry.get("thread", 1), _microseconds(entry["t"]), entry.get("result", 0)
         if "call" not in entry:
             name = entry["callback"]
             number = entry[{TRANSFER: "packet", BUS_CHANGE: "event"}[name]]
-            return Callbacks(line, name, result, number, [thread], [at], [entry["device"]])
-        name = entry["call"]
-        is_about_bus = name.startswith("TalmApi") and name != "TalmApiIsTalm"
-        device = entry.get("device") if is_about_bus else entry["device"]
-        packet = entry["packet"] if name == "ImageTransfer_data" else -1
-        return Call(line, thread, at, took, name, device, result, packet, entry)
+            return Callbacks(line, name, result, number, {thread}, [at], [entry["device"]])
+        took, (name, step) = _microseconds(entry.get("took", 0)), CALLS.get(entry["call"], ("", ""))
+        device, packet = entry.get("device", ""), entry.get("packet", -1)
+        return Call(line, thread, at, took, name, step, device, result, packet, entry)
 
-    def _acknowledgements(self, line: int, entry: Fields) -> Callbacks | None:
+    def _acknowledgements(self, line: int, entry: Fields) -> Callbacks:
         if entry.get("by"):
             self._by = [self._names[number] for number in entry["by"]]
-        devices, after, marks = self._by, entry["after"], entry.get("threads", "").replace("?", "0")
+        devices, after, marks = self._by, entry["after"], entry.get("threads", "")
         times = [*accumulate(after, initial=_microseconds(entry["t"]))][1:]
-        threads = [int(mark, 36) for mark in marks] or [entry.get("thread", 1)] * len(after)
-        if not len(threads) == len(times) == len(devices):
+        threads = {int(mark, 36) for mark in marks.replace("?", "0")} or {entry.get("thread", 1)}
+        if not 0 < len(marks or times) == len(times) == len(devices):
             raise ValueError
-        if not times:
-            return None
         if min(after) < 0:
             order = sorted(range(len(times)), key=times.__getitem__)
-            times, threads, devices = ([each[i] for i in order] for each in (times, threads, devices))
+            times, devices = [times[i] for i in order], [devices[i] for i in order]
         if times[0] < 0 or times[-1] > LONGEST:
             raise ValueError
         return Callbacks(line, TRANSFER, 0, entry["acknowledged"], threads, times, devices)
-
-
-def _open(path: str) -> IO[bytes]:
-    file: IO[bytes] = open(path, "rb")
-    if file.seekable():
-        return file
-    with file:
-        copy = tempfile.TemporaryFile()
-        shutil.copyfileobj(file, copy)
-    copy.seek(0)
-    return copy
-
-
-def _header(text: bytes) -> tuple[str, list[str]]:
-    """When the run started, and its command."""
-    try:
-        header = json.loads(text)
-        version = header["orvin-recording"]
-        result = str(header.get("started", "")), [str(word) for word in header.get("command", [])]
-    except DAMAGE:
-        raise Unreadable("line 1: not a recording") from None
-    if version != VERSION:
-        raise Unreadable(f"line 1: a recording of version {version}; this program reads version {VERSION}")
-    return result
 
 
 def _in_order(events: Iterable[Call | Callbacks]) -> Iterator[Call | Callbacks]:
@@ -201,8 +188,8 @@ def _in_order(events: Iterable[Call | Callbacks]) -> Iterator[Call | Callbacks]:
             _, order, callbacks = heappop(waiting)
             early = bisect(callbacks.times, event.at)
             if early < len(callbacks.times):
-                late, callbacks = callbacks.part(early, len(callbacks.times)), callbacks.part(0, early)
-                heappush(waiting, (late.times[0], order, late))
+                heappush(waiting, (callbacks.times[early], order, callbacks.part(slice(early, None))))
+                callbacks = callbacks.part(slice(early))
             yield callbacks
         yield event
     while waiting:

@@ -1,10 +1,10 @@
 """Tells in words, or as an object for JSON, what an analysis found."""
 
 import textwrap
-from typing import Any
+from collections.abc import Sequence
 
 from .analysis import MOMENTS, Analysis, Device, Phase, percentile, printable
-from .reader import VERSIONS
+from .reader import VERSIONS, Fields
 
 WIDTH = 100  # of the terminal
 MUCH = 0.1  # of the run: what takes more is named in the first sentence
@@ -17,13 +17,13 @@ def _seconds(microseconds: float) -> float:
     return round(microseconds / 1e6, 6)
 
 
-def _columns(device: Device) -> dict[str, float | None]:
-    """By the names that they have in JSON, in the order of the titles."""
-    needed = [_seconds(percentile(device.needed, part)) if device.needed else None for part in (50, 99, 100)]
-    counts = [*map(device.count, MOMENTS), device.failed_calls]
+def _columns(device: Device, unit: float) -> dict[str, float | None]:
+    """By the names that they have in JSON, in the order of the titles. The unit is that of the acknowledgements."""
+    needed = [percentile(device.needed, part) / unit if device.needed else None for part in (50, 99, 100)]
+    counts = [sum(mark.count for mark in device.marks[kind]) for kind in MOMENTS]
     kinds = device.marks["check"], device.marks["away"]
     lasted = [_seconds(sum(mark.end - mark.begin for mark in kind)) if kind else None for kind in kinds]
-    return dict(zip(COLUMNS, [*needed, *counts, *lasted], strict=True))
+    return dict(zip(COLUMNS, [*needed, *counts, device.failed_calls, *lasted], strict=True))
 
 
 def about(analysis: Analysis) -> str:
@@ -50,7 +50,7 @@ def _blame(device: Device) -> str:
     return f"{device.total / 1e6:.1f} for {device.title} ({most}{dropped})"
 
 
-def as_object(analysis: Analysis) -> dict[str, Any]:
+def as_object(analysis: Analysis) -> Fields:
     """For programs. Times are seconds."""
     return {
         "answer": answer(analysis),
@@ -67,11 +67,11 @@ def as_object(analysis: Analysis) -> dict[str, Any]:
     }
 
 
-def _device_object(device: Device) -> dict[str, Any]:
+def _device_object(device: Device) -> Fields:
     return {
         "device": device.id,
         "name": device.name,
-        **_columns(device),
+        **_columns(device, 1e6),
         "seconds": {name: _seconds(device.cost[name]) for name in COSTS} | {"sum": _seconds(device.total)},
         "versions_before": device.before,
         "versions_after": device.after,
@@ -87,36 +87,27 @@ def as_text(analysis: Analysis) -> str:
         _row("seconds", ["from", "to", "took", "packets"], 60),
         *(_phase_row(phase) for phase in analysis.phases),
         "\n" + _row("seconds", [*(name.replace("_", " ") for name in COSTS), "sum"]),
-        *(_row(device.title, _tenths(*(device.cost[name] for name in COSTS), device.total)) for device in devices),
-        *(_row(f"the tool, {step}", _tenths(time), 40) for step, time in analysis.tool.cost.items()),
+        *(_row(device.title, [*(device.cost[name] / 1e6 for name in COSTS), device.total / 1e6]) for device in devices),
+        *(_row(f"the tool, {step}", [time / 1e6], 40) for step, time in analysis.tool.cost.items()),
         f"\n{'':28}{'acknowledged, ms':>24}{'sent':>8}{'go':>8}{'calls':>16}{'seconds':>16}",
         _row("device", TITLES),
-        *(_row(device.title, [_cell(*column) for column in _columns(device).items()]) for device in devices),
+        *(_row(device.title, [*_columns(device, 1e3).values()]) for device in devices),
         "",
         *(f"{device.title[:27]:28}{what}" for device in devices for what in _story(device)),
     ]
     return "\n".join(lines)
 
 
-def _row(title: str, cells: list[str], width: int = 28) -> str:
+def _row(title: str, cells: Sequence[object], width: int = 28) -> str:
     room = (WIDTH - width) // len(cells)
-    return f"{title[:width - 1]:{width}}" + "".join(f"{cell:>{room}}" for cell in cells).rstrip()
-
-
-def _tenths(*times: float) -> list[str]:
-    return [f"{time / 1e6:.1f}" for time in times]
+    texts = (f"{cell:.1f}" if isinstance(cell, float) else "-" if cell is None else str(cell) for cell in cells)
+    return f"{title[:width - 1]:{width}}" + "".join(f"{text:>{room}}" for text in texts).rstrip()
 
 
 def _phase_row(phase: Phase) -> str:
     times = [f"{time / 1e6:.3f}" for time in (phase.begin, phase.end, phase.end - phase.begin)]
     packets = f"{phase.packets or ''}{', the last refused' if phase.is_refused else ''}"
     return _row(phase.title, [*times, packets], 60)
-
-
-def _cell(name: str, value: float | None) -> str:
-    if not isinstance(value, float):
-        return "-" if value is None else str(value)
-    return f"{value * 1e3 if name.startswith('acknowledge') else value:.1f}"
 
 
 def _story(device: Device) -> list[str]:
