@@ -48,7 +48,10 @@ orvin() { # NUMBER [FAULTS]
 
 run 0 examples/fleet/rehearse .
 expect 'east: \{ "Orvins": "2 new \(2 updated\)"\} north: \{ "Orvins": "2 new \(2 updated\)"\} south: '
+# No other user can take the lock, or see what is kept.
+chmod 755 .
 [ "$(stat -c %a north/state)" = 700 ]
+[ "$(id -u)" -ne 0 ] || ! setpriv --reuid=65534 --regid=65534 --clear-groups flock --nonblock north/state/lock true
 
 # After the verification, an attacker renames another image over a verified one.
 export ODD="- \"{{ 1 }}\" \$(x).img"
