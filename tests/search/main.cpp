@@ -34,7 +34,7 @@ void nameCurrent(int /*signal*/) {
 struct Search {
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
-    Findings (*findWrong)(const Case&, const ToolRun&) = brokenPromises;
+    Findings (*findWrong)(const Case&, const ToolRun&) = nullptr;
     std::uint64_t next = 0;
     std::uint64_t ran = 0;
     std::uint64_t wrong = 0;
@@ -152,19 +152,19 @@ const std::map<std::string, void (*)(Search&)> searches = {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::map<std::string, decltype(Search::findWrong)> questions = {
+        {"", brokenPromises}, {"repeat", differencesWhenRepeated}, {"check", wrongAccusations}};
     const auto chosen = searches.find(argc > 1 ? argv[1] : "");
-    if (chosen == searches.end() || argc == 3 || argc > 5) {
+    const auto question = questions.find(argc > 4 ? argv[4] : "");
+    if (chosen == searches.end() || question == questions.end() || argc == 3 || argc > 5) {
         std::cerr << "The usage is in tests/search/main.cpp.\n";
         return 2;
     }
     Search search;
+    search.findWrong = question->second;
     if (argc > 3) {
         search.part = std::stoull(argv[2]);
         search.parts = std::stoull(argv[3]);
-    }
-    if (argc > 4) {
-        search.findWrong =
-            argv[4] == std::string("repeat") ? differencesWhenRepeated : wrongAccusations;
     }
     for (const int signal : {SIGALRM, SIGSEGV, SIGABRT}) {
         std::signal(signal, nameCurrent);

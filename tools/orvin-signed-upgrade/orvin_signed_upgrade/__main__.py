@@ -70,15 +70,20 @@ class Upgrade:
             with suppress(FileNotFoundError):
                 os.unlink(self._path(self._report_name()))  # that of the last upgrade
             self._status = self._try()
-        except files.Refused as refused:
-            self._status, self._report.problem = REFUSED, f"nothing is upgraded: {refused}"
         except tool.NoListing as problem:
             self._status, self._report.problem = self._status_of(problem), str(problem)
+        except files.Refused as refused:
+            self._give_up(str(refused))
         except OSError as error:
-            what = f"{error.filename or self._arguments.directory}: {error.strerror}"
-            self._status, self._report.problem = REFUSED, f"nothing is upgraded: {what}"
+            self._give_up(f"{error.filename or self._arguments.directory}: {error.strerror}")
         self._leave()
         return self._status
+
+    def _give_up(self, reason: str) -> None:
+        """Also after an image was sent, such as when the disk is full."""
+        is_sent = bool(self._report.runs)
+        self._status = BROKEN_OFF if is_sent else REFUSED
+        self._report.problem = reason if is_sent else f"nothing is upgraded: {reason}"
 
     def _try(self) -> int:
         report = self._report
@@ -217,6 +222,11 @@ class Upgrade:
         return os.path.join(self._arguments.directory, name)
 
 
+def _complain(what: str) -> None:
+    with suppress(OSError):  # its reader may be gone; the exit status tells it, too
+        print(f"orvin-signed-upgrade: {what}", file=sys.stderr, flush=True)
+
+
 def main(version: str) -> int:
     arguments = _parse(version)
     os.umask(0o077)
@@ -227,9 +237,9 @@ def main(version: str) -> int:
         files.make_private(arguments.directory)
         lock = files.lock(os.path.join(arguments.directory, "lock"))
     except files.Busy:
-        print("orvin-signed-upgrade: another upgrade is running", file=sys.stderr)
+        _complain("another upgrade is running")
         return BUSY
     except (files.Refused, OSError) as error:
-        print(f"orvin-signed-upgrade: nothing is upgraded: {error}", file=sys.stderr)
+        _complain(f"nothing is upgraded: {error}")
         return NOT_BEGUN
     return Upgrade(arguments, lock, tool.Stop()).run()

@@ -8,6 +8,13 @@ from collections.abc import Mapping
 from . import files
 
 JOURNAL = "/run/systemd/journal/socket"
+HELP = {  # of the metrics
+    "in_progress": "Whether an upgrade is running.",
+    "end_timestamp_seconds": "When the last upgrade ended.",
+    "duration_seconds": "How long the last upgrade took.",
+    "exit_status": "How the last upgrade ended; 0 when all expected devices are new.",
+    "devices": "Devices of the last upgrade.",
+}
 
 
 def say(line: str) -> None:
@@ -45,15 +52,6 @@ def write_metrics(path: str, values: Mapping[str, float]) -> None:
         files.replace(path, "\n".join(lines) + "\n", mode=0o644)
     except OSError as error:
         say(f"Attention: {path} cannot be written: {error.strerror}")
-
-
-HELP = {
-    "in_progress": "Whether an upgrade is running.",
-    "end_timestamp_seconds": "When the last upgrade ended.",
-    "duration_seconds": "How long the last upgrade took.",
-    "exit_status": "How the last upgrade ended; 0 when all expected devices are new.",
-    "devices": "Devices of the last upgrade.",
-}
 
 
 def _send(address: str, text: str) -> None:

@@ -107,15 +107,16 @@ class Report:
         return "; ".join([self.problem, *parts] if self.problem else parts)
 
     def _blame(self, id: str) -> str:
-        steps = [self._entry(id, image, self._run_of(image)) for image in self.images]
+        steps = [self._entry(id, image) for image in self.images]
         why = [f"{entry['file']} {entry['failed'] or 'not sent'}" for entry in steps if entry["state"] == OLD]
         return self.title(id) + (f" ({', '.join(why)})" if why else "")
 
     def _run_of(self, image: SignedImage) -> Optional[Run]:
         return next((run for run in self.runs if run.image is image), None)
 
-    def _entry(self, id: str, image: SignedImage, run: Optional[Run]) -> dict[str, Any]:
+    def _entry(self, id: str, image: SignedImage) -> dict[str, Any]:
         """`failed` is the step, or none."""
+        run = self._run_of(image)
         state, failed = self.state(id, image), run.failures.get(id) if run else None
         was_sent = (
             run is not None
@@ -157,7 +158,7 @@ class Report:
                     "name": name,
                     "before": self.before[id].versions if id in self.before else None,
                     "after": self.after[id].versions if self.after and id in self.after else None,
-                    "images": [self._entry(id, image, self._run_of(image)) for image in self.images],
+                    "images": [self._entry(id, image) for image in self.images],
                 }
                 for id, name in self.expected.items()
             ],
