@@ -48,7 +48,7 @@ EndsItselfAtVersionAndHelp() {
 
 TellsTheVersionOfThePackageAndItsHelp() {
     local name
-    for name in orvin-image orvin-record orvin-recording orvin-firmware-upgrade-sim; do
+    for name in orvin-image orvin-record orvin-recording orvin-signed-upgrade orvin-firmware-upgrade-sim; do
         expect 0 "$name --help" "sage: $name "
         expect 0 "$name --version"
         contains_only stdout "$name $version$nl"
@@ -140,6 +140,8 @@ RecordingShowsWhatWentWrongAndBringsItBack() {
     expect 139 "orvin-record recording ${upgrade}bus.json >first"
     expect 0 'orvin-recording summary recording' Gate 'fault 3' Hall '00000001 -> 00000007'
     expect 0 "PYTHONPATH=$prefix/share/orvin-firmware-upgrade-sim python3 ${0%/*}/recording_test.py recording"
+    expect 0 'for it in summary check; do orvin-recording $it --json recording | python3 -m json.tool; done' \
+        '"seconds": {' '"state": "kept"'
     expect 0 'orvin-recording plot recording -o recording.svg'
     expect 0 'python3 -c "import xml.dom.minidom as xml; xml.parse(\"recording.svg\")"'
     # It may take a second more or less, and ask the restarting device once more.

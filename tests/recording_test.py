@@ -4,9 +4,11 @@ import json
 import re
 import sys
 
+from orvin_recording.analysis import Analysis
 from orvin_recording.check import Check
 from orvin_recording.plot import Axis
 from orvin_recording.reader import Recording
+from orvin_recording.summary import as_object
 
 EDITED = "edited"
 IDENTIFIER = ":".join(["0a", *["00"] * 15, "01"])
@@ -59,6 +61,15 @@ def test_check(path: str) -> None:
         assert found == broken, f"{found}, not {broken}, in {EDITED}"
 
 
+def test_sums(path: str) -> None:
+    """The rows add up to the run, and going back belongs to the device that asked."""
+    run = as_object(Analysis(Recording(path)))
+    rows = [device["seconds"] for device in run["devices"]]
+    times = [*run["tool"].values(), *(row["sum"] for row in rows)]
+    assert round(sum(times) - run["seconds"], 3) == 0, run
+    assert [row["go_back"] >= 0.003 for row in rows] == [False, True], rows
+
+
 def test_axis() -> None:
     """Ten seconds on 1,000 pixels, nine seconds of which only wait."""
     second = 1_000_000.0
@@ -72,4 +83,5 @@ def test_axis() -> None:
 
 
 test_check(sys.argv[1])
+test_sums(sys.argv[1])
 test_axis()
